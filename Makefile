@@ -1,0 +1,51 @@
+# The front door. `make demo` runs the helper on a simulated device and drives
+# it; `make test` runs the whole test suite, then again under AddressSanitizer
+# and UndefinedBehaviorSanitizer. Both install missing Debian packages first.
+
+BUILD      ?= build
+BUILD_SAN  ?= build-sanitize
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+.PHONY: all deps build demo test test-fast test-sanitize fuzz format lint clean install
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	$(BUILD)/bin/vtldctl demo
+
+test-fast: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+$(BUILD_SAN)/CMakeCache.txt: | deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug \
+	  -DVTL_SANITIZE=ON $(CMAKE_ARGS)
+
+test-sanitize: deps $(BUILD_SAN)/CMakeCache.txt
+	cmake --build $(BUILD_SAN) -j $(JOBS)
+	cd $(BUILD_SAN) && ctest --output-on-failure -j $(JOBS)
+
+test: test-fast test-sanitize
+
+fuzz: deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DVTL_FUZZ=ON -DVTL_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS)
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+lint: build
+	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+	git ls-files '*.cpp' | grep -v '^fuzz/' | xargs clang-tidy -p $(BUILD) --quiet
+
+clean:
+	rm -rf $(BUILD) $(BUILD_SAN) build-fuzz

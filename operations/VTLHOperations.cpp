@@ -1,0 +1,104 @@
+#include "operations/VTLHOperations.h"
+
+#include <dirent.h>
+
+#include <memory>
+#include <string_view>
+
+#include "operations/file_layer.h"
+#include "service/VTLLog.h"
+
+namespace vtl {
+namespace {
+
+constexpr std::string_view kPreferencesFile = "com.tessal.Vantrel.plist";
+constexpr std::string_view kRootPreferences = "/var/root/Library/Preferences/";
+constexpr std::string_view kMobilePreferences = "/var/mobile/Library/Preferences/";
+constexpr std::string_view kMobile = "mobile";
+constexpr std::string_view kStagingName = "VTL_staging";
+constexpr std::string_view kLogEntryPrefix = "vtld-";
+// Group and others gain read, write and search; the owner's bits and the
+// set-id and sticky bits stay as they were.
+constexpr mode_t kMobileWritableBits = 077;
+// Directories the helper creates before widening them.
+constexpr mode_t kNewDirectoryMode = 0755;
+
+}  // namespace
+
+VTLHOperations& VTLHOperations::sharedInstance() {
+  static VTLHOperations* const instance = new VTLHOperations();
+  return *instance;
+}
+
+bool VTLHOperations::migratePreferencesFile() {
+  const std::string source = files::join(kRootPreferences, kPreferencesFile);
+  const std::string destination = files::join(kMobilePreferences, kPreferencesFile);
+  if (!files::exists(source)) return false;
+  // A second migration is a failed call, never an overwrite.
+  if (files::exists(destination)) return false;
+  if (files::move_no_replace(source, destination) != 0) {
+    VTLLog("Couldn't move %@ to %@", source, destination);
+    return false;
+  }
+  if (files::set_owner_by_name(destination, kMobile, kMobile) != 0) {
+    VTLLog("Couldn't change ownership for %@", destination);
+    return false;
+  }
+  return true;
+}
+
+bool VTLHOperations::prepareDirectory_writableByMobile(const std::string* path,
+                                                       bool writableByMobile) {
+  if (path == nullptr) return false;
+  const std::string& directory = *path;
+  // Whatever already stands at the path, a regular file included, is taken
+  // as it is.
+  if (!files::exists(directory)) {
+    if (files::make_directories(directory, kNewDirectoryMode) != 0) return false;
+  }
+  if (writableByMobile) {
+    // These two messages get the path for their "%s" and no method name: the
+    // helper has always logged them so, and log readers match on it.
+    std::optional<struct stat> st = files::attributes(directory);
+    if (!st) {
+      VTLLog("%s: Cannot get attribute from %@", directory);
+      return false;
+    }
+    const auto mode = static_cast<mode_t>(((st->st_mode & 07777) | kMobileWritableBits) & 0xFFFF);
+    if (int error = files::set_mode(directory, mode); error != 0) {
+      VTLLog("%s: Cannot set attribute for %@ - %@", directory, files::error_description(error));
+      return false;
+    }
+  }
+  // A new staging always starts clean: whatever an unfinished one left goes.
+  const std::string staging = files::join(directory, kStagingName);
+  if (files::exists(staging)) {
+    if (int error = files::remove_tree(staging); error != 0) {
+      VTLLog("%s: Could not remove the path %@ with error - %@(0x%x)",
+             "-[VTLHOperations prepareDirectory:writableByMobile:]", staging,
+             files::error_description(error), error);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool VTLHOperations::prepareLogContainer(const std::string* path) {
+  if (!prepareDirectory_writableByMobile(path, true)) return false;
+  std::unique_ptr<DIR, decltype(&closedir)> dir(::opendir(path->c_str()), closedir);
+  if (!dir) return true;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string_view name = entry->d_name;
+    if (!name.starts_with(kLogEntryPrefix)) continue;
+    // Best effort by design: an entry that cannot be re-owned is left as it is.
+    static_cast<void>(files::set_owner_by_name(files::join(*path, name), kMobile, kMobile));
+  }
+  return true;
+}
+
+bool VTLHOperations::removeDirectory(const std::string* path) {
+  if (path == nullptr || !files::exists(*path)) return true;
+  return files::remove_tree(*path) == 0;
+}
+
+}  // namespace vtl

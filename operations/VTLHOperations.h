@@ -1,0 +1,41 @@
+// VTLHOperations: the helper's root-only actions. Every command that does real
+// work ends in one of these. Paths come from the client; a missing parameter
+// arrives as nullptr.
+//
+// Failures are returned as false and logged here, through VTLLog; nothing is
+// thrown. Effects made before a failure stay (a created directory, a changed
+// mode, a moved file).
+//
+// Links: the final component of a client-supplied path is never followed when
+// ownership or mode is changed. A symbolic link counts as something that
+// exists, is removed as itself, and cannot be given a mode (Linux has no
+// lchmod), so widening a link fails instead of widening what it points to.
+#pragma once
+
+#include <string>
+
+namespace vtl {
+
+class VTLHOperations {
+ public:
+  static VTLHOperations& sharedInstance();
+
+  // Moves "com.tessal.Vantrel.plist" from root's preferences folder to
+  // mobile's and gives it to mobile. Never overwrites: false when the source
+  // is missing or the destination already exists.
+  bool migratePreferencesFile();
+  // Creates `path` if nothing is there (missing parents too, mode 0755), opens
+  // it to group and others when `writableByMobile`, and throws away any
+  // "VTL_staging" left inside it.
+  bool prepareDirectory_writableByMobile(const std::string* path, bool writableByMobile);
+  // Prepares `path` as above and gives every entry named "vtld-..." directly
+  // inside it to mobile.
+  bool prepareLogContainer(const std::string* path);
+  // Removes `path` with everything under it; true when nothing is there.
+  bool removeDirectory(const std::string* path);
+
+ private:
+  VTLHOperations() = default;
+};
+
+}  // namespace vtl

@@ -1,0 +1,41 @@
+// The file operations the helper's actions are made of, on plain POSIX calls.
+// Each returns 0 or an errno value, so that callers can log the platform's own
+// description of what went wrong (error_description).
+//
+// None follows a symbolic link in the final component of its path: a client
+// that plants a link where a container should be gets a failure, not a root
+// action on whatever the link names.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vtl::files {
+
+// Whether anything, a dangling symbolic link included, is at `path`.
+bool exists(const std::string& path);
+// The item's own attributes (lstat); nullopt and errno set when unreadable.
+std::optional<struct stat> attributes(const std::string& path);
+// Creates `path` and missing parents with `mode` (before the umask).
+int make_directories(const std::string& path, mode_t mode);
+// Sets the permission bits of a regular file or directory; a symbolic link or
+// special file gets EOPNOTSUPP.
+int set_mode(const std::string& path, mode_t mode);
+int set_owner(const std::string& path, uid_t uid, gid_t gid);
+// Gives `path` to the named user and group, looked up in the device's
+// accounts. ENOENT when either name is unknown.
+int set_owner_by_name(const std::string& path, std::string_view user, std::string_view group);
+// Removes `path` and everything under it; 0 when nothing was there.
+int remove_tree(const std::string& path);
+// Renames `from` to `to`, failing with EEXIST rather than replacing `to`.
+int move_no_replace(const std::string& from, const std::string& to);
+// `dir` joined with `name` as a path component.
+std::string join(std::string_view dir, std::string_view name);
+// The system's text for an errno value, e.g. "No such file or directory".
+std::string error_description(int error);
+
+}  // namespace vtl::files

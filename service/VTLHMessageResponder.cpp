@@ -1,0 +1,147 @@
+#include "service/VTLHMessageResponder.h"
+
+#include <array>
+#include <optional>
+
+#include "operations/VTLHOperations.h"
+#include "platform/code_signing.h"
+#include "platform/platform.h"
+#include "service/VTLLog.h"
+#include "service/krxdictConv.h"
+
+namespace vtl {
+namespace {
+
+constexpr const char* kEntitlement = "com.tessal.private.vantrel.vantreld";
+
+using Command = bool (VTLHMessageResponder::*)(const Value&);
+
+struct CommandEntry {
+  std::string_view name;
+  Command command;
+};
+
+// The commands a client can name, and nothing else: dispatch is by this table
+// alone, so a key that is not here can never reach a method.
+constexpr std::array kCommands = {
+    CommandEntry{"migratePreferencesFile:", &VTLHMessageResponder::migratePreferencesFile},
+    CommandEntry{"prepareLogContainer:", &VTLHMessageResponder::prepareLogContainer},
+    CommandEntry{"prepareWorkContainer:", &VTLHMessageResponder::prepareWorkContainer},
+    CommandEntry{"removeWorkContainer:", &VTLHMessageResponder::removeWorkContainer},
+};
+
+std::optional<Command> lookup(std::string_view name) {
+  for (const CommandEntry& entry : kCommands) {
+    if (entry.name == name) return entry.command;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+VTLHMessageResponder& VTLHMessageResponder::sharedInstance() {
+  // Never destroyed: the process may end by exit() from inside a request.
+  static VTLHMessageResponder* const instance = new VTLHMessageResponder();
+  return *instance;
+}
+
+bool VTLHMessageResponder::hasEntitlementVantreld() {
+  constexpr const char* kMethod = "-[VTLHMessageResponder hasEntitlementVantreld]";
+  std::shared_ptr<krx::Connection> peer = connection();
+  platform::CodeSigning* signing = platform::current().code_signing;
+  std::unique_ptr<platform::CodeSigning::Task> task;
+  if (peer && signing != nullptr) task = signing->task_from_audit_token(peer->audit_token());
+  if (!task) {
+    VTLLog("%s: Cannot create SecTask from audit token", kMethod);
+    return false;
+  }
+  std::optional<Value> value = task->copy_value_for_entitlement(kEntitlement);
+  if (!value) {
+    VTLLog("%s: No data received.", kMethod);
+    return false;
+  }
+  const bool* granted = value->boolean();
+  if (granted == nullptr) {
+    VTLLog("%s: format not correct: %@", kMethod, *value);
+    return false;
+  }
+  return *granted;
+}
+
+void VTLHMessageResponder::handleKRXMessage(const krx::Value& message) {
+  if (!hasEntitlementVantreld()) {
+    VTLLog("The client does not have proper entitlement");
+    return;
+  }
+  std::optional<Dictionary> request = krxdictConv::dictionaryWithKRXDictionary(message);
+  if (!request) return;
+
+  for (const auto& [key, parameter] : *request) {
+    if (key.empty()) {
+      VTLLog("selector is nil for %@", key);
+      return;
+    }
+    std::optional<Command> command = lookup(key);
+    if (!command) {
+      VTLLog("%@ does not respond to %@.", kClassName, key);
+      return;
+    }
+    if ((this->**command)(parameter)) {
+      sendPassResponse();
+    } else {
+      sendFailResponse();
+    }
+  }
+}
+
+void VTLHMessageResponder::send(std::string key, krx::Value value) {
+  if (std::shared_ptr<krx::Connection> peer = connection()) {
+    peer->send_message(krx::make_dictionary(std::move(key), std::move(value)));
+  }
+}
+
+void VTLHMessageResponder::sendPassResponse() { send("Response", true); }
+void VTLHMessageResponder::sendFailResponse() { send("Response", false); }
+void VTLHMessageResponder::sendProgress(std::int64_t percent) { send("Progress", percent); }
+void VTLHMessageResponder::sendData(std::span<const std::uint8_t> bytes) {
+  send("Data", krx::Data(bytes.begin(), bytes.end()));
+}
+
+// --- Commands ---------------------------------------------------------------
+
+bool VTLHMessageResponder::migratePreferencesFile(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder migratePreferencesFile:]",
+         parameter);
+  return VTLHOperations::sharedInstance().migratePreferencesFile();
+}
+
+bool VTLHMessageResponder::prepareLogContainer(const Value& parameter) {
+  constexpr const char* kMethod = "-[VTLHMessageResponder prepareLogContainer:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  const std::string* path = parameter.string();
+  if (path != nullptr) {
+    // A plain prefix test on the text, no normalisation: the log roots are the
+    // client's own, and the operation below only ever widens and re-owns.
+    const bool allowed = path->starts_with("/private/var/logs") || path->starts_with("/var/logs");
+    if (!allowed) {
+      VTLLog("%s: creating logs under %@ is not allowed.", kMethod, *path);
+      return false;
+    }
+  }
+  return VTLHOperations::sharedInstance().prepareLogContainer(path);
+}
+
+bool VTLHMessageResponder::prepareWorkContainer(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder prepareWorkContainer:]",
+         parameter);
+  return VTLHOperations::sharedInstance().prepareDirectory_writableByMobile(parameter.string(),
+                                                                             true);
+}
+
+bool VTLHMessageResponder::removeWorkContainer(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder removeWorkContainer:]",
+         parameter);
+  return VTLHOperations::sharedInstance().removeDirectory(parameter.string());
+}
+
+}  // namespace vtl

@@ -1,0 +1,65 @@
+// VTLHMessageResponder: the helper's single request dispatcher and its only way
+// of answering.
+//
+// A request is a dictionary whose keys name commands ("prepareWorkContainer:")
+// and whose values are their parameters. The responder checks the sender's
+// entitlement, converts the request, runs one command per key and answers each
+// with one "Response" message. Long commands also send "Progress" messages
+// through it.
+//
+// Threads: called only on the KRX event queue, one request at a time. It keeps
+// a single current connection, overwritten per request: the helper serves one
+// client (vtld) at a time, and replies go to whoever sent the request being
+// served.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "krx/connection.h"
+#include "krx/value.h"
+#include "service/value.h"
+
+namespace vtl {
+
+class VTLHMessageResponder {
+ public:
+  static VTLHMessageResponder& sharedInstance();
+
+  // Whether the peer of the current connection holds
+  // "com.tessal.private.vantrel.vantreld" set to true.
+  bool hasEntitlementVantreld();
+  // Runs one request. An unentitled sender gets no reply of any kind.
+  void handleKRXMessage(const krx::Value& message);
+
+  void sendPassResponse();
+  void sendFailResponse();
+  void sendProgress(std::int64_t percent);
+  void sendData(std::span<const std::uint8_t> bytes);
+
+  // The commands. Each logs its entry, unpacks its parameter and returns the
+  // result of the operation it calls.
+  bool migratePreferencesFile(const Value& parameter);
+  bool prepareLogContainer(const Value& parameter);
+  bool prepareWorkContainer(const Value& parameter);
+  bool removeWorkContainer(const Value& parameter);
+
+  // The connection replies go to. Weak: the responder never keeps a client's
+  // connection alive; replies due after the client has gone are dropped.
+  std::shared_ptr<krx::Connection> connection() const { return connection_.lock(); }
+  void setConnection(const std::shared_ptr<krx::Connection>& connection) {
+    connection_ = connection;
+  }
+
+  static constexpr std::string_view kClassName = "VTLHMessageResponder";
+
+ private:
+  VTLHMessageResponder() = default;
+  void send(std::string key, krx::Value value);
+
+  std::weak_ptr<krx::Connection> connection_;
+};
+
+}  // namespace vtl

@@ -1,0 +1,184 @@
+#include "tests/support/daemon.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/sim/device.h"
+
+namespace testsupport {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
+                        "/vtld-test-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
+  }
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  fs::remove_all(path_, ec);
+}
+
+std::string program_path(const std::string& name) { return std::string(VTL_BIN_DIR) + "/" + name; }
+
+std::string self_executable() {
+  std::error_code ec;
+  return fs::read_symlink("/proc/self/exe", ec).string();
+}
+
+Device::Device() {
+  platform::sim::DeviceOptions options;
+  options.entitled_clients.push_back(self_executable());
+  if (std::string err = platform::sim::create_device(root(), options); !err.empty()) {
+    throw std::runtime_error("cannot create a simulated device: " + err);
+  }
+  stderr_path_ = dir_.path() + ".stderr";
+}
+
+Device::~Device() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+  }
+  std::error_code ec;
+  fs::remove(stderr_path_, ec);
+}
+
+std::string Device::socket_path() const {
+  return platform::sim::service_socket_path(root(), "com.tessal.vantreldhelper");
+}
+
+void Device::start() {
+  const std::string helper = program_path("vtld_helper");
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    const int err = ::open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (err >= 0) ::dup2(err, 2);
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0) {
+      ::dup2(null, 0);
+      ::dup2(null, 1);
+    }
+    // An aborting helper must not leave a core file anywhere.
+    rlimit no_core{0, 0};
+    ::setrlimit(RLIMIT_CORE, &no_core);
+    // Inside its confinement the helper has no /proc for the leak checker to
+    // read at exit; leaks are checked by the in-process tests instead.
+    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+    ::execl(helper.c_str(), helper.c_str(), "--root", root().c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < deadline) {
+    struct stat st {};
+    if (::stat(socket_path().c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return;
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      throw std::runtime_error("vtld_helper ended before serving: " + system_log());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  throw std::runtime_error("vtld_helper did not create its socket: " + system_log());
+}
+
+bool Device::running() {
+  if (pid_ <= 0) return false;
+  int status = 0;
+  return ::waitpid(pid_, &status, WNOHANG) == 0;
+}
+
+int Device::terminate() {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, SIGTERM);
+  std::optional<int> status = wait_exit(std::chrono::seconds(20));
+  return status.value_or(-1);
+}
+
+std::optional<int> Device::wait_exit(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return status;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+std::string Device::system_log() const {
+  std::ifstream in(stderr_path_);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+bool Device::wait_for_log(const std::string& text, std::chrono::milliseconds timeout) const {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (system_log().find(text) != std::string::npos) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+std::string Device::log_file() const {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  ::localtime_r(&now, &local);
+  char name[64];
+  std::snprintf(name, sizeof name, "/vtld_helper-%04d%02d%02d.log", local.tm_year + 1900,
+                local.tm_mon + 1, local.tm_mday);
+  std::ifstream in(path("/private/var/logs/vtld") + name);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+krx::Client Device::connect() const {
+  std::string error;
+  std::optional<krx::Client> client = krx::Client::connect_path(socket_path(), &error);
+  if (!client) throw std::runtime_error("cannot connect: " + error);
+  return std::move(*client);
+}
+
+std::vector<krx::Value> request(krx::Client& client, const krx::Value& message, int responses,
+                                std::chrono::milliseconds idle) {
+  std::vector<krx::Value> received;
+  if (!client.send(message)) return received;
+  int seen = 0;
+  while (seen < responses) {
+    krx::Client::Received r = client.receive(idle);
+    auto* m = std::get_if<krx::Client::Message>(&r);
+    if (m == nullptr) break;
+    if (m->value.find("Response") != nullptr) ++seen;
+    received.push_back(std::move(m->value));
+  }
+  return received;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,79 @@
+// Test support: temporary directories, simulated devices, and the real
+// vtld_helper serving one over its socket.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "krx/client.h"
+#include "krx/value.h"
+
+namespace testsupport {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+ private:
+  std::string path_;
+};
+
+// Absolute path of a built program (vtld_helper, vtldctl) in the build tree.
+std::string program_path(const std::string& name);
+// Absolute path of the running test executable, as the kernel reports it.
+std::string self_executable();
+
+// A simulated device in a temporary directory with the running test program
+// entitled as a client, and the real helper serving it.
+class Device {
+ public:
+  Device();  // creates the device; does not start the helper
+  ~Device();  // stops the helper (SIGKILL if it does not end) and removes the device
+
+  const std::string& root() const { return dir_.path(); }
+  std::string path(const std::string& device_path) const { return root() + device_path; }
+  std::string socket_path() const;
+
+  // Starts vtld_helper --root on the device and waits for its socket.
+  // Standard error of the helper (its system log) is captured to a file.
+  void start();
+  bool running();
+  // Sends SIGTERM and waits; returns the wait status.
+  int terminate();
+  // Waits for the helper to end by itself; nullopt on time-out.
+  std::optional<int> wait_exit(std::chrono::milliseconds timeout);
+  pid_t pid() const { return pid_; }
+
+  // What the helper wrote to its system log (standard error) so far.
+  std::string system_log() const;
+  // Waits until the system log contains `text`; false on time-out.
+  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout =
+                                                 std::chrono::seconds(10)) const;
+  // Today's log file content ("" when absent).
+  std::string log_file() const;
+
+  krx::Client connect() const;
+
+ private:
+  TempDir dir_;
+  std::string stderr_path_;
+  pid_t pid_ = -1;
+};
+
+// Sends one request and collects messages until `responses` "Response"
+// messages arrived or nothing came for `idle`. Returns everything received.
+std::vector<krx::Value> request(krx::Client& client, const krx::Value& message,
+                                int responses = 1,
+                                std::chrono::milliseconds idle = std::chrono::seconds(10));
+
+}  // namespace testsupport

@@ -1,0 +1,97 @@
+// Process set-up: pick the platform, confine the helper to a simulated device
+// when asked to, then hand over to the helper's entry.
+//
+//   vtld_helper                 serve the Linux host (/run/krx, or the socket
+//                               the service manager hands over)
+//   vtld_helper --root DIR      serve the simulated device laid out in DIR
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/accounts.h"
+#include "platform/code_signing.h"
+#include "platform/platform.h"
+#include "platform/system_log.h"
+#include "service/VTLLogModel.h"
+#include "vtld_helper/vtld_helper.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: vtld_helper [--root DIR]\n"
+    "  --root DIR   serve the simulated device laid out in DIR (see `vtldctl sim create`);\n"
+    "               the helper confines itself to DIR before it serves\n";
+
+[[noreturn]] void fail(const std::string& message) {
+  std::fprintf(stderr, "vtld_helper: %s\n", message.c_str());
+  std::exit(1);
+}
+
+// Everything the helper needs from outside the device is opened here, before
+// chroot: the host's /proc (to identify clients by their executables) and the
+// zone information (log file names use the local date).
+void confine_to(const std::string& root, int* proc_fd) {
+  if (::geteuid() != 0) fail("must run as root: it confines itself to " + root + " with chroot");
+  *proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (*proc_fd < 0) fail(std::string("cannot open /proc: ") + std::strerror(errno));
+  ::tzset();
+  if (::chdir(root.c_str()) != 0) fail("cannot enter " + root + ": " + std::strerror(errno));
+  if (::chroot(".") != 0) fail("cannot confine to " + root + ": " + std::strerror(errno));
+  if (::chdir("/") != 0) fail(std::string("cannot enter the device root: ") + std::strerror(errno));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string root;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--root" && i + 1 < argc) {
+      root = argv[++i];
+    } else if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    } else {
+      std::fputs(kUsage, stderr);
+      return 2;
+    }
+  }
+
+  // Directories the helper makes are 0755 before any widening; nothing it
+  // creates should inherit a caller's looser mask.
+  ::umask(022);
+  // A client that goes away mid-reply must not take the helper with it.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  std::unique_ptr<platform::SystemLog> system_log;
+  int proc_fd = -1;
+  if (!root.empty()) {
+    system_log = platform::make_stderr_system_log();
+    confine_to(root, &proc_fd);
+  } else {
+    system_log = platform::make_syslog_system_log("vtld_helper");
+    proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+
+  // Inside the device (or on the host) every absolute path now means what it
+  // means on the handset, so both backends read the same places.
+  // Never destroyed: the helper ends by exit() from its event queue, and
+  // nothing may be torn down under a request still being served.
+  auto* the_platform = new platform::Platform();
+  the_platform->system_log = system_log.release();
+  the_platform->accounts = platform::make_passwd_accounts("/").release();
+  the_platform->code_signing = platform::make_entitlement_files("/", proc_fd).release();
+  platform::install(the_platform);
+  vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);
+
+  vtl::VTLH_main(argv[0]);
+}
