@@ -1,0 +1,261 @@
+// The real helper on a simulated device, driven over its socket: start-up and
+// logging, entitlements bound to the executable, the container commands, and
+// how it ends.
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <openssl/evp.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/sim/device.h"
+#include "tests/support/daemon.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testsupport::Device;
+using testsupport::request;
+
+krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
+  krx::Dictionary d;
+  for (const auto& e : entries) d.emplace_back(e.first, e.second);
+  return krx::Value(std::move(d));
+}
+
+const krx::Value kTrue = dict({{"Response", true}});
+const krx::Value kFalse = dict({{"Response", false}});
+
+std::string sha256_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  const std::string bytes = ss.str();
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  EVP_Digest(bytes.data(), bytes.size(), digest, &size, EVP_sha256(), nullptr);
+  std::string hex;
+  for (unsigned i = 0; i < size; ++i) {
+    char b[3];
+    std::snprintf(b, sizeof b, "%02x", digest[i]);
+    hex += b;
+  }
+  return hex;
+}
+
+struct stat stat_of(const std::string& path) {
+  struct stat st {};
+  EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
+  return st;
+}
+
+class HelperTest : public ::testing::Test {
+ protected:
+  void SetUp() override { device_.start(); }
+
+  // Replaces the test program's entitlements file.
+  void entitle(const vtl::Dictionary& entitlements, const std::string& sha256 = "") {
+    fs::remove_all(device_.path("/etc/krx/entitlements.d"));
+    fs::create_directories(device_.path("/etc/krx/entitlements.d"));
+    ASSERT_EQ(platform::sim::write_entitlements_file(device_.root(), "test",
+                                                     testsupport::self_executable(), sha256,
+                                                     entitlements),
+              "");
+  }
+
+  Device device_;
+};
+
+TEST_F(HelperTest, StartsConfinedAndLogsToSystemLogThenToTheDailyFile) {
+  // Confined: the helper's root is the device.
+  EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(device_.pid()) + "/root"),
+            fs::canonical(device_.root()));
+  krx::Client client = device_.connect();
+  EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+  const std::string log = device_.log_file();
+  EXPECT_NE(log.find(" Entering -[VTLHMessageResponder removeWorkContainer:] with parameter: "
+                     "/private/var/none\n"),
+            std::string::npos)
+      << log;
+  // The start line predates file logging: system log only.
+  EXPECT_NE(device_.system_log().find("vtld_helper started"), std::string::npos);
+  EXPECT_EQ(log.find("started"), std::string::npos);
+  // Every file line is "<date> <message>".
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_TRUE(line.size() > 26 && line[4] == '-' && line.substr(19, 7) == " +0000 ") << line;
+  }
+}
+
+TEST_F(HelperTest, EntitlementIsBoundToTheExecutable) {
+  const std::string me = testsupport::self_executable();
+  krx::Client client = device_.connect();
+  const krx::Value probe = dict({{"removeWorkContainer:", "/private/var/none"}});
+  struct Case {
+    const char* name;
+    vtl::Dictionary entitlements;
+    std::string sha256;
+    bool answered;
+  };
+  const Case cases[] = {
+      {"granted", {{platform::sim::kClientEntitlement, vtl::Value(true)}}, "", true},
+      {"granted, digest matches",
+       {{platform::sim::kClientEntitlement, vtl::Value(true)}},
+       sha256_file(me),
+       true},
+      {"granted to another build of the program",
+       {{platform::sim::kClientEntitlement, vtl::Value(true)}},
+       std::string(64, '0'),
+       false},
+      {"false", {{platform::sim::kClientEntitlement, vtl::Value(false)}}, "", false},
+      {"not a boolean", {{platform::sim::kClientEntitlement, vtl::Value(1)}}, "", false},
+      {"absent", {{"com.tessal.other", vtl::Value(true)}}, "", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    entitle(c.entitlements, c.sha256);
+    std::vector<krx::Value> replies = request(client, probe, 1, c.answered ? 10s : 500ms);
+    EXPECT_EQ(replies, c.answered ? std::vector{kTrue} : std::vector<krx::Value>{});
+  }
+  EXPECT_TRUE(device_.wait_for_log("The client does not have proper entitlement"));
+  EXPECT_TRUE(device_.wait_for_log(
+      "-[VTLHMessageResponder hasEntitlementVantreld]: format not correct: 1"));
+  EXPECT_TRUE(
+      device_.wait_for_log("-[VTLHMessageResponder hasEntitlementVantreld]: No data received."));
+  // No entitlements file names the program at all.
+  fs::remove_all(device_.path("/etc/krx/entitlements.d"));
+  EXPECT_TRUE(request(client, probe, 1, 500ms).empty());
+  EXPECT_TRUE(device_.running());
+}
+
+TEST_F(HelperTest, PreferencesMigrateOnceToMobile) {
+  const std::string source = device_.path("/private/var/root/Library/Preferences/com.tessal.Vantrel.plist");
+  const std::string destination =
+      device_.path("/private/var/mobile/Library/Preferences/com.tessal.Vantrel.plist");
+  krx::Client client = device_.connect();
+  EXPECT_EQ(request(client, dict({{"migratePreferencesFile:", true}})), std::vector{kTrue});
+  EXPECT_FALSE(fs::exists(source));
+  const struct stat st = stat_of(destination);
+  EXPECT_EQ(st.st_uid, 501u);
+  EXPECT_EQ(st.st_gid, 501u);
+  // A second migration finds no source.
+  EXPECT_EQ(request(client, dict({{"migratePreferencesFile:", true}})), std::vector{kFalse});
+  // Source and destination both present: nothing is touched.
+  std::ofstream(source) << "new";
+  EXPECT_EQ(request(client, dict({{"migratePreferencesFile:", true}})), std::vector{kFalse});
+  EXPECT_TRUE(fs::exists(source));
+  EXPECT_NE(fs::file_size(destination), 3u);
+}
+
+TEST_F(HelperTest, ContainerCommandsOnTheDevice) {
+  krx::Client client = device_.connect();
+  fs::create_directories(device_.path("/private/var/logs/client"));
+  std::ofstream(device_.path("/private/var/logs/client/vtld-1.log")) << "x";
+  fs::create_directories(device_.path("/private/var/Work/VTL_staging/old"));
+  struct Case {
+    std::string command;
+    std::string path;
+    krx::Value reply;
+  };
+  const Case cases[] = {
+      {"prepareWorkContainer:", "/private/var/Work", kTrue},
+      {"prepareLogContainer:", "/var/logs/client", kTrue},
+      {"prepareLogContainer:", "/private/var/logs/new/deeper", kTrue},
+      {"prepareLogContainer:", "/tmp/x", kFalse},
+      {"prepareWorkContainer:", "/etc/passwd/x", kFalse},
+      {"removeWorkContainer:", "/private/var/logs/new", kTrue},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(request(client, dict({{c.command, c.path}})), std::vector{c.reply})
+        << c.command << " " << c.path;
+  }
+  EXPECT_EQ(stat_of(device_.path("/private/var/Work")).st_mode & 07777, 0777u);
+  EXPECT_FALSE(fs::exists(device_.path("/private/var/Work/VTL_staging")));
+  EXPECT_EQ(stat_of(device_.path("/private/var/logs/client/vtld-1.log")).st_uid, 501u);
+  EXPECT_FALSE(fs::exists(device_.path("/private/var/logs/new")));
+  EXPECT_FALSE(fs::exists(device_.path("/tmp/x")));
+  EXPECT_TRUE(device_.wait_for_log(
+      "-[VTLHMessageResponder prepareLogContainer:]: creating logs under /tmp/x is not allowed."));
+}
+
+TEST_F(HelperTest, UnsupportedValuesAreDroppedAndTheRestRuns) {
+  krx::Client client = device_.connect();
+  const krx::Value message =
+      dict({{"prepareWorkContainer:", "/private/var/W"},
+            {"blob", krx::Data{1}},
+            {"migratePreferencesFile:", dict({{"when", krx::Date{5}}, {"ok", true}})}});
+  EXPECT_EQ(request(client, message, 2), (std::vector{kTrue, kTrue}));
+  EXPECT_TRUE(device_.wait_for_log("The value for key blob has a type that is not supported yet"));
+  EXPECT_TRUE(device_.wait_for_log("The value for key when has a type that is not supported yet"));
+  EXPECT_TRUE(device_.wait_for_log(
+      "Entering -[VTLHMessageResponder migratePreferencesFile:] with parameter: { ok = 1; }"));
+}
+
+TEST_F(HelperTest, ClientsComeAndGoWhileTheHelperStays) {
+  {
+    krx::Client silent = device_.connect();
+  }
+  EXPECT_TRUE(device_.wait_for_log("KRX disconnected by client"));
+  const std::string log = device_.system_log();
+  const auto accepted = log.find("It's an KRX_TYPE_CONNECTION");
+  const auto dealt = log.find("Start to deal with new connection");
+  const auto gone = log.find("KRX disconnected by client");
+  EXPECT_TRUE(accepted < dealt && dealt < gone) << log;
+  EXPECT_TRUE(device_.running());
+  krx::Client next = device_.connect();
+  EXPECT_EQ(request(next, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+}
+
+TEST_F(HelperTest, MalformedFramesEndOnlyTheirConnection) {
+  const std::vector<std::string> frames = {
+      std::string("KRX2\x01\x00\x00\x00\x00", 9),              // bad magic
+      std::string("KRX1\x02\x00\x00\x00\x01\x07", 10),         // bool that is not 0 or 1
+      std::string("KRX1\x05\x00\x00\x00\x07\x09\x00\x00\x00", 13),  // string runs past
+      std::string("KRX1\xff\xff\xff\x7f", 8),                  // far over the size limit
+  };
+  for (const std::string& frame : frames) {
+    krx::Client bad = device_.connect();
+    ASSERT_TRUE(bad.send_raw(frame.data(), frame.size()));
+    krx::Client::Received r = bad.receive(5s);
+    EXPECT_TRUE(std::holds_alternative<krx::Client::Closed>(r));
+  }
+  EXPECT_TRUE(device_.running());
+  krx::Client good = device_.connect();
+  EXPECT_EQ(request(good, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+}
+
+TEST_F(HelperTest, SigtermEndsWithStatusZero) {
+  krx::Client client = device_.connect();
+  ASSERT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+  const int status = device_.terminate();
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_NE(device_.log_file().find("KRX connection will be closed"), std::string::npos);
+}
+
+TEST_F(HelperTest, ANonDictionaryMessageAbortsWithTheAssertion) {
+  krx::Client client = device_.connect();
+  ASSERT_TRUE(client.send(krx::Value("not a dictionary")));
+  std::optional<int> status = device_.wait_exit(20s);
+  ASSERT_TRUE(status);
+  EXPECT_TRUE(WIFSIGNALED(*status));
+  EXPECT_EQ(WTERMSIG(*status), SIGABRT);
+  EXPECT_NE(device_.system_log().find(
+                "Assertion failed: (type == KRX_TYPE_DICTIONARY), function "
+                "__VTLH_handle_connection_block_invoke, file vtld_helper/vtld_helper, line 65."),
+            std::string::npos)
+      << device_.system_log();
+}
+
+}  // namespace

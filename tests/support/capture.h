@@ -1,0 +1,85 @@
+// Test support for in-process tests: a platform whose system log is captured,
+// whose accounts are a temporary device's, and whose code signing answers what
+// the test says.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/accounts.h"
+#include "platform/code_signing.h"
+#include "platform/platform.h"
+#include "platform/system_log.h"
+#include "service/value.h"
+
+namespace testsupport {
+
+class CapturedLog final : public platform::SystemLog {
+ public:
+  void write(std::string_view message) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.emplace_back(message);
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+  bool contains(const std::string& line) const {
+    for (const std::string& l : lines()) {
+      if (l == line) return true;
+    }
+    return false;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// Code signing that grants whatever `entitlement` holds (nullopt: no value;
+// `no_task`: the peer cannot be identified at all).
+class FakeCodeSigning final : public platform::CodeSigning {
+ public:
+  std::optional<vtl::Value> entitlement;
+  bool no_task = false;
+
+  std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& /*token*/) override {
+    if (no_task) return nullptr;
+    struct FakeTask final : Task {
+      std::optional<vtl::Value> value;
+      std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name) override {
+        if (name != "com.tessal.private.vantrel.vantreld") return std::nullopt;
+        return value;
+      }
+    };
+    auto task = std::make_unique<FakeTask>();
+    task->value = entitlement;
+    return task;
+  }
+};
+
+// Installs a platform for one test: captured system log (also wired into the
+// shared logger), accounts under `device_root`, fake code signing. Restores
+// nothing global on destruction except the logger's sink and the platform.
+class TestPlatform {
+ public:
+  explicit TestPlatform(const std::string& device_root);
+  ~TestPlatform();
+  TestPlatform(const TestPlatform&) = delete;
+  TestPlatform& operator=(const TestPlatform&) = delete;
+
+  CapturedLog log;
+  FakeCodeSigning signing;
+
+ private:
+  std::unique_ptr<platform::Accounts> accounts_;
+  platform::Platform platform_;
+};
+
+}  // namespace testsupport
