@@ -11,6 +11,10 @@
 namespace vtl {
 namespace {
 
+struct DirCloser {
+  void operator()(DIR* d) const { ::closedir(d); }
+};
+
 constexpr std::string_view kPreferencesFile = "com.tessal.Vantrel.plist";
 constexpr std::string_view kRootPreferences = "/var/root/Library/Preferences/";
 constexpr std::string_view kMobilePreferences = "/var/mobile/Library/Preferences/";
@@ -85,7 +89,7 @@ bool VTLHOperations::prepareDirectory_writableByMobile(const std::string* path,
 
 bool VTLHOperations::prepareLogContainer(const std::string* path) {
   if (!prepareDirectory_writableByMobile(path, true)) return false;
-  std::unique_ptr<DIR, decltype(&closedir)> dir(::opendir(path->c_str()), closedir);
+  std::unique_ptr<DIR, DirCloser> dir(::opendir(path->c_str()));
   if (!dir) return true;
   while (const dirent* entry = ::readdir(dir.get())) {
     const std::string_view name = entry->d_name;

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "platform/accounts.h"
+#include "platform/platform.h"
 
 namespace platform {
 namespace {
@@ -42,7 +43,7 @@ void scan(const std::string& path, Reader reader, const std::function<bool(const
 class PasswdAccounts final : public Accounts {
  public:
   explicit PasswdAccounts(std::string root)
-      : passwd_(join(root, "/etc/passwd")), group_(join(root, "/etc/group")) {}
+      : passwd_(under_root(root, "/etc/passwd")), group_(under_root(root, "/etc/group")) {}
 
   std::optional<uid_t> user_id(std::string_view name) const override {
     std::optional<uid_t> id;
@@ -85,11 +86,6 @@ class PasswdAccounts final : public Accounts {
   }
 
  private:
-  static std::string join(const std::string& root, const char* rel) {
-    if (root.empty() || root == "/") return rel;
-    return root + rel;
-  }
-
   std::string passwd_;
   std::string group_;
 };

@@ -16,10 +16,15 @@
 #include <vector>
 
 #include "platform/code_signing.h"
+#include "platform/platform.h"
 #include "service/plist.h"
 
 namespace platform {
 namespace {
+
+struct DirCloser {
+  void operator()(DIR* d) const { ::closedir(d); }
+};
 
 // Entitlements files are small; anything larger is not one of ours.
 constexpr std::size_t kMaxEntitlementsFile = std::size_t{1} << 20;
@@ -79,7 +84,7 @@ std::string sha256_of(int fd) {
 
 std::vector<std::string> entitlement_files(const std::string& dir) {
   std::vector<std::string> names;
-  std::unique_ptr<DIR, decltype(&closedir)> d(::opendir(dir.c_str()), closedir);
+  std::unique_ptr<DIR, DirCloser> d(::opendir(dir.c_str()));
   if (!d) return names;
   while (const dirent* e = ::readdir(d.get())) {
     std::string_view name = e->d_name;
@@ -132,7 +137,7 @@ class ExecutableTask final : public CodeSigning::Task {
 class EntitlementFiles final : public CodeSigning {
  public:
   EntitlementFiles(std::string root, int proc_dir_fd)
-      : dir_((root == "/" ? std::string() : root) + std::string(kEntitlementsDirectory)),
+      : dir_(under_root(root, kEntitlementsDirectory)),
         proc_(proc_dir_fd) {}
 
   std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token) override {

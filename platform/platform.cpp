@@ -20,4 +20,11 @@ Platform& current() {
 
 void install(Platform* p) { g_current = p; }
 
+std::string under_root(std::string_view root, std::string_view path) {
+  while (!root.empty() && root.back() == '/') root.remove_suffix(1);
+  std::string out(root);
+  out.append(path);
+  return out;
+}
+
 }  // namespace platform

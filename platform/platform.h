@@ -3,16 +3,30 @@
 // reaches the platform only through here and never names a backend.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 namespace platform {
+
+// `path` (absolute, as on the handset) under a device root: the root itself
+// when the helper already runs confined to it ("/"), else a directory that
+// holds a simulated device (tests and tools that look at one from outside).
+std::string under_root(std::string_view root, std::string_view path);
 
 class SystemLog;
 class Accounts;
 class CodeSigning;
+class DeviceRegistry;
+class Power;
+class ProtectionClasses;
 
 struct Platform {
   SystemLog* system_log = nullptr;
   Accounts* accounts = nullptr;
   CodeSigning* code_signing = nullptr;
+  DeviceRegistry* device_registry = nullptr;
+  Power* power = nullptr;
+  ProtectionClasses* protection_classes = nullptr;
 };
 
 // REQUIRES: install() was called (the helper does it first thing; tests do it

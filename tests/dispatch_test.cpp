@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -116,7 +117,9 @@ TEST_F(DispatchTest, UnknownOrUnnamedCommandsStopTheMessage) {
 }
 
 TEST_F(DispatchTest, TwoCommandsTwoResponsesInKeyOrder) {
-  const std::string bad = device_.path() + "/etc/passwd/sub";  // cannot be created
+  const std::string blocker = device_.path() + "/file";
+  std::ofstream(blocker) << "x";
+  const std::string bad = blocker + "/sub";  // cannot be created under a file
   const std::string good = device_.path() + "/private/var/w";
   responder().handleKRXMessage(
       dict({{"removeWorkContainer:", good}, {"prepareWorkContainer:", bad}}));

@@ -19,6 +19,44 @@
 
 #include "platform/sim/device.h"
 
+namespace krx {
+
+void PrintTo(const Value& value, std::ostream* out) {
+  struct Printer {
+    std::ostream* out;
+    void operator()(const Null&) const { *out << "null"; }
+    void operator()(bool b) const { *out << (b ? "true" : "false"); }
+    void operator()(std::int64_t i) const { *out << i; }
+    void operator()(std::uint64_t u) const { *out << u << "u"; }
+    void operator()(double d) const { *out << d; }
+    void operator()(const Date& d) const { *out << "date(" << d.nanoseconds_since_1970 << ")"; }
+    void operator()(const Data& d) const { *out << "data(" << d.size() << " bytes)"; }
+    void operator()(const std::string& s) const { *out << '"' << s << '"'; }
+    void operator()(const Uuid&) const { *out << "uuid"; }
+    void operator()(const Fd& f) const { *out << "fd(" << f.index << ")"; }
+    void operator()(const Array& a) const {
+      *out << "[";
+      for (const Value& v : a) {
+        PrintTo(v, out);
+        *out << ", ";
+      }
+      *out << "]";
+    }
+    void operator()(const Dictionary& d) const {
+      *out << "{";
+      for (const auto& [k, v] : d) {
+        *out << k << ": ";
+        PrintTo(v, out);
+        *out << ", ";
+      }
+      *out << "}";
+    }
+  };
+  std::visit(Printer{out}, value.storage());
+}
+
+}  // namespace krx
+
 namespace testsupport {
 
 namespace fs = std::filesystem;

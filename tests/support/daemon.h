@@ -5,12 +5,18 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <ostream>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "krx/client.h"
 #include "krx/value.h"
+
+namespace krx {
+// Readable failure messages for KRX values in assertions.
+void PrintTo(const Value& value, std::ostream* out);
+}  // namespace krx
 
 namespace testsupport {
 
