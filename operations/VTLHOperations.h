@@ -34,6 +34,16 @@ class VTLHOperations {
   // Removes `path` with everything under it; true when nothing is there.
   bool removeDirectory(const std::string* path);
 
+  // NVRAM, through the options node of the device registry.
+  bool deleteNvram(const std::string* name);
+  // Writes the UTF-8 bytes of `value` under `name`, then commits the variable.
+  bool writeNVRam_withValue(const std::string* name, const std::string* value);
+  // Restarts the device; returns (false) only when the restart did not happen.
+  bool reboot();
+  // Ends the helper at once with status 0; the service launcher starts it
+  // again on the next connection.
+  [[noreturn]] void quitHelper();
+
  private:
   VTLHOperations() = default;
 };

@@ -28,6 +28,10 @@ constexpr std::array kCommands = {
     CommandEntry{"prepareLogContainer:", &VTLHMessageResponder::prepareLogContainer},
     CommandEntry{"prepareWorkContainer:", &VTLHMessageResponder::prepareWorkContainer},
     CommandEntry{"removeWorkContainer:", &VTLHMessageResponder::removeWorkContainer},
+    CommandEntry{"deleteNvram:", &VTLHMessageResponder::deleteNvram},
+    CommandEntry{"writeNvram:", &VTLHMessageResponder::writeNvram},
+    CommandEntry{"reboot:", &VTLHMessageResponder::reboot},
+    CommandEntry{"quitHelper:", &VTLHMessageResponder::quitHelper},
 };
 
 std::optional<Command> lookup(std::string_view name) {
@@ -142,6 +146,27 @@ bool VTLHMessageResponder::removeWorkContainer(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder removeWorkContainer:]",
          parameter);
   return VTLHOperations::sharedInstance().removeDirectory(parameter.string());
+}
+
+bool VTLHMessageResponder::deleteNvram(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder deleteNvram:]", parameter);
+  return VTLHOperations::sharedInstance().deleteNvram(parameter.string());
+}
+
+bool VTLHMessageResponder::writeNvram(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder writeNvram:]", parameter);
+  return VTLHOperations::sharedInstance().writeNVRam_withValue(parameter.find_string("Name"),
+                                                              parameter.find_string("Value"));
+}
+
+bool VTLHMessageResponder::reboot(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder reboot:]", parameter);
+  return VTLHOperations::sharedInstance().reboot();
+}
+
+bool VTLHMessageResponder::quitHelper(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder quitHelper:]", parameter);
+  VTLHOperations::sharedInstance().quitHelper();
 }
 
 }  // namespace vtl

@@ -45,6 +45,10 @@ class VTLHMessageResponder {
   bool prepareLogContainer(const Value& parameter);
   bool prepareWorkContainer(const Value& parameter);
   bool removeWorkContainer(const Value& parameter);
+  bool deleteNvram(const Value& parameter);
+  bool writeNvram(const Value& parameter);
+  bool reboot(const Value& parameter);
+  bool quitHelper(const Value& parameter);
 
   // The connection replies go to. Weak: the responder never keeps a client's
   // connection alive; replies due after the client has gone are dropped.

@@ -4,6 +4,9 @@
 //   vtld_helper                 serve the Linux host (/run/krx, or the socket
 //                               the service manager hands over)
 //   vtld_helper --root DIR      serve the simulated device laid out in DIR
+//   vtld_helper --root DIR --syslog
+//                               the same, with its system log sent to syslog
+//                               inside the device (DIR/dev/log)
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,7 +22,9 @@
 
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
+#include "platform/device_registry.h"
 #include "platform/platform.h"
+#include "platform/power.h"
 #include "platform/system_log.h"
 #include "service/VTLLogModel.h"
 #include "vtld_helper/vtld_helper.h"
@@ -29,7 +34,9 @@ namespace {
 constexpr const char* kUsage =
     "usage: vtld_helper [--root DIR]\n"
     "  --root DIR   serve the simulated device laid out in DIR (see `vtldctl sim create`);\n"
-    "               the helper confines itself to DIR before it serves\n";
+    "               the helper confines itself to DIR before it serves\n"
+    "  --syslog     with --root: send the system log to the device's syslog socket\n"
+    "               (DIR/dev/log) instead of standard error\n";
 
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "vtld_helper: %s\n", message.c_str());
@@ -53,10 +60,13 @@ void confine_to(const std::string& root, int* proc_fd) {
 
 int main(int argc, char** argv) {
   std::string root;
+  bool syslog_on_device = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--root" && i + 1 < argc) {
       root = argv[++i];
+    } else if (arg == "--syslog") {
+      syslog_on_device = true;
     } else if (arg == "--help" || arg == "-h") {
       std::fputs(kUsage, stdout);
       return 0;
@@ -74,9 +84,12 @@ int main(int argc, char** argv) {
 
   std::unique_ptr<platform::SystemLog> system_log;
   int proc_fd = -1;
-  if (!root.empty()) {
-    system_log = platform::make_stderr_system_log();
+  const bool simulated = !root.empty();
+  if (simulated) {
     confine_to(root, &proc_fd);
+    // Connected only now, so that it is the device's syslog socket.
+    system_log = syslog_on_device ? platform::make_syslog_system_log("vtld_helper")
+                                  : platform::make_stderr_system_log();
   } else {
     system_log = platform::make_syslog_system_log("vtld_helper");
     proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -90,6 +103,14 @@ int main(int argc, char** argv) {
   the_platform->system_log = system_log.release();
   the_platform->accounts = platform::make_passwd_accounts("/").release();
   the_platform->code_signing = platform::make_entitlement_files("/", proc_fd).release();
+  if (simulated) {
+    the_platform->device_registry = platform::make_sim_registry("/").release();
+    the_platform->power = platform::make_sim_power("/").release();
+  } else {
+    the_platform->device_registry =
+        platform::make_efivarfs_registry(std::string(platform::kEfivarsDirectory), true).release();
+    the_platform->power = platform::make_linux_power().release();
+  }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);
 
