@@ -106,25 +106,40 @@ std::string Device::socket_path() const {
   return platform::sim::service_socket_path(root(), "com.tessal.vantreldhelper");
 }
 
-void Device::start() {
+namespace {
+
+// The helper's standard streams, core limit and sanitizer options, set in the
+// child before exec.
+void prepare_child(const std::string& stderr_path) {
+  const int err = ::open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (err >= 0) ::dup2(err, 2);
+  const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null >= 0) {
+    ::dup2(null, 0);
+    ::dup2(null, 1);
+  }
+  // An aborting helper must not leave a core file anywhere.
+  rlimit no_core{0, 0};
+  ::setrlimit(RLIMIT_CORE, &no_core);
+  // Inside its confinement the helper has no /proc for the leak checker to
+  // read at exit; leaks are checked by the in-process tests instead.
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+}
+
+}  // namespace
+
+void Device::start(const std::vector<std::string>& extra_args) {
   const std::string helper = program_path("vtld_helper");
+  std::vector<std::string> args = {helper, "--root", root()};
+  args.insert(args.end(), extra_args.begin(), extra_args.end());
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
-    const int err = ::open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (err >= 0) ::dup2(err, 2);
-    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0) {
-      ::dup2(null, 0);
-      ::dup2(null, 1);
-    }
-    // An aborting helper must not leave a core file anywhere.
-    rlimit no_core{0, 0};
-    ::setrlimit(RLIMIT_CORE, &no_core);
-    // Inside its confinement the helper has no /proc for the leak checker to
-    // read at exit; leaks are checked by the in-process tests instead.
-    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-    ::execl(helper.c_str(), helper.c_str(), "--root", root().c_str(), static_cast<char*>(nullptr));
+    prepare_child(stderr_path_);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ::execv(helper.c_str(), argv.data());
     ::_exit(127);
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -139,6 +154,25 @@ void Device::start() {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   throw std::runtime_error("vtld_helper did not create its socket: " + system_log());
+}
+
+void Device::start_activated(int listening_fd) {
+  const std::string helper = program_path("vtld_helper");
+  pid_ = ::fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    prepare_child(stderr_path_);
+    if (listening_fd != 3) {
+      ::dup2(listening_fd, 3);
+    } else {
+      ::fcntl(3, F_SETFD, 0);
+    }
+    ::setenv("LISTEN_FDS", "1", 1);
+    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+    ::setenv("LISTEN_FDNAMES", "com.tessal.vantreldhelper", 1);
+    ::execl(helper.c_str(), helper.c_str(), "--root", root().c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
 }
 
 bool Device::running() {

@@ -50,9 +50,13 @@ class Device {
   std::string path(const std::string& device_path) const { return root() + device_path; }
   std::string socket_path() const;
 
-  // Starts vtld_helper --root on the device and waits for its socket.
-  // Standard error of the helper (its system log) is captured to a file.
-  void start();
+  // Starts vtld_helper --root on the device (with `extra_args`) and waits for
+  // its socket. Standard error of the helper (its system log) is captured.
+  void start(const std::vector<std::string>& extra_args = {});
+  // Starts the helper the way a service launcher does on a client's first
+  // connection: `listening_fd` handed over as descriptor 3 (LISTEN_FDS). Does
+  // not wait: the socket already exists.
+  void start_activated(int listening_fd);
   bool running();
   // Sends SIGTERM and waits; returns the wait status.
   int terminate();

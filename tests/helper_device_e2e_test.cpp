@@ -1,0 +1,144 @@
+// The device commands through the real helper: NVRAM into the simulated
+// store, restart and quit ending the helper without a reply, the helper
+// started by a launcher on a handed-over socket, and its system log reaching a
+// syslog socket.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/sim/device.h"
+#include "service/plist.h"
+#include "tests/support/daemon.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testsupport::Device;
+using testsupport::request;
+
+krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
+  krx::Dictionary d;
+  for (const auto& e : entries) d.emplace_back(e.first, e.second);
+  return krx::Value(std::move(d));
+}
+
+const krx::Value kTrue = dict({{"Response", true}});
+const krx::Value kFalse = dict({{"Response", false}});
+
+int unix_socket(int type, const std::string& path) {
+  const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return -1;
+  return fd;
+}
+
+// The connection ends with no "Response" before it.
+void expect_ends_without_reply(krx::Client& client) {
+  for (;;) {
+    krx::Client::Received r = client.receive(20s);
+    if (std::holds_alternative<krx::Client::Closed>(r)) return;
+    auto* m = std::get_if<krx::Client::Message>(&r);
+    ASSERT_NE(m, nullptr) << "no end of the connection";
+    EXPECT_EQ(m->value.find("Response"), nullptr);
+  }
+}
+
+TEST(DeviceCommands, NvramLandsInTheDevicesStore) {
+  Device device;
+  device.start();
+  krx::Client client = device.connect();
+  const std::string value = "-v debug=0x14e \xe2\x9c\x93";
+  EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "boot-args"}, {"Value", value}})}})),
+            std::vector{kTrue});
+  EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "empty"}, {"Value", ""}})}})),
+            std::vector{kTrue});
+  std::optional<vtl::Value> store = vtl::read_plist_file(device.path("/sim/nvram.plist"));
+  ASSERT_TRUE(store);
+  EXPECT_EQ(*store, vtl::Value(vtl::Dictionary{
+                        {"boot-args", vtl::Value(vtl::Data(value.begin(), value.end()))},
+                        {"empty", vtl::Value(vtl::Data{})}}));
+  EXPECT_EQ(request(client, dict({{"deleteNvram:", "boot-args"}})), std::vector{kTrue});
+  EXPECT_EQ(request(client, dict({{"deleteNvram:", "boot-args"}})), std::vector{kFalse});
+  EXPECT_TRUE(device.wait_for_log("Couldn't force sync new nvram to device"));
+  // A value of an unsupported type reaches the operation as nothing.
+  EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "raw"}, {"Value", krx::Data{1}}})}})),
+            std::vector{kTrue});
+  EXPECT_TRUE(device.wait_for_log("The value for key Value has a type that is not supported yet"));
+}
+
+TEST(DeviceCommands, RebootIsRecordedAndEndsTheHelperWithoutReply) {
+  Device device;
+  device.start();
+  krx::Client client = device.connect();
+  ASSERT_TRUE(client.send(dict({{"reboot:", true}})));
+  expect_ends_without_reply(client);
+  std::optional<int> status = device.wait_exit(20s);
+  ASSERT_TRUE(status);
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGKILL) << *status;
+  std::optional<vtl::Value> reboots = vtl::read_plist_file(device.path("/sim/reboots.plist"));
+  ASSERT_TRUE(reboots && reboots->array());
+  ASSERT_EQ(reboots->array()->size(), 1u);
+  EXPECT_EQ(*reboots->array()->front().find("Howto"), vtl::Value(0));
+}
+
+TEST(DeviceCommands, QuitEndsTheHelperAndALauncherStartsItAgain) {
+  Device device;
+  const int listening = unix_socket(SOCK_STREAM, device.socket_path());
+  ASSERT_GE(listening, 0);
+  ASSERT_EQ(::listen(listening, 8), 0);
+
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    // The client connects first; the launcher starts the helper on the
+    // handed-over socket, as socket activation does.
+    krx::Client client = device.connect();
+    device.start_activated(listening);
+    EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+              std::vector{kTrue});
+    ASSERT_TRUE(client.send(dict({{"quitHelper:", true}})));
+    expect_ends_without_reply(client);
+    std::optional<int> status = device.wait_exit(20s);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+  }
+  ::close(listening);
+  EXPECT_TRUE(device.wait_for_log("Entering -[VTLHMessageResponder quitHelper:] with parameter: 1"));
+}
+
+TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {
+  Device device;
+  fs::create_directories(device.path("/dev"));
+  const int syslog = unix_socket(SOCK_DGRAM, device.path("/dev/log"));
+  ASSERT_GE(syslog, 0);
+  device.start({"--syslog"});
+  krx::Client client = device.connect();
+  EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+  std::string received;
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (received.find("Message handled") == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline) {
+    pollfd p{syslog, POLLIN, 0};
+    if (::poll(&p, 1, 200) <= 0) continue;
+    char datagram[4096];
+    const ssize_t n = ::recv(syslog, datagram, sizeof datagram, 0);
+    if (n > 0) received.append(datagram, static_cast<std::size_t>(n)).push_back('\n');
+  }
+  ::close(syslog);
+  EXPECT_NE(received.find("vtld_helper["), std::string::npos) << received;
+  EXPECT_NE(received.find("started"), std::string::npos) << received;
+  EXPECT_NE(received.find("Message handled"), std::string::npos) << received;
+  EXPECT_EQ(device.system_log().find("Message handled"), std::string::npos);
+}
+
+}  // namespace
