@@ -7,6 +7,8 @@ BUILD_SAN  ?= build-sanitize
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
+PREFIX     ?= /usr/local
+
 .PHONY: all deps build demo test test-fast test-sanitize fuzz format lint clean install
 
 all: build
@@ -46,6 +48,14 @@ format:
 lint: build
 	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 	git ls-files '*.cpp' | grep -v '^fuzz/' | xargs clang-tidy -p $(BUILD) --quiet
+
+# Installs vtld_helper, vtldctl and the systemd units under $(PREFIX), then
+# asks systemd (where it runs) to pick the units up.
+install: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j $(JOBS) --target vtld_helper vtldctl
+	cmake --install $(BUILD)
+	if [ -d /run/systemd/system ]; then systemctl daemon-reload; fi
 
 clean:
 	rm -rf $(BUILD) $(BUILD_SAN) build-fuzz
