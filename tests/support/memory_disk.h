@@ -1,0 +1,68 @@
+// A disk held in memory, for tests and fuzz targets that drive the partition
+// code without a device: any byte content, any block size, and the failures
+// a real device can give (no geometry, short reads, failed or short writes).
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "platform/raw_disk.h"
+
+namespace testsupport {
+
+struct MemoryDiskState {
+  std::vector<std::uint8_t> bytes;
+  std::optional<std::uint32_t> block_size = 4096;
+  // Block count reported; nullopt: bytes.size() / block size.
+  std::optional<std::uint64_t> block_count_override;
+  bool block_count_fails = false;
+  platform::DiskDevice::NodeType node_type = platform::DiskDevice::NodeType::kRawDisk;
+  int write_errno = 0;                     // non-zero: writes fail with it
+  std::optional<std::size_t> short_write;  // writes stop after this many bytes
+  int writes = 0;
+};
+
+class MemoryDiskDevice final : public platform::DiskDevice {
+ public:
+  explicit MemoryDiskDevice(MemoryDiskState* state) : state_(state) {}
+
+  std::optional<NodeType> node_type() override { return state_->node_type; }
+  std::optional<std::uint32_t> block_size() override {
+    if (!state_->block_size) errno = ENOTTY;
+    return state_->block_size;
+  }
+  std::optional<std::uint64_t> block_count() override {
+    if (state_->block_count_fails || !state_->block_size || *state_->block_size == 0) {
+      errno = ENOTTY;
+      return std::nullopt;
+    }
+    return state_->block_count_override.value_or(state_->bytes.size() / *state_->block_size);
+  }
+  ssize_t read_at(std::span<std::uint8_t> buffer, std::uint64_t offset) override {
+    if (offset >= state_->bytes.size()) return 0;
+    const std::size_t n = std::min<std::size_t>(buffer.size(), state_->bytes.size() - offset);
+    std::memcpy(buffer.data(), state_->bytes.data() + offset, n);
+    return static_cast<ssize_t>(n);
+  }
+  ssize_t write_at(std::span<const std::uint8_t> buffer, std::uint64_t offset) override {
+    ++state_->writes;
+    if (state_->write_errno != 0) {
+      errno = state_->write_errno;
+      return -1;
+    }
+    std::size_t n = std::min(buffer.size(), state_->short_write.value_or(buffer.size()));
+    if (offset + n > state_->bytes.size()) state_->bytes.resize(offset + n);
+    std::memcpy(state_->bytes.data() + offset, buffer.data(), n);
+    return static_cast<ssize_t>(n);
+  }
+
+ private:
+  MemoryDiskState* state_;
+};
+
+}  // namespace testsupport
