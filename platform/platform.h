@@ -17,6 +17,7 @@ class SystemLog;
 class Accounts;
 class CodeSigning;
 class DeviceRegistry;
+class DeviceProperties;
 class Power;
 class ProtectionClasses;
 
@@ -26,6 +27,7 @@ struct Platform {
   CodeSigning* code_signing = nullptr;
   DeviceRegistry* device_registry = nullptr;
   Power* power = nullptr;
+  DeviceProperties* device_properties = nullptr;
   ProtectionClasses* protection_classes = nullptr;
 };
 

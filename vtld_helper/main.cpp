@@ -22,6 +22,7 @@
 
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
+#include "platform/device_properties.h"
 #include "platform/device_registry.h"
 #include "platform/platform.h"
 #include "platform/power.h"
@@ -106,10 +107,15 @@ int main(int argc, char** argv) {
   if (simulated) {
     the_platform->device_registry = platform::make_sim_registry("/").release();
     the_platform->power = platform::make_sim_power("/").release();
+    the_platform->device_properties = platform::make_sim_device_properties("/").release();
   } else {
     the_platform->device_registry =
         platform::make_efivarfs_registry(std::string(platform::kEfivarsDirectory), true).release();
     the_platform->power = platform::make_linux_power().release();
+    the_platform->device_properties =
+        platform::make_linux_device_properties(std::string(platform::kEfivarsDirectory),
+                                               "/private/var")
+            .release();
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);

@@ -94,6 +94,16 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
     return err;
   }
 
+  // Development hardware: manifests signed under the test policy are
+  // accepted, as on an unfused handset.
+  vtl::Dictionary properties;
+  properties.emplace("SigningFuse", false);
+  if (std::string err =
+          write_file(root + "/sim/device.plist", vtl::plist_to_xml(vtl::Value(std::move(properties))));
+      !err.empty()) {
+    return err;
+  }
+
   int n = 0;
   for (const std::string& client : options.entitled_clients) {
     vtl::Dictionary entitlements;

@@ -1,0 +1,30 @@
+#include "platform/device_properties.h"
+#include "platform/platform.h"
+#include "service/plist.h"
+
+namespace platform {
+namespace {
+
+class SimDeviceProperties final : public DeviceProperties {
+ public:
+  explicit SimDeviceProperties(const std::string& root)
+      : path_(under_root(root, "/sim/device.plist")) {}
+
+  std::optional<vtl::Value> copy_property(std::string_view name) override {
+    std::optional<vtl::Value> all = vtl::read_plist_file(path_);
+    const vtl::Value* value = all ? all->find(name) : nullptr;
+    if (value == nullptr) return std::nullopt;
+    return *value;
+  }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace
+
+std::unique_ptr<DeviceProperties> make_sim_device_properties(std::string root) {
+  return std::make_unique<SimDeviceProperties>(root);
+}
+
+}  // namespace platform
