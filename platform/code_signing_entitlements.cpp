@@ -101,7 +101,8 @@ class ExecutableTask final : public CodeSigning::Task {
 
   std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name) override {
     for (const std::string& file : entitlement_files(dir_)) {
-      std::optional<vtl::Value> plist = vtl::read_plist_file(dir_ + "/" + file, kMaxEntitlementsFile);
+      std::optional<vtl::Value> plist =
+          vtl::read_plist_file(dir_ + "/" + file, kMaxEntitlementsFile);
       if (!plist) continue;
       const std::string* executable = plist->find_string("Executable");
       if (executable == nullptr || *executable != executable_) continue;
@@ -137,8 +138,7 @@ class ExecutableTask final : public CodeSigning::Task {
 class EntitlementFiles final : public CodeSigning {
  public:
   EntitlementFiles(std::string root, int proc_dir_fd)
-      : dir_(under_root(root, kEntitlementsDirectory)),
-        proc_(proc_dir_fd) {}
+      : dir_(under_root(root, kEntitlementsDirectory)), proc_(proc_dir_fd) {}
 
   std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token) override {
     if (token.pid <= 0 || proc_ < 0) return nullptr;

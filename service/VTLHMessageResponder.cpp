@@ -139,7 +139,7 @@ bool VTLHMessageResponder::prepareWorkContainer(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder prepareWorkContainer:]",
          parameter);
   return VTLHOperations::sharedInstance().prepareDirectory_writableByMobile(parameter.string(),
-                                                                             true);
+                                                                            true);
 }
 
 bool VTLHMessageResponder::removeWorkContainer(const Value& parameter) {
@@ -156,7 +156,7 @@ bool VTLHMessageResponder::deleteNvram(const Value& parameter) {
 bool VTLHMessageResponder::writeNvram(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder writeNvram:]", parameter);
   return VTLHOperations::sharedInstance().writeNVRam_withValue(parameter.find_string("Name"),
-                                                              parameter.find_string("Value"));
+                                                               parameter.find_string("Value"));
 }
 
 bool VTLHMessageResponder::reboot(const Value& parameter) {

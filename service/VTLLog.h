@@ -28,19 +28,18 @@ class LogArg {
  public:
   enum class Kind { Null, Signed, Unsigned, Real, Text, Object };
 
-  LogArg(std::nullptr_t) : kind_(Kind::Null) {}                      // NOLINT
+  LogArg(std::nullptr_t) : kind_(Kind::Null) {}                                     // NOLINT
   LogArg(const char* s) : kind_(s ? Kind::Text : Kind::Null), text_(s ? s : "") {}  // NOLINT
-  LogArg(std::string_view s) : kind_(Kind::Text), text_(s) {}       // NOLINT
-  LogArg(const std::string& s) : kind_(Kind::Text), text_(s) {}     // NOLINT
-  LogArg(const Value& v) : kind_(Kind::Object), object_(&v) {}      // NOLINT
-  LogArg(const Value* v) : kind_(v ? Kind::Object : Kind::Null), object_(v) {}  // NOLINT
-  LogArg(const std::string* s)                                      // NOLINT
+  LogArg(std::string_view s) : kind_(Kind::Text), text_(s) {}                       // NOLINT
+  LogArg(const std::string& s) : kind_(Kind::Text), text_(s) {}                     // NOLINT
+  LogArg(const Value& v) : kind_(Kind::Object), object_(&v) {}                      // NOLINT
+  LogArg(const Value* v) : kind_(v ? Kind::Object : Kind::Null), object_(v) {}      // NOLINT
+  LogArg(const std::string* s)                                                      // NOLINT
       : kind_(s ? Kind::Text : Kind::Null), text_(s ? std::string_view(*s) : std::string_view()) {}
-  LogArg(bool b) : kind_(Kind::Signed), signed_(b ? 1 : 0) {}       // NOLINT
-  LogArg(double d) : kind_(Kind::Real), real_(d) {}                 // NOLINT
+  LogArg(bool b) : kind_(Kind::Signed), signed_(b ? 1 : 0) {}  // NOLINT
+  LogArg(double d) : kind_(Kind::Real), real_(d) {}            // NOLINT
   template <typename T>
-    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-  LogArg(T i) {  // NOLINT
+  requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) LogArg(T i) {  // NOLINT
     if constexpr (std::is_signed_v<T>) {
       kind_ = Kind::Signed;
       signed_ = static_cast<std::int64_t>(i);

@@ -25,20 +25,21 @@ using Dictionary = std::map<std::string, Value, std::less<>>;
 
 class Value {
  public:
-  using Storage = std::variant<std::string, bool, std::int64_t, double, Date, Data, Array, Dictionary>;
+  using Storage =
+      std::variant<std::string, bool, std::int64_t, double, Date, Data, Array, Dictionary>;
 
   Value() : storage_(Dictionary{}) {}
-  Value(std::string s) : storage_(std::move(s)) {}            // NOLINT(google-explicit-constructor)
-  Value(std::string_view s) : storage_(std::string(s)) {}     // NOLINT(google-explicit-constructor)
-  Value(const char* s) : storage_(std::string(s)) {}          // NOLINT(google-explicit-constructor)
-  Value(bool b) : storage_(b) {}                              // NOLINT(google-explicit-constructor)
-  Value(std::int64_t i) : storage_(i) {}                      // NOLINT(google-explicit-constructor)
-  Value(int i) : storage_(std::int64_t{i}) {}                 // NOLINT(google-explicit-constructor)
-  Value(double d) : storage_(d) {}                            // NOLINT(google-explicit-constructor)
-  Value(Date d) : storage_(d) {}                              // NOLINT(google-explicit-constructor)
-  Value(Data d) : storage_(std::move(d)) {}                   // NOLINT(google-explicit-constructor)
-  Value(Array a) : storage_(std::move(a)) {}                  // NOLINT(google-explicit-constructor)
-  Value(Dictionary d) : storage_(std::move(d)) {}             // NOLINT(google-explicit-constructor)
+  Value(std::string s) : storage_(std::move(s)) {}         // NOLINT(google-explicit-constructor)
+  Value(std::string_view s) : storage_(std::string(s)) {}  // NOLINT(google-explicit-constructor)
+  Value(const char* s) : storage_(std::string(s)) {}       // NOLINT(google-explicit-constructor)
+  Value(bool b) : storage_(b) {}                           // NOLINT(google-explicit-constructor)
+  Value(std::int64_t i) : storage_(i) {}                   // NOLINT(google-explicit-constructor)
+  Value(int i) : storage_(std::int64_t{i}) {}              // NOLINT(google-explicit-constructor)
+  Value(double d) : storage_(d) {}                         // NOLINT(google-explicit-constructor)
+  Value(Date d) : storage_(d) {}                           // NOLINT(google-explicit-constructor)
+  Value(Data d) : storage_(std::move(d)) {}                // NOLINT(google-explicit-constructor)
+  Value(Array a) : storage_(std::move(a)) {}               // NOLINT(google-explicit-constructor)
+  Value(Dictionary d) : storage_(std::move(d)) {}          // NOLINT(google-explicit-constructor)
 
   const Storage& storage() const { return storage_; }
   Storage& storage() { return storage_; }

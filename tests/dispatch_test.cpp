@@ -73,9 +73,13 @@ TEST_F(DispatchTest, UnentitledClientsGetNoReplyAtAll) {
   const Case cases[] = {
       {"false", vtl::Value(false), false, {refusal}},
       {"absent", std::nullopt, false, {std::string(method) + ": No data received.", refusal}},
-      {"not a boolean", vtl::Value("yes"), false,
+      {"not a boolean",
+       vtl::Value("yes"),
+       false,
        {std::string(method) + ": format not correct: yes", refusal}},
-      {"unidentifiable peer", vtl::Value(true), true,
+      {"unidentifiable peer",
+       vtl::Value(true),
+       true,
        {std::string(method) + ": Cannot create SecTask from audit token", refusal}},
   };
   for (const Case& c : cases) {
@@ -98,9 +102,8 @@ TEST_F(DispatchTest, UnknownOrUnnamedCommandsStopTheMessage) {
   EXPECT_TRUE(platform_.log.contains("VTLHMessageResponder does not respond to aRemove."));
 
   platform_.log.clear();
-  responder().handleKRXMessage(dict({{"removeWorkContainer:", gone},
-                                     {"removeWorkContainerX:", gone},
-                                     {"zzz:", gone}}));
+  responder().handleKRXMessage(
+      dict({{"removeWorkContainer:", gone}, {"removeWorkContainerX:", gone}, {"zzz:", gone}}));
   EXPECT_EQ(replies(), std::vector{response(true)});
   EXPECT_TRUE(
       platform_.log.contains("VTLHMessageResponder does not respond to removeWorkContainerX:."));
@@ -124,9 +127,10 @@ TEST_F(DispatchTest, TwoCommandsTwoResponsesInKeyOrder) {
   responder().handleKRXMessage(
       dict({{"removeWorkContainer:", good}, {"prepareWorkContainer:", bad}}));
   EXPECT_EQ(replies(), (std::vector{response(false), response(true)}));
-  EXPECT_TRUE(platform_.log.contains("Entering -[VTLHMessageResponder prepareWorkContainer:] "
-                                     "with parameter: " +
-                                     bad));
+  EXPECT_TRUE(
+      platform_.log.contains("Entering -[VTLHMessageResponder prepareWorkContainer:] "
+                             "with parameter: " +
+                             bad));
 }
 
 TEST_F(DispatchTest, LogPathsOutsideTheLogRootsAreRefused) {
@@ -160,13 +164,12 @@ TEST(RequestConversion, KeepsSupportedEntriesAndNamesEachDroppedOne) {
                              {"ratio", 0.5},
                              {"id", krx::Uuid{}},
                              {"fd", krx::Fd{0}}});
-  std::optional<vtl::Dictionary> converted =
-      vtl::krxdictConv::dictionaryWithKRXDictionary(request);
+  std::optional<vtl::Dictionary> converted = vtl::krxdictConv::dictionaryWithKRXDictionary(request);
   ASSERT_TRUE(converted);
-  vtl::Dictionary expected_inner{{"Path", vtl::Value("/private/var")},
-                                 {"Inclusive", vtl::Value(true)},
-                                 {"Deeper", vtl::Value(vtl::Dictionary{
-                                                {"n", vtl::Value(std::int64_t{-5})}})}};
+  vtl::Dictionary expected_inner{
+      {"Path", vtl::Value("/private/var")},
+      {"Inclusive", vtl::Value(true)},
+      {"Deeper", vtl::Value(vtl::Dictionary{{"n", vtl::Value(std::int64_t{-5})}})}};
   vtl::Dictionary expected{{"createDeviceManifest:", vtl::Value(expected_inner)},
                            {"max", vtl::Value(std::int64_t{INT64_MIN})}};
   EXPECT_EQ(vtl::Value(*converted), vtl::Value(expected));
@@ -196,8 +199,8 @@ TEST_F(DispatchTest, ProgressRisesOnlyOnWholePercentages) {
       {200, two_hundred_ones, every_percent},
       {3, {1, 1, 1}, {33, 66, 100}},
       {100, {3, 37, -10, 5, 10}, {3, 40, 45}},  // skipped steps and falls are not sent
-      {10, {5, 10}, {50, 150}},                  // overshoot is reported as it is
-      {0, {1, 1}, {}},                           // nothing to measure against
+      {10, {5, 10}, {50, 150}},                 // overshoot is reported as it is
+      {0, {1, 1}, {}},                          // nothing to measure against
   };
   for (const Case& c : cases) {
     updater.initializePercentageWithTotal(c.total);

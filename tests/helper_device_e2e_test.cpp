@@ -58,8 +58,9 @@ TEST(DeviceCommands, NvramLandsInTheDevicesStore) {
   device.start();
   krx::Client client = device.connect();
   const std::string value = "-v debug=0x14e \xe2\x9c\x93";
-  EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "boot-args"}, {"Value", value}})}})),
-            std::vector{kTrue});
+  EXPECT_EQ(
+      request(client, dict({{"writeNvram:", dict({{"Name", "boot-args"}, {"Value", value}})}})),
+      std::vector{kTrue});
   EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "empty"}, {"Value", ""}})}})),
             std::vector{kTrue});
   std::optional<vtl::Value> store = vtl::read_plist_file(device.path("/sim/nvram.plist"));
@@ -71,8 +72,9 @@ TEST(DeviceCommands, NvramLandsInTheDevicesStore) {
   EXPECT_EQ(request(client, dict({{"deleteNvram:", "boot-args"}})), std::vector{kFalse});
   EXPECT_TRUE(device.wait_for_log("Couldn't force sync new nvram to device"));
   // A value of an unsupported type reaches the operation as nothing.
-  EXPECT_EQ(request(client, dict({{"writeNvram:", dict({{"Name", "raw"}, {"Value", krx::Data{1}}})}})),
-            std::vector{kTrue});
+  EXPECT_EQ(
+      request(client, dict({{"writeNvram:", dict({{"Name", "raw"}, {"Value", krx::Data{1}}})}})),
+      std::vector{kTrue});
   EXPECT_TRUE(device.wait_for_log("The value for key Value has a type that is not supported yet"));
 }
 
@@ -112,7 +114,8 @@ TEST(DeviceCommands, QuitEndsTheHelperAndALauncherStartsItAgain) {
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
   }
   ::close(listening);
-  EXPECT_TRUE(device.wait_for_log("Entering -[VTLHMessageResponder quitHelper:] with parameter: 1"));
+  EXPECT_TRUE(
+      device.wait_for_log("Entering -[VTLHMessageResponder quitHelper:] with parameter: 1"));
 }
 
 TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {

@@ -64,9 +64,8 @@ class HelperTest : public ::testing::Test {
   void entitle(const vtl::Dictionary& entitlements, const std::string& sha256 = "") {
     fs::remove_all(device_.path("/etc/krx/entitlements.d"));
     fs::create_directories(device_.path("/etc/krx/entitlements.d"));
-    ASSERT_EQ(platform::sim::write_entitlements_file(device_.root(), "test",
-                                                     testsupport::self_executable(), sha256,
-                                                     entitlements),
+    ASSERT_EQ(platform::sim::write_entitlements_file(
+                  device_.root(), "test", testsupport::self_executable(), sha256, entitlements),
               "");
   }
 
@@ -137,7 +136,8 @@ TEST_F(HelperTest, EntitlementIsBoundToTheExecutable) {
 }
 
 TEST_F(HelperTest, PreferencesMigrateOnceToMobile) {
-  const std::string source = device_.path("/private/var/root/Library/Preferences/com.tessal.Vantrel.plist");
+  const std::string source =
+      device_.path("/private/var/root/Library/Preferences/com.tessal.Vantrel.plist");
   const std::string destination =
       device_.path("/private/var/mobile/Library/Preferences/com.tessal.Vantrel.plist");
   krx::Client client = device_.connect();
@@ -200,9 +200,7 @@ TEST_F(HelperTest, UnsupportedValuesAreDroppedAndTheRestRuns) {
 }
 
 TEST_F(HelperTest, ClientsComeAndGoWhileTheHelperStays) {
-  {
-    krx::Client silent = device_.connect();
-  }
+  { krx::Client silent = device_.connect(); }
   EXPECT_TRUE(device_.wait_for_log("KRX disconnected by client"));
   const std::string log = device_.system_log();
   const auto accepted = log.find("It's an KRX_TYPE_CONNECTION");
@@ -217,10 +215,10 @@ TEST_F(HelperTest, ClientsComeAndGoWhileTheHelperStays) {
 
 TEST_F(HelperTest, MalformedFramesEndOnlyTheirConnection) {
   const std::vector<std::string> frames = {
-      std::string("KRX2\x01\x00\x00\x00\x00", 9),              // bad magic
-      std::string("KRX1\x02\x00\x00\x00\x01\x07", 10),         // bool that is not 0 or 1
+      std::string("KRX2\x01\x00\x00\x00\x00", 9),                   // bad magic
+      std::string("KRX1\x02\x00\x00\x00\x01\x07", 10),              // bool that is not 0 or 1
       std::string("KRX1\x05\x00\x00\x00\x07\x09\x00\x00\x00", 13),  // string runs past
-      std::string("KRX1\xff\xff\xff\x7f", 8),                  // far over the size limit
+      std::string("KRX1\xff\xff\xff\x7f", 8),                       // far over the size limit
   };
   for (const std::string& frame : frames) {
     krx::Client bad = device_.connect();

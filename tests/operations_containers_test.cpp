@@ -101,7 +101,8 @@ TEST_F(ContainerTest, LinkAtThePathIsNeverFollowed) {
   fs::create_directory_symlink(target, link);
   EXPECT_FALSE(ops_.prepareDirectory_writableByMobile(&link, true));
   EXPECT_EQ(mode_of(target), 0700u);
-  EXPECT_TRUE(platform_.log.contains(link + ": Cannot set attribute for Operation not supported - (null)"))
+  EXPECT_TRUE(
+      platform_.log.contains(link + ": Cannot set attribute for Operation not supported - (null)"))
       << ::testing::PrintToString(platform_.log.lines());
 }
 

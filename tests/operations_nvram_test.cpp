@@ -209,9 +209,9 @@ TEST_F(NvramFaultTest, EveryFailureHasItsMessage) {
 }
 
 TEST_F(NvramFaultTest, ARefusedCommitLeavesTheValueWritten) {
-  std::ofstream(dir_.path() + "/sim/registry-faults.plist")
-      << vtl::plist_to_xml(vtl::Value(vtl::Dictionary{
-             {"RefusedProperties", vtl::Value(vtl::Array{vtl::Value("IONVRAM-SYNCNOW-PROPERTY")})}}));
+  std::ofstream(dir_.path() + "/sim/registry-faults.plist") << vtl::plist_to_xml(
+      vtl::Value(vtl::Dictionary{
+          {"RefusedProperties", vtl::Value(vtl::Array{vtl::Value("IONVRAM-SYNCNOW-PROPERTY")})}}));
   const std::string name = "n";
   const std::string value = "v";
   EXPECT_FALSE(ops_.writeNVRam_withValue(&name, &value));

@@ -112,10 +112,9 @@ int main(int argc, char** argv) {
     the_platform->device_registry =
         platform::make_efivarfs_registry(std::string(platform::kEfivarsDirectory), true).release();
     the_platform->power = platform::make_linux_power().release();
-    the_platform->device_properties =
-        platform::make_linux_device_properties(std::string(platform::kEfivarsDirectory),
-                                               "/private/var")
-            .release();
+    the_platform->device_properties = platform::make_linux_device_properties(
+                                          std::string(platform::kEfivarsDirectory), "/private/var")
+                                          .release();
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);

@@ -143,7 +143,8 @@ class EfivarfsRegistry final : public DeviceRegistry {
 
   static int write(const std::string& path, const std::vector<std::uint8_t>& bytes) {
     Unlocked unlocked(path);
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return status_of(errno);
     FdCloser closer(fd);
     // One write: efivarfs takes a variable whole or not at all.

@@ -64,10 +64,9 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
     return dir + " exists and is not empty";
   }
   const std::string root = fs::absolute(dir, ec).lexically_normal().string();
-  for (const char* sub :
-       {"/etc/krx/entitlements.d", "/etc/vtld/trust/production", "/etc/vtld/trust/test",
-        "/private/var/logs/vtld", "/private/var/root/Library/Preferences", "/run/krx", "/sim",
-        "/dev"}) {
+  for (const char* sub : {"/etc/krx/entitlements.d", "/etc/vtld/trust/production",
+                          "/etc/vtld/trust/test", "/private/var/logs/vtld",
+                          "/private/var/root/Library/Preferences", "/run/krx", "/sim", "/dev"}) {
     if (std::string err = make_dirs(root + sub); !err.empty()) return err;
   }
   for (const char* sub : {"/private/var/mobile", "/private/var/mobile/Library",
@@ -98,8 +97,8 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
   // accepted, as on an unfused handset.
   vtl::Dictionary properties;
   properties.emplace("SigningFuse", false);
-  if (std::string err =
-          write_file(root + "/sim/device.plist", vtl::plist_to_xml(vtl::Value(std::move(properties))));
+  if (std::string err = write_file(root + "/sim/device.plist",
+                                   vtl::plist_to_xml(vtl::Value(std::move(properties))));
       !err.empty()) {
     return err;
   }

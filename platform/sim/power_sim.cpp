@@ -15,8 +15,7 @@ namespace {
 
 class SimPower final : public Power {
  public:
-  explicit SimPower(std::string root)
-      : path_(under_root(root, "/sim/reboots.plist")) {}
+  explicit SimPower(std::string root) : path_(under_root(root, "/sim/reboots.plist")) {}
 
   void reboot(int howto) override {
     vtl::Array reboots;
@@ -31,8 +30,8 @@ class SimPower final : public Power {
     const std::string xml = vtl::plist_to_xml(vtl::Value(std::move(reboots)));
     // A restart that cannot be recorded does not happen: the caller learns
     // that the way it learns of any failed restart, by being returned to.
-    if (vtl::write_file_atomically(path_, {reinterpret_cast<const std::uint8_t*>(xml.data()),
-                                           xml.size()}) != 0) {
+    if (vtl::write_file_atomically(
+            path_, {reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()}) != 0) {
       return;
     }
     ::kill(::getpid(), SIGKILL);

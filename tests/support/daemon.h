@@ -5,8 +5,8 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <ostream>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -43,7 +43,7 @@ std::string self_executable();
 // entitled as a client, and the real helper serving it.
 class Device {
  public:
-  Device();  // creates the device; does not start the helper
+  Device();   // creates the device; does not start the helper
   ~Device();  // stops the helper (SIGKILL if it does not end) and removes the device
 
   const std::string& root() const { return dir_.path(); }
@@ -67,8 +67,8 @@ class Device {
   // What the helper wrote to its system log (standard error) so far.
   std::string system_log() const;
   // Waits until the system log contains `text`; false on time-out.
-  bool wait_for_log(const std::string& text, std::chrono::milliseconds timeout =
-                                                 std::chrono::seconds(10)) const;
+  bool wait_for_log(const std::string& text,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
   // Today's log file content ("" when absent).
   std::string log_file() const;
 
@@ -82,8 +82,7 @@ class Device {
 
 // Sends one request and collects messages until `responses` "Response"
 // messages arrived or nothing came for `idle`. Returns everything received.
-std::vector<krx::Value> request(krx::Client& client, const krx::Value& message,
-                                int responses = 1,
+std::vector<krx::Value> request(krx::Client& client, const krx::Value& message, int responses = 1,
                                 std::chrono::milliseconds idle = std::chrono::seconds(10));
 
 }  // namespace testsupport
