@@ -14,12 +14,12 @@ constexpr const char* kSecureBootVariable = "SecureBoot-8be4df61-93ca-11d2-aa0d-
 
 class LinuxDeviceProperties final : public DeviceProperties {
  public:
-  LinuxDeviceProperties(std::string efivars_dir, std::string data_volume)
+  LinuxDeviceProperties(std::string data_volume, std::string efivars_dir)
       : efivars_(std::move(efivars_dir)), data_volume_(std::move(data_volume)) {}
 
-  std::optional<vtl::Value> copy_property(std::string_view name) override {
-    if (name == kSigningFuse) return secure_boot();
-    if (name == kDiskUsage) return disk_usage();
+  std::optional<vtl::Value> copy_answer(std::string_view question) override {
+    if (question == kSigningFuseQuestion) return secure_boot();
+    if (question == kDiskUsageQuestion) return disk_usage();
     return std::nullopt;
   }
 
@@ -41,8 +41,9 @@ class LinuxDeviceProperties final : public DeviceProperties {
     if (::statvfs(data_volume_.c_str(), &fs) != 0) return std::nullopt;
     const auto unit = static_cast<std::int64_t>(fs.f_frsize);
     vtl::Dictionary usage;
-    usage.emplace(kDiskUsageAvailable, vtl::Value(static_cast<std::int64_t>(fs.f_bavail) * unit));
-    usage.emplace(kDiskUsageCapacity, vtl::Value(static_cast<std::int64_t>(fs.f_blocks) * unit));
+    usage.emplace(kTotalDataAvailableKey,
+                  vtl::Value(static_cast<std::int64_t>(fs.f_bavail) * unit));
+    usage.emplace(kTotalDataCapacityKey, vtl::Value(static_cast<std::int64_t>(fs.f_blocks) * unit));
     return vtl::Value(std::move(usage));
   }
 
@@ -52,9 +53,9 @@ class LinuxDeviceProperties final : public DeviceProperties {
 
 }  // namespace
 
-std::unique_ptr<DeviceProperties> make_linux_device_properties(std::string efivars_dir,
-                                                               std::string data_volume) {
-  return std::make_unique<LinuxDeviceProperties>(std::move(efivars_dir), std::move(data_volume));
+std::unique_ptr<DeviceProperties> make_linux_device_properties(std::string data_volume,
+                                                               std::string efivars_dir) {
+  return std::make_unique<LinuxDeviceProperties>(std::move(data_volume), std::move(efivars_dir));
 }
 
 }  // namespace platform

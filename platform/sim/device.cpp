@@ -96,8 +96,12 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
   // Development hardware: manifests signed under the test policy are
   // accepted, as on an unfused handset.
   vtl::Dictionary properties;
-  properties.emplace("SigningFuse", false);
-  if (std::string err = write_file(root + "/sim/device.plist",
+  if (std::optional<vtl::Value> old = vtl::read_plist_file(root + "/sim/device-properties.plist");
+      old && old->dictionary() != nullptr) {
+    properties = *old->dictionary();
+  }
+  properties.insert_or_assign("SigningFuse", vtl::Value(false));
+  if (std::string err = write_file(root + "/sim/device-properties.plist",
                                    vtl::plist_to_xml(vtl::Value(std::move(properties))));
       !err.empty()) {
     return err;

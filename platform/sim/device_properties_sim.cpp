@@ -8,11 +8,11 @@ namespace {
 class SimDeviceProperties final : public DeviceProperties {
  public:
   explicit SimDeviceProperties(const std::string& root)
-      : path_(under_root(root, "/sim/device.plist")) {}
+      : path_(under_root(root, "/sim/device-properties.plist")) {}
 
-  std::optional<vtl::Value> copy_property(std::string_view name) override {
+  std::optional<vtl::Value> copy_answer(std::string_view question) override {
     std::optional<vtl::Value> all = vtl::read_plist_file(path_);
-    const vtl::Value* value = all ? all->find(name) : nullptr;
+    const vtl::Value* value = all ? all->find(question) : nullptr;
     if (value == nullptr) return std::nullopt;
     return *value;
   }
