@@ -1,0 +1,531 @@
+// The KRX facility end to end over real Unix sockets: a listener in a
+// temporary run directory, clients connecting to it, events on the one serial
+// queue, failures that end one connection and leave the rest serving.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "krx/client.h"
+#include "krx/codec.h"
+#include "krx/connection.h"
+
+namespace krx {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 10s;  // how long a test waits for what must happen
+
+// A fresh run directory per test, removed with everything in it afterwards.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "krx-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+struct Record {
+  std::string who;  // "listener" or "conn<N>"
+  Type type;
+  Value message;
+  ErrorKind error = ErrorKind::Other;
+  std::string description;
+  std::thread::id thread;
+};
+
+// The server side of a test: what every handler saw, in order, and the
+// connections the listener accepted. Handlers hold it by shared_ptr, so it
+// outlives any handler still running when a test ends.
+class Server : public std::enable_shared_from_this<Server> {
+ public:
+  // What a connection's handler does with a message, after recording it.
+  // Default: reply {"Reply": message}.
+  std::function<void(const std::shared_ptr<Connection>&, const Event&)> on_message =
+      [](const std::shared_ptr<Connection>& c, const Event& e) {
+        c->send_message(make_dictionary("Reply", e.message()));
+      };
+  bool accept_resumes = true;  // whether accepted connections get a handler at once
+
+  std::shared_ptr<Connection> listen(const std::string& name) {
+    listener_ = Connection::create_mach_service(name, kConnectionListener);
+    if (!listener_) return nullptr;
+    listener_->set_event_handler(handler("listener", {}));
+    listener_->resume();
+    return listener_;
+  }
+
+  // Sets the recording handler of `c` and resumes it.
+  void adopt(const std::shared_ptr<Connection>& c) {
+    std::string who;
+    {
+      std::lock_guard lock(mutex_);
+      who = "conn" + std::to_string(accepted_.size());
+      accepted_.push_back(c);
+      changed_.notify_all();
+    }
+    c->set_event_handler(handler(who, c));
+    c->resume();
+  }
+
+  // Waits until `pred(records)` holds; false after kPatience.
+  bool wait(const std::function<bool(const std::vector<Record>&)>& pred) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return pred(records_); });
+  }
+  bool wait_count(const std::string& who, std::size_t n) {
+    return wait([&](const auto& r) { return count(r, who) >= n; });
+  }
+  std::vector<Record> records() {
+    std::lock_guard lock(mutex_);
+    return records_;
+  }
+  std::shared_ptr<Connection> accepted(std::size_t i) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kPatience, [&] { return accepted_.size() > i; });
+    return i < accepted_.size() ? accepted_[i] : nullptr;
+  }
+  void cancel_all() {
+    std::vector<std::shared_ptr<Connection>> all;
+    {
+      std::lock_guard lock(mutex_);
+      all = accepted_;
+    }
+    for (auto& c : all) c->cancel();
+    if (listener_) listener_->cancel();
+  }
+
+  static std::size_t count(const std::vector<Record>& r, const std::string& who) {
+    return static_cast<std::size_t>(
+        std::count_if(r.begin(), r.end(), [&](const Record& x) { return x.who == who; }));
+  }
+
+ private:
+  EventHandler handler(std::string who, const std::weak_ptr<Connection>& self) {
+    return [server = shared_from_this(), who = std::move(who), self](const Event& e) {
+      server->record(who, e);
+      if (who == "listener" && e.type() == Type::Connection) {
+        if (server->accept_resumes) {
+          server->adopt(e.new_connection());
+        } else {
+          std::lock_guard lock(server->mutex_);
+          server->accepted_.push_back(e.new_connection());
+          server->changed_.notify_all();
+        }
+      } else if (e.type() != Type::Error && e.type() != Type::Connection) {
+        if (auto c = self.lock()) server->on_message(c, e);
+      }
+    };
+  }
+
+  void record(const std::string& who, const Event& e) {
+    std::lock_guard lock(mutex_);
+    records_.push_back(
+        Record{who, e.type(), e.message(),
+               e.is_error(ErrorKind::ConnectionInvalid)     ? ErrorKind::ConnectionInvalid
+               : e.is_error(ErrorKind::TerminationImminent) ? ErrorKind::TerminationImminent
+                                                            : ErrorKind::Other,
+               e.error_description(), std::this_thread::get_id()});
+    changed_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Record> records_;
+  std::vector<std::shared_ptr<Connection>> accepted_;
+  std::shared_ptr<Connection> listener_;
+};
+
+class KrxConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    set_run_directory(dir_.path());
+    name_ = std::string("com.tessal.test.") +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    server_ = std::make_shared<Server>();
+  }
+  void TearDown() override { server_->cancel_all(); }
+
+  std::string socket_path() const { return dir_.path() + "/" + name_; }
+
+  Client connect() {
+    std::string error;
+    auto client = Client::connect_service(dir_.path(), name_, &error);
+    EXPECT_TRUE(client.has_value()) << error;
+    if (!client) std::abort();
+    return std::move(*client);
+  }
+
+  static Value expect_message(Client& client) {
+    auto r = client.receive(kPatience);
+    auto* m = std::get_if<Client::Message>(&r);
+    EXPECT_NE(m, nullptr) << "index " << r.index();
+    return m != nullptr ? m->value : Value();
+  }
+
+  TempDir dir_;
+  std::string name_;
+  std::shared_ptr<Server> server_;
+};
+
+TEST_F(KrxConnectionTest, RequestsArriveAndRepliesGoBack) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  ASSERT_TRUE(server_->wait_count("listener", 1));
+  EXPECT_EQ(server_->records()[0].type, Type::Connection);
+
+  const Value request = make_dictionary("Path", "/private/var/mobile");
+  ASSERT_TRUE(client.send(request));
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", request));
+
+  // A well-formed frame that is not a dictionary arrives as what it is.
+  ASSERT_TRUE(client.send(Value(std::int64_t{7})));
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", std::int64_t{7}));
+  const auto records = server_->records();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[1].type, Type::Dictionary);
+  EXPECT_EQ(records[1].message, request);
+  EXPECT_EQ(records[2].type, Type::Int64);
+}
+
+TEST_F(KrxConnectionTest, ListenerSocketIsOpenToEveryLocalUser) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  struct stat st {};
+  ASSERT_EQ(lstat(socket_path().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+}
+
+TEST_F(KrxConnectionTest, ListenerCannotBeCreated) {
+  // No listener, and nothing disturbed, when the place to bind is unusable.
+  set_run_directory(dir_.path() + "/missing");
+  EXPECT_EQ(Connection::create_mach_service(name_, kConnectionListener), nullptr);
+
+  set_run_directory(dir_.path());
+  EXPECT_EQ(Connection::create_mach_service(std::string(200, 'x'), kConnectionListener), nullptr);
+  EXPECT_EQ(Connection::create_mach_service("../escape", kConnectionListener), nullptr);
+
+  { std::ofstream(socket_path()) << "not a socket"; }
+  EXPECT_EQ(Connection::create_mach_service(name_, kConnectionListener), nullptr);
+  std::ifstream kept(socket_path());
+  std::string text;
+  std::getline(kept, text);
+  EXPECT_EQ(text, "not a socket");
+}
+
+TEST_F(KrxConnectionTest, StaleSocketIsReplacedButALiveOneIsNot) {
+  {
+    // A socket file left behind by a listener that is gone.
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    (void)std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path().c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    close(fd);
+  }
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  ASSERT_TRUE(client.send(Value("hello")));
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", "hello"));
+
+  // A second listener for the same name would take the socket from the one
+  // serving it.
+  EXPECT_EQ(Connection::create_mach_service(name_, kConnectionListener), nullptr);
+  ASSERT_TRUE(client.send(Value("still here")));
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", "still here"));
+}
+
+TEST_F(KrxConnectionTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  auto conn = server_->accepted(0);
+  ASSERT_NE(conn, nullptr);
+
+  // From a thread that is not the queue: a progress update, say.
+  conn->send_message(make_dictionary("Progress", std::int64_t{50}));
+  EXPECT_EQ(expect_message(client), make_dictionary("Progress", std::int64_t{50}));
+
+  // Far more than a socket buffer holds, both ways: the facility reassembles
+  // what comes in pieces and flushes what the socket did not take at once.
+  Data big(8u << 20);
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 31 + 7);
+  const Value request = make_dictionary("Blob", big);
+  ASSERT_TRUE(client.send(request));
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", request));
+}
+
+TEST_F(KrxConnectionTest, PeerCloseEndsTheConnectionOnce) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  {
+    Client client = connect();
+    ASSERT_TRUE(client.send(Value("last words")));
+    ASSERT_TRUE(server_->wait_count("conn0", 1));
+  }
+  ASSERT_TRUE(server_->wait(
+      [](const auto& r) { return !r.empty() && r.back().error == ErrorKind::ConnectionInvalid; }));
+  auto conn = server_->accepted(0);
+  conn->send_message(Value("nobody listens"));  // dropped, quietly
+  conn->resume();
+  std::this_thread::sleep_for(200ms);
+  const auto records = server_->records();
+  ASSERT_EQ(Server::count(records, "conn0"), 2u);
+  EXPECT_EQ(records.back().who, "conn0");
+  EXPECT_EQ(records.back().type, Type::Error);
+  EXPECT_FALSE(records.back().description.empty());
+}
+
+struct BadFrame {
+  const char* name;
+  std::vector<std::uint8_t> bytes;
+  const char* reason;
+};
+
+TEST_F(KrxConnectionTest, MalformedFrameEndsOnlyThatConnection) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client bystander = connect();
+  ASSERT_TRUE(bystander.send(Value("before")));
+  EXPECT_EQ(expect_message(bystander), make_dictionary("Reply", "before"));
+
+  std::vector<std::uint8_t> good_then_bad = encode_frame(Value("first"));
+  good_then_bad.insert(good_then_bad.end(), {'K', 'R', 'X', '1', 1, 0, 0, 0, 0x01});
+  const BadFrame frames[] = {
+      {"bad magic", {'H', 'T', 'T', 'P', '/', '1', '.', '1'}, "bad magic"},
+      {"unknown tag", {'K', 'R', 'X', '1', 1, 0, 0, 0, 0x2A}, "unknown tag 0x2a"},
+      {"announced frame over the limit",
+       {'K', 'R', 'X', '1', 0xFF, 0xFF, 0xFF, 0x7F},
+       "exceeds the limit"},
+      {"repeated key",
+       {'K', 'R', 'X', '1', 17, 0, 0, 0, 0x0B, 2, 0, 0, 0, 1, 0, 0, 0, 'a', 0, 1, 0, 0, 0, 'a', 0},
+       "repeats key"},
+      {"good frame, then a bool cut short", good_then_bad, "runs past the frame"},
+  };
+  std::size_t served = 1;  // the bystander
+  for (const auto& f : frames) {
+    SCOPED_TRACE(f.name);
+    const std::string who = "conn" + std::to_string(served++);
+    Client client = connect();
+    ASSERT_TRUE(client.send_raw(f.bytes.data(), f.bytes.size()));
+    // The server hangs up on the offender (after replying to what was sound).
+    Client::Received got = client.receive(kPatience);
+    while (std::holds_alternative<Client::Message>(got)) got = client.receive(kPatience);
+    EXPECT_TRUE(std::holds_alternative<Client::Closed>(got)) << got.index();
+    ASSERT_TRUE(server_->wait([&](const auto& r) {
+      return std::any_of(r.begin(), r.end(), [&](const Record& x) {
+        return x.who == who && x.error == ErrorKind::ConnectionInvalid;
+      });
+    }));
+    for (const auto& r : server_->records()) {
+      if (r.who == who && r.type == Type::Error) {
+        EXPECT_NE(r.description.find(f.reason), std::string::npos) << r.description;
+      }
+    }
+  }
+  // The well-formed frame ahead of the bad one was still delivered.
+  const auto records = server_->records();
+  EXPECT_TRUE(std::any_of(records.begin(), records.end(),
+                          [](const Record& r) { return r.message == Value("first"); }));
+
+  // Everyone else is served as before, and newcomers too.
+  ASSERT_TRUE(bystander.send(Value("after")));
+  EXPECT_EQ(expect_message(bystander), make_dictionary("Reply", "after"));
+  Client newcomer = connect();
+  ASSERT_TRUE(newcomer.send(Value("new")));
+  EXPECT_EQ(expect_message(newcomer), make_dictionary("Reply", "new"));
+}
+
+TEST_F(KrxConnectionTest, DescriptorsSentAlongAreClosedUnused) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  int pipe_fds[2];
+  ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
+
+  const auto frame = encode_frame(make_dictionary("Descriptor", Fd{0}));
+  iovec iov{const_cast<std::uint8_t*>(frame.data()), frame.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(c), &pipe_fds[1], sizeof(int));
+  ASSERT_EQ(sendmsg(client.fd(), &msg, MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+  close(pipe_fds[1]);
+
+  // The message itself is delivered ...
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", make_dictionary("Descriptor", Fd{0})));
+  // ... and with the server's copy of the write end closed, the pipe is at
+  // its end.
+  pollfd pfd{pipe_fds[0], POLLIN, 0};
+  ASSERT_EQ(poll(&pfd, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())), 1);
+  char byte = 0;
+  EXPECT_EQ(read(pipe_fds[0], &byte, 1), 0);
+  close(pipe_fds[0]);
+}
+
+TEST_F(KrxConnectionTest, EventsOfAllConnectionsRunOneAtATime) {
+  std::atomic<int> inside{0};
+  std::atomic<int> most_inside{0};
+  server_->on_message = [&inside, &most_inside](const std::shared_ptr<Connection>& c,
+                                                const Event& e) {
+    const int now = ++inside;
+    int seen = most_inside.load();
+    while (now > seen && !most_inside.compare_exchange_weak(seen, now)) {
+    }
+    std::this_thread::sleep_for(5ms);
+    c->send_message(make_dictionary("Reply", e.message()));  // the reply is part of the request
+    --inside;
+  };
+  ASSERT_NE(server_->listen(name_), nullptr);
+  constexpr int kClients = 3;
+  constexpr std::int64_t kRequests = 10;
+  std::vector<std::thread> threads;
+  std::atomic<int> replies{0};
+  threads.reserve(kClients);
+  for (int t = 0; t < kClients; ++t) {
+    threads.emplace_back([&] {
+      Client client = connect();
+      for (std::int64_t i = 0; i < kRequests; ++i) ASSERT_TRUE(client.send(Value(i)));
+      for (std::int64_t i = 0; i < kRequests; ++i) {
+        // Each connection's messages keep their order.
+        EXPECT_EQ(expect_message(client), make_dictionary("Reply", i));
+        ++replies;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(replies.load(), kClients * kRequests);
+  EXPECT_EQ(most_inside.load(), 1);
+
+  // One queue thread for every connection, and not the caller's.
+  const auto records = server_->records();
+  for (const auto& r : records) {
+    EXPECT_EQ(r.thread, records.front().thread);
+  }
+  EXPECT_NE(records.front().thread, std::this_thread::get_id());
+  server_->on_message = [](const std::shared_ptr<Connection>&, const Event&) {};
+}
+
+TEST_F(KrxConnectionTest, NewConnectionIsSilentUntilResumed) {
+  server_->accept_resumes = false;
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  ASSERT_TRUE(client.send(Value("early")));
+  auto conn = server_->accepted(0);
+  ASSERT_NE(conn, nullptr);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(server_->records().size(), 1u);  // the connection event only
+
+  server_->adopt(conn);
+  EXPECT_EQ(expect_message(client), make_dictionary("Reply", "early"));
+}
+
+TEST_F(KrxConnectionTest, AuditTokenNamesTheClientProcess) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  auto conn = server_->accepted(0);
+  ASSERT_NE(conn, nullptr);
+  const AuditToken& token = conn->audit_token();
+  EXPECT_EQ(token.pid, getpid());
+  EXPECT_EQ(token.uid, getuid());
+  EXPECT_EQ(token.gid, getgid());
+  ASSERT_NE(token.pidfd, nullptr);
+  if (*token.pidfd < 0) GTEST_SKIP() << "this kernel gives no pidfd";
+  // The pidfd is ours: the kernel says which pid it refers to.
+  std::ifstream info("/proc/self/fdinfo/" + std::to_string(*token.pidfd));
+  std::string line;
+  bool found = false;
+  while (std::getline(info, line)) {
+    if (line.rfind("Pid:", 0) == 0) {
+      found = true;
+      EXPECT_EQ(std::stoi(line.substr(4)), getpid());
+    }
+  }
+  EXPECT_TRUE(found);
+  EXPECT_TRUE((fcntl(*token.pidfd, F_GETFD) & FD_CLOEXEC) != 0);
+}
+
+TEST_F(KrxConnectionTest, CancelEndsTheConnectionAndStopsAccepting) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  auto conn = server_->accepted(0);
+  ASSERT_NE(conn, nullptr);
+  conn->cancel();
+  EXPECT_TRUE(std::holds_alternative<Client::Closed>(client.receive(kPatience)));
+  client.send(Value("into the void"));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(Server::count(server_->records(), "conn0"), 0u);
+
+  server_->cancel_all();
+  std::string error;
+  EXPECT_FALSE(Client::connect_service(dir_.path(), name_, &error).has_value());
+  EXPECT_NE(error.find("cannot connect to " + socket_path()), std::string::npos) << error;
+}
+
+TEST_F(KrxConnectionTest, PeerThatDoesNotReadIsCutOff) {
+  ASSERT_NE(server_->listen(name_), nullptr);
+  Client client = connect();
+  auto conn = server_->accepted(0);
+  ASSERT_NE(conn, nullptr);
+  // Never read by the client: beyond the cap on waiting output the server
+  // gives up on it rather than hold the memory.
+  const Value chunk = Data(15u << 20, 0x11);
+  for (int i = 0; i < 6; ++i) conn->send_message(chunk);
+  ASSERT_TRUE(server_->wait([](const auto& r) {
+    return std::any_of(r.begin(), r.end(), [](const Record& x) {
+      return x.who == "conn0" && x.error == ErrorKind::ConnectionInvalid;
+    });
+  }));
+  for (const auto& r : server_->records()) {
+    if (r.type == Type::Error) {
+      EXPECT_NE(r.description.find("does not read"), std::string::npos);
+    }
+  }
+}
+
+TEST_F(KrxConnectionTest, ConnectionOverAnExistingSocket) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+  auto conn = Connection::from_socket(fds[0]);
+  ASSERT_NE(conn, nullptr);
+  Client peer = Client::from_socket(fds[1]);
+  server_->adopt(conn);
+  ASSERT_TRUE(peer.send(make_dictionary("Ping", true)));
+  EXPECT_EQ(expect_message(peer), make_dictionary("Reply", make_dictionary("Ping", true)));
+  EXPECT_EQ(conn->audit_token().pid, getpid());
+}
+
+}  // namespace
+}  // namespace krx
