@@ -1,0 +1,60 @@
+#include "vtldctl/commands.h"
+
+#include <cstddef>
+
+namespace vtldctl {
+
+using Kind = Parameter::Kind;
+
+const std::vector<Command>& command_table() {
+  // Paths are device paths: what the helper sees under its confinement, the
+  // same as on the handset ("/private/var/..."), not paths on this host.
+  static const std::vector<Command> table = {
+      {"migrate-preferences",
+       "migratePreferencesFile:",
+       "Move com.tessal.Vantrel.plist from root's preferences to the mobile user's",
+       {}},
+      {"prepare-log-container",
+       "prepareLogContainer:",
+       "Prepare a log folder under /private/var/logs or /var/logs for the mobile user",
+       {{Kind::kPositional, "PATH", nullptr, "device path of the log folder"}}},
+      {"prepare-work-container",
+       "prepareWorkContainer:",
+       "Prepare a work folder for the mobile user, discarding its VTL_staging",
+       {{Kind::kPositional, "PATH", nullptr, "device path of the work folder"}}},
+      {"remove-work-container",
+       "removeWorkContainer:",
+       "Remove a work folder with everything in it",
+       {{Kind::kPositional, "PATH", nullptr, "device path of the work folder"}}},
+  };
+  return table;
+}
+
+const Command* find_command(std::string_view name) {
+  for (const Command& command : command_table()) {
+    if (name == command.name) return &command;
+  }
+  return nullptr;
+}
+
+krx::Value build_request(const Command& command, const Arguments& arguments) {
+  krx::Value value = true;
+  if (command.parameters.size() == 1 && command.parameters[0].key == nullptr) {
+    value = arguments.positionals.at(0);
+  } else if (!command.parameters.empty()) {
+    krx::Dictionary parameters;
+    std::size_t positional = 0;
+    std::size_t flag = 0;
+    for (const Parameter& parameter : command.parameters) {
+      if (parameter.kind == Kind::kPositional) {
+        parameters.emplace_back(parameter.key, arguments.positionals.at(positional++));
+      } else {
+        parameters.emplace_back(parameter.key, bool{arguments.flags.at(flag++)});
+      }
+    }
+    value = std::move(parameters);
+  }
+  return krx::make_dictionary(command.request_key, std::move(value));
+}
+
+}  // namespace vtldctl
