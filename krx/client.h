@@ -26,6 +26,8 @@ class Client {
   ~Client();
 
   // Sends one frame. False when the value cannot be framed or the write fails.
+  // Blocks until the whole frame is written; a peer that went away is a
+  // failure, never SIGPIPE.
   bool send(const Value& message);
   // Sends raw bytes as they are (tests of malformed frames).
   bool send_raw(const void* bytes, std::size_t size);
@@ -39,6 +41,11 @@ class Client {
     std::string reason;
   };
   using Received = std::variant<Message, Timeout, Closed, Malformed>;
+  // The next frame, waiting at most `timeout` (a negative one waits without
+  // limit). Closed on end of stream, a reset or any receive failure, also
+  // when a frame was cut short by it. A malformed frame ends the stream for
+  // good: every later call reports it again. Descriptors sent along with
+  // the bytes are closed unused.
   Received receive(std::chrono::milliseconds timeout);
 
   int fd() const;

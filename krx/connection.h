@@ -5,6 +5,22 @@
 // queue (a thread of the facility's own, started by the first resume()). An
 // event is handled to completion, sends included, before the next is taken.
 // send_message() may be called from any thread.
+//
+// More of what callers rely on:
+// - Handlers are never called with a facility lock held: a handler may call
+//   any function here, on any connection, including cancel() of its own.
+// - A handler may end the process with exit() from the queue thread. The
+//   facility is never destroyed (it is leaked on purpose), so no static
+//   destructor waits for or tears down the queue under the running handler.
+//   Handlers must not throw: an exception leaving a handler ends the process.
+// - Every descriptor the facility opens is close-on-exec.
+// - Events of one connection arrive in the order their frames arrived; a
+//   connection's last event is connection-invalid, delivered once.
+// - The facility keeps a connection (and the listener) alive while it has a
+//   handler for it, until cancel() or until connection-invalid was delivered;
+//   then it drops the handler, so a handler that captures its own connection
+//   makes no leak. A connection nobody set a handler on closes when its last
+//   reference goes.
 #pragma once
 
 #include <sys/types.h>
@@ -73,6 +89,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // (systemd socket activation), or else binds <run directory>/<service_name>.
   // Returns nullptr when it cannot. Call it from the main thread before any
   // other thread starts: it arranges for SIGTERM to reach the event queue.
+  //
+  // Handed-over sockets: the one whose name (LISTEN_FDNAMES) is
+  // `service_name`, else the first listening Unix stream socket not taken by
+  // another listener. Binding: the socket file is made mode 0666 (who may do
+  // what is decided per message, by entitlement); a socket file left by an
+  // earlier run is replaced, but not one a live listener still answers on,
+  // and never a file of another kind. nullptr when the run directory is
+  // missing, the path does not fit a socket address, `service_name` is not a
+  // single path component, or bind/listen fail.
+  //
+  // Without kConnectionListener it connects to <run directory>/<service_name>
+  // as a client would and returns that connection (nullptr when it cannot).
   static std::shared_ptr<Connection> create_mach_service(std::string_view service_name,
                                                          std::uint64_t flags);
   // A connection over an already-connected stream socket (takes ownership).
@@ -80,12 +108,28 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   virtual ~Connection();
 
+  // Replaces the handler; an empty one drops it (events are then dropped).
   void set_event_handler(EventHandler handler);
+  // Starts event delivery. A connection accepted by a listener delivers
+  // nothing, and is not even read, until its handler is set and resume() is
+  // called; messages that arrived meanwhile are delivered then.
   void resume();
+  // Stops event delivery at once (events already queued are dropped), closes
+  // the socket and drops the handler. For a listener: stops accepting; the
+  // socket file stays (the next start replaces it).
   void cancel();
   // Queues one message; never waits for the peer. Dropped once cancelled or
   // invalid.
+  // What the socket does not take at once waits in the connection and is
+  // written by the queue thread as the peer reads. More than 64 MiB waiting
+  // means the peer does not read: the connection fails (connection-invalid).
+  // A value encode_frame() cannot frame is not sent.
   void send_message(const Value& message);
+  // The peer's credentials, taken when the connection was accepted. The pidfd
+  // comes from the kernel with the credentials (SO_PEERPIDFD) where it can;
+  // on older kernels it is opened by pid, which leaves a window in which a
+  // client that exits at once may have its pid reused. For a listener: no
+  // peer (-1 everywhere).
   const AuditToken& audit_token() const;
 
  protected:
@@ -93,11 +137,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
 };
 
 // Where listeners without a handed-over socket bind: "/run/krx" unless changed.
+// Set it before creating listeners; it is not guarded against concurrent use.
 void set_run_directory(std::string path);
 const std::string& run_directory();
 
 // Keep-alive transactions: while one is open, termination-imminent is held
 // back. RAII form below.
+//
+// On SIGTERM the facility delivers termination-imminent to every live
+// connection (resumed, with a handler, not cancelled or failed), in the order
+// they were made, then to the listener. While the transaction count is above
+// zero that waits; it goes out when the count drops to zero, and if that
+// happens inside a handler, after that handler returns. The facility does not
+// end the process itself: that is the handlers' decision. An unmatched
+// transaction_end() is ignored. Callable from any thread.
 void transaction_begin();
 void transaction_end();
 
@@ -110,6 +163,8 @@ class Transaction {
 };
 
 // Parks the calling (main) thread for good; the event queue does the work.
+// Signals keep their dispositions: SIGTERM is read by the queue, others act
+// as they would.
 [[noreturn]] void run_main_loop();
 
 }  // namespace krx
