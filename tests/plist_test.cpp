@@ -1,0 +1,395 @@
+// Property lists: what round-trips, what is refused, and files written whole.
+#include "service/plist.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "service/description.h"
+
+namespace vtl {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::microseconds;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+using Bytes = std::vector<std::uint8_t>;
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = "/tmp/vtl_plist_XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (const auto& e : fs::directory_iterator(path_)) out.push_back(e.path().filename());
+    return out;
+  }
+
+ private:
+  std::string path_;
+};
+
+Bytes bytes_of(std::string_view s) { return Bytes(s.begin(), s.end()); }
+
+std::optional<Value> parse(std::string_view text) { return plist_from_bytes(bytes_of(text)); }
+
+std::string xml_document(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body + "</plist>";
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+// A binary property list assembled object by object, for documents no writer
+// would produce. References are one byte, offsets two.
+class BinaryBuilder {
+ public:
+  std::uint64_t add(Bytes object) {
+    objects_.push_back(std::move(object));
+    return objects_.size() - 1;
+  }
+  Bytes build(std::uint64_t root = 0) const {
+    Bytes out = bytes_of("bplist00");
+    std::vector<std::size_t> offsets;
+    for (const Bytes& o : objects_) {
+      offsets.push_back(out.size());
+      out.insert(out.end(), o.begin(), o.end());
+    }
+    const std::size_t table = out.size();
+    for (std::size_t off : offsets) {
+      out.push_back(static_cast<std::uint8_t>(off >> 8));
+      out.push_back(static_cast<std::uint8_t>(off));
+    }
+    Bytes trailer(32, 0);
+    trailer[6] = 2;
+    trailer[7] = 1;
+    put64(trailer, 8, objects_.size());
+    put64(trailer, 16, root);
+    put64(trailer, 24, table);
+    out.insert(out.end(), trailer.begin(), trailer.end());
+    return out;
+  }
+
+ private:
+  static void put64(Bytes& b, std::size_t at, std::uint64_t v) {
+    for (std::size_t i = 0; i < 8; ++i) b[at + i] = static_cast<std::uint8_t>(v >> (56 - 8 * i));
+  }
+  std::vector<Bytes> objects_;
+};
+
+Bytes ascii(std::string_view s) {
+  Bytes b{static_cast<std::uint8_t>(0x50 | s.size())};
+  b.insert(b.end(), s.begin(), s.end());
+  return b;
+}
+
+Value every_type() {
+  Data all_bytes;
+  for (int i = 0; i < 256; ++i) all_bytes.push_back(static_cast<std::uint8_t>(i));
+  return Value(Dictionary{
+      {"String", Value("Grüße ✓ 𝄞 <&>")},
+      {"Empty", Value("")},
+      {"True", Value(true)},
+      {"False", Value(false)},
+      {"Integers",
+       Value(Array{Value(std::int64_t{0}), Value(std::int64_t{-1}),
+                   Value(std::numeric_limits<std::int64_t>::min()),
+                   Value(std::numeric_limits<std::int64_t>::max()), Value(std::int64_t{1} << 40)})},
+      {"Reals", Value(Array{Value(0.1), Value(-2.5e-300), Value(1e308), Value(0.0)})},
+      {"Dates", Value(Array{Value(Date(seconds(1794817946))), Value(Date(seconds(0))),
+                            Value(Date(seconds(-86400 * 365)))})},
+      {"Data", Value(all_bytes)},
+      {"NoData", Value(Data{})},
+      {"Nested", Value(Dictionary{{"A", Value(Array{Value(Array{}), Value(Dictionary{})})},
+                                  {"ключ", Value("значение")}})},
+  });
+}
+
+TEST(PlistRoundTrip, EveryTypeThroughBinary) {
+  const Value v = every_type();
+  EXPECT_EQ(plist_from_bytes(plist_to_binary(v)), v);
+}
+
+TEST(PlistRoundTrip, EveryTypeThroughXml) {
+  const Value v = every_type();
+  const std::string xml = plist_to_xml(v);
+  EXPECT_TRUE(xml.starts_with("<?xml")) << xml;
+  EXPECT_EQ(parse(xml), v) << xml;
+}
+
+TEST(PlistRoundTrip, NonFiniteRealsThroughBoth) {
+  const Value v(Array{Value(std::numeric_limits<double>::infinity()),
+                      Value(-std::numeric_limits<double>::infinity()), Value(std::nan(""))});
+  for (const auto& back : {plist_from_bytes(plist_to_binary(v)), parse(plist_to_xml(v))}) {
+    ASSERT_TRUE(back.has_value());
+    EXPECT_EQ(description(*back), "( inf, -inf, nan )");
+  }
+}
+
+TEST(PlistRoundTrip, BinaryDatesKeepMicroseconds) {
+  const struct {
+    Date in;
+    Date out;
+  } cases[] = {
+      {Date(seconds(1794817946) + microseconds(123456)),
+       Date(seconds(1794817946) + microseconds(123456))},
+      {Date(seconds(1794817946) + nanoseconds(123456789)),
+       Date(seconds(1794817946) + microseconds(123456))},
+      // Fractions just before 2001 and before 1970 (negative seconds on
+      // both of libplist's and the system clock's scales).
+      {Date(seconds(978307199) + microseconds(250000)),
+       Date(seconds(978307199) + microseconds(250000))},
+      {Date(seconds(-100) + microseconds(999999)), Date(seconds(-100) + microseconds(999999))},
+      {Date(seconds(-1169176448)), Date(seconds(-1169176448))},  // libplist's earliest
+      {Date(seconds(3125790847)), Date(seconds(3125790847))},    // and latest
+      // Beyond them: clamped.
+      {Date(seconds(4102444800)), Date(seconds(3125790847))},
+      {Date(seconds(-2208988800)), Date(seconds(-1169176448))},
+  };
+  for (const auto& c : cases) {
+    const auto back = plist_from_bytes(plist_to_binary(Value(c.in)));
+    ASSERT_TRUE(back.has_value());
+    ASSERT_NE(back->date(), nullptr);
+    EXPECT_EQ(back->date()->time_since_epoch().count(), c.out.time_since_epoch().count())
+        << date_description(c.in);
+  }
+}
+
+TEST(PlistRead, ForeignXml) {
+  const auto v = parse(xml_document(
+      "<dict><key>Executable</key><string>/usr/bin/vtldctl</string>"
+      "<key>Entitlements</key><dict><key>com.tessal.private.vantrel.vantreld</key><true/></dict>"
+      "<key>Count</key><integer>-5</integer><key>Max</key><integer>9223372036854775807</integer>"
+      "<key>Blob</key><data>AAEC/w==</data><key>When</key><date>2026-11-16T06:32:26Z</date>"
+      "<key>Ratio</key><real>0.5</real><key>List</key><array><string>a</string><array/></array>"
+      "</dict>"));
+  ASSERT_TRUE(v.has_value());
+  EXPECT_EQ(description(*v),
+            "{ Blob = {length = 4, bytes = 0x000102ff}; Count = -5; Entitlements = { "
+            "com.tessal.private.vantrel.vantreld = 1; }; Executable = /usr/bin/vtldctl; List = ( "
+            "a, ( ) ); Max = 9223372036854775807; Ratio = 0.5; When = \"2026-11-16 06:32:26 "
+            "+0000\"; }");
+}
+
+TEST(PlistRead, SignedIntegersInBinary) {
+  BinaryBuilder b;
+  b.add({0xA2, 1, 2});
+  b.add({0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFB});  // 8 bytes: -5
+  b.add({0x10, 0x2A});                                            // 1 byte: 42
+  EXPECT_EQ(plist_from_bytes(b.build()), Value(Array{Value(-5), Value(42)}));
+}
+
+struct Malformed {
+  const char* name;
+  Bytes bytes;
+};
+
+class MalformedTest : public ::testing::TestWithParam<Malformed> {};
+
+TEST_P(MalformedTest, IsRefused) { EXPECT_EQ(plist_from_bytes(GetParam().bytes), std::nullopt); }
+
+Bytes binary_of(std::initializer_list<Bytes> objects) {
+  BinaryBuilder b;
+  for (const Bytes& o : objects) b.add(o);
+  return b.build();
+}
+
+Bytes nested_xml(int depth) {
+  std::string body;
+  for (int i = 0; i < depth; ++i) body += "<array>";
+  for (int i = 0; i < depth; ++i) body += "</array>";
+  return bytes_of(xml_document(body));
+}
+
+Bytes nested_binary(int depth) {
+  BinaryBuilder b;
+  for (int i = 0; i + 1 < depth; ++i) b.add({0xA1, static_cast<std::uint8_t>(i + 1)});
+  b.add({0xA0});
+  // One-byte references reach 255 objects; deeper chains need wider ones.
+  if (depth <= 255) return b.build();
+  Bytes out = bytes_of("bplist00");
+  std::vector<std::uint32_t> offsets;
+  for (int i = 0; i < depth; ++i) {
+    offsets.push_back(static_cast<std::uint32_t>(out.size()));
+    if (i + 1 == depth) {
+      out.push_back(0xA0);
+    } else {
+      const auto next = static_cast<std::uint32_t>(i + 1);
+      out.insert(
+          out.end(),
+          {0xA1, static_cast<std::uint8_t>(next >> 24), static_cast<std::uint8_t>(next >> 16),
+           static_cast<std::uint8_t>(next >> 8), static_cast<std::uint8_t>(next)});
+    }
+  }
+  const auto table = static_cast<std::uint32_t>(out.size());
+  for (std::uint32_t o : offsets) {
+    out.insert(out.end(), {static_cast<std::uint8_t>(o >> 24), static_cast<std::uint8_t>(o >> 16),
+                           static_cast<std::uint8_t>(o >> 8), static_cast<std::uint8_t>(o)});
+  }
+  Bytes trailer(32, 0);
+  trailer[6] = 4;
+  trailer[7] = 4;
+  for (int i = 0; i < 4; ++i) {
+    trailer[static_cast<std::size_t>(12 + i)] =
+        static_cast<std::uint8_t>(static_cast<std::uint32_t>(depth) >> (24 - 8 * i));
+    trailer[static_cast<std::size_t>(28 + i)] = static_cast<std::uint8_t>(table >> (24 - 8 * i));
+  }
+  out.insert(out.end(), trailer.begin(), trailer.end());
+  return out;
+}
+
+// Forty levels of a pair referring twice to the next: 2^40 nodes once expanded.
+Bytes expansion_bomb() {
+  BinaryBuilder b;
+  for (std::uint8_t i = 0; i < 40; ++i)
+    b.add({0xA2, static_cast<std::uint8_t>(i + 1), static_cast<std::uint8_t>(i + 1)});
+  b.add({0x10, 0x01});
+  return b.build();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, MalformedTest,
+    ::testing::Values(
+        Malformed{"Empty", {}}, Malformed{"MagicOnly", bytes_of("bplist00")},
+        Malformed{"Garbage", bytes_of("\x01\x02 not a property list \xff")},
+        Malformed{"XmlWrongRoot", bytes_of(xml_document("<foo/>"))},
+        Malformed{"XmlUnclosed", bytes_of(xml_document("<array><string>a</string>"))},
+        Malformed{"XmlTruncated", bytes_of("<?xml version=\"1.0\"?><plist><dict><key>a</ke")},
+        Malformed{"XmlIntegerAboveInt64",
+                  bytes_of(xml_document("<integer>18446744073709551615</integer>"))},
+        Malformed{"XmlNotUtf8", bytes_of(xml_document("<string>\xff\xfe</string>"))},
+        Malformed{"XmlNulEntity", bytes_of(xml_document("<string>a&#0;b</string>"))},
+        Malformed{"XmlTooDeep", nested_xml(513)},
+        Malformed{"XmlDeepBehindComments",
+                  [] {
+                    std::string body;
+                    for (int i = 0; i < 600; ++i) body += "<array><!-- </array> -->";
+                    return bytes_of(xml_document(body));
+                  }()},
+        Malformed{"XmlVeryDeep", nested_xml(200000)},
+        Malformed{"BinaryTooDeep", nested_binary(513)},
+        Malformed{"BinaryVeryDeep", nested_binary(300000)},
+        Malformed{"BinaryCycle", binary_of({{0xA1, 0}})},
+        Malformed{"BinaryExpansionBomb", expansion_bomb()},
+        Malformed{"BinaryHugeCount",
+                  binary_of({{0xAF, 0x13, 0x10, 0, 0, 0, 0, 0, 0, 0, 1}, {0x10, 0x01}})},
+        Malformed{"BinaryHugeString", binary_of({{0x5F, 0x13, 0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 'a'}})},
+        Malformed{"BinaryRefOutOfRange", binary_of({{0xA1, 7}})},
+        Malformed{"BinaryIntegerAboveInt64",
+                  binary_of({{0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                              0xFF, 0xFF}})},
+        Malformed{"BinaryUid", binary_of({{0x80, 0x01}})},
+        Malformed{"BinaryNulInKey", binary_of({{0xD1, 1, 2}, ascii(std::string_view("a\0b", 3)), {0x10, 1}})},
+        Malformed{"BinaryNulInString", binary_of({ascii(std::string_view("a\0b", 3))})},
+        Malformed{"BinaryNotUtf8", binary_of({{0x52, 0xC3, 0x28}})},
+        Malformed{"BinaryRepeatedKey", binary_of({{0xD2, 1, 1, 2, 2}, ascii("k"), {0x10, 1}})},
+        Malformed{"BinaryNonStringKey", binary_of({{0xD1, 1, 1}, {0x10, 1}})},
+        Malformed{"BinaryNaNDate", binary_of({{0x33, 0x7F, 0xF8, 0, 0, 0, 0, 0, 0}})},
+        Malformed{"BinaryTrailerLies",
+                  [] {
+                    Bytes b = binary_of({{0x10, 1}});
+                    b[b.size() - 1] = 0xFF;  // offset table beyond the end
+                    return b;
+                  }()}),
+    [](const auto& case_info) { return std::string(case_info.param.name); });
+
+TEST(PlistRead, NestingUpToTheLimitIsAccepted) {
+  EXPECT_TRUE(plist_from_bytes(nested_xml(512)).has_value());
+  EXPECT_TRUE(plist_from_bytes(nested_binary(512)).has_value());
+}
+
+// Every cut and every single-byte change of a real document either parses or
+// is refused; the sanitizers watch for anything else.
+TEST(PlistRead, TruncatedAndCorruptedDocumentsNeverCrash) {
+  const Bytes binary = plist_to_binary(every_type());
+  const std::string xml = plist_to_xml(every_type());
+  for (std::size_t n = 0; n < binary.size(); ++n) {
+    static_cast<void>(plist_from_bytes(std::span(binary.data(), n)));
+  }
+  for (std::size_t n = 0; n < xml.size(); n += 7) static_cast<void>(parse(xml.substr(0, n)));
+  for (std::size_t i = 0; i < binary.size(); ++i) {
+    for (const std::uint8_t x : {std::uint8_t{0x01}, std::uint8_t{0x80}, std::uint8_t{0xFF}}) {
+      Bytes mutated = binary;
+      mutated[i] = static_cast<std::uint8_t>(mutated[i] ^ x);
+      static_cast<void>(plist_from_bytes(mutated));
+    }
+  }
+  EXPECT_TRUE(plist_from_bytes(binary).has_value());
+}
+
+TEST(PlistFile, ReadsRegularFilesOnly) {
+  TempDir dir;
+  const Bytes doc = plist_to_binary(Value(Dictionary{{"k", Value(1)}}));
+  ASSERT_EQ(write_file_atomically(dir / "a.plist", doc), 0);
+  EXPECT_EQ(read_plist_file(dir / "a.plist"), Value(Dictionary{{"k", Value(1)}}));
+  ASSERT_EQ(::symlink((dir / "a.plist").c_str(), (dir / "link.plist").c_str()), 0);
+  EXPECT_TRUE(read_plist_file(dir / "link.plist").has_value());
+  EXPECT_EQ(read_plist_file(dir / "a.plist", doc.size() - 1), std::nullopt);
+  EXPECT_TRUE(read_plist_file(dir / "a.plist", doc.size()).has_value());
+  EXPECT_EQ(read_plist_file(dir / "missing.plist"), std::nullopt);
+  EXPECT_EQ(read_plist_file(dir / "."), std::nullopt);
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0644), 0);
+  EXPECT_EQ(read_plist_file(dir / "fifo"), std::nullopt);  // and returns at once
+}
+
+TEST(PlistFile, AtomicWriteReplacesWholeWithTheGivenMode) {
+  TempDir dir;
+  const std::string path = dir / "out.plist";
+  ASSERT_EQ(write_file_atomically(path, bytes_of("first"), 0600), 0);
+  ASSERT_EQ(write_file_atomically(path, bytes_of("second"), 0640), 0);
+  EXPECT_EQ(read_file(path), "second");
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640U);
+  EXPECT_EQ(dir.names(), std::vector<std::string>{"out.plist"});
+}
+
+TEST(PlistFile, AtomicWriteReplacesALinkInsteadOfWritingThroughIt) {
+  TempDir dir;
+  ASSERT_EQ(write_file_atomically(dir / "target", bytes_of("precious")), 0);
+  ASSERT_EQ(::symlink((dir / "target").c_str(), (dir / "name").c_str()), 0);
+  ASSERT_EQ(write_file_atomically(dir / "name", bytes_of("new")), 0);
+  EXPECT_EQ(read_file(dir / "target"), "precious");
+  struct stat st {};
+  ASSERT_EQ(::lstat((dir / "name").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+}
+
+TEST(PlistFile, AtomicWriteFailuresLeaveNothingBehind) {
+  TempDir dir;
+  EXPECT_EQ(write_file_atomically(dir / "no/such/dir/f", bytes_of("x")), ENOENT);
+  ASSERT_EQ(::mkdir((dir / "occupied").c_str(), 0755), 0);
+  ASSERT_EQ(write_file_atomically(dir / "occupied/inside", bytes_of("x")), 0);
+  EXPECT_NE(write_file_atomically(dir / "occupied", bytes_of("x")), 0);
+  EXPECT_EQ(dir.names(), std::vector<std::string>{"occupied"});
+  EXPECT_EQ(read_file(dir / "occupied/inside"), "x");
+}
+
+}  // namespace
+}  // namespace vtl
