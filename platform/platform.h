@@ -20,6 +20,9 @@ class DeviceRegistry;
 class DeviceProperties;
 class Power;
 class ProtectionClasses;
+class RawDisks;
+class MountedVolumes;
+class FileSystemResize;
 
 struct Platform {
   SystemLog* system_log = nullptr;
@@ -29,6 +32,9 @@ struct Platform {
   Power* power = nullptr;
   DeviceProperties* device_properties = nullptr;
   ProtectionClasses* protection_classes = nullptr;
+  RawDisks* raw_disks = nullptr;
+  MountedVolumes* mounted_volumes = nullptr;
+  FileSystemResize* filesystem_resize = nullptr;
 };
 
 // REQUIRES: install() was called (the helper does it first thing; tests do it

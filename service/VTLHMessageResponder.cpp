@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "operations/VTLHOperations.h"
+#include "partition/resize.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
 #include "service/VTLLog.h"
@@ -32,6 +33,8 @@ constexpr std::array kCommands = {
     CommandEntry{"writeNvram:", &VTLHMessageResponder::writeNvram},
     CommandEntry{"reboot:", &VTLHMessageResponder::reboot},
     CommandEntry{"quitHelper:", &VTLHMessageResponder::quitHelper},
+    CommandEntry{"shrinkDataPartition:", &VTLHMessageResponder::shrinkDataPartition},
+    CommandEntry{"expandDataPartition:", &VTLHMessageResponder::expandDataPartition},
 };
 
 std::optional<Command> lookup(std::string_view name) {
@@ -167,6 +170,20 @@ bool VTLHMessageResponder::reboot(const Value& parameter) {
 bool VTLHMessageResponder::quitHelper(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder quitHelper:]", parameter);
   VTLHOperations::sharedInstance().quitHelper();
+}
+
+// The request's parameter is logged and otherwise ignored: the flows decide
+// the new size themselves.
+bool VTLHMessageResponder::shrinkDataPartition(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder shrinkDataPartition:]",
+         parameter);
+  return shrink_data_partition() == 0;
+}
+
+bool VTLHMessageResponder::expandDataPartition(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder expandDataPartition:]",
+         parameter);
+  return expand_data_partition() == 0;
 }
 
 }  // namespace vtl

@@ -49,6 +49,8 @@ class VTLHMessageResponder {
   bool writeNvram(const Value& parameter);
   bool reboot(const Value& parameter);
   bool quitHelper(const Value& parameter);
+  bool shrinkDataPartition(const Value& parameter);
+  bool expandDataPartition(const Value& parameter);
 
   // The connection replies go to. Weak: the responder never keeps a client's
   // connection alive; replies due after the client has gone are dropped.

@@ -24,8 +24,11 @@
 #include "platform/code_signing.h"
 #include "platform/device_properties.h"
 #include "platform/device_registry.h"
+#include "platform/filesystem_resize.h"
+#include "platform/mounted_volumes.h"
 #include "platform/platform.h"
 #include "platform/power.h"
+#include "platform/raw_disk.h"
 #include "platform/system_log.h"
 #include "service/VTLLogModel.h"
 #include "vtld_helper/vtld_helper.h"
@@ -37,7 +40,9 @@ constexpr const char* kUsage =
     "  --root DIR   serve the simulated device laid out in DIR (see `vtldctl sim create`);\n"
     "               the helper confines itself to DIR before it serves\n"
     "  --syslog     with --root: send the system log to the device's syslog socket\n"
-    "               (DIR/dev/log) instead of standard error\n";
+    "               (DIR/dev/log) instead of standard error\n"
+    "  --host-disks with --root: the data partition is the host's: DIR/dev/rdisk0s1 is a\n"
+    "               block device node, the data volume a file system mounted in DIR\n";
 
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "vtld_helper: %s\n", message.c_str());
@@ -62,12 +67,15 @@ void confine_to(const std::string& root, int* proc_fd) {
 int main(int argc, char** argv) {
   std::string root;
   bool syslog_on_device = false;
+  bool host_disks = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--root" && i + 1 < argc) {
       root = argv[++i];
     } else if (arg == "--syslog") {
       syslog_on_device = true;
+    } else if (arg == "--host-disks") {
+      host_disks = true;
     } else if (arg == "--help" || arg == "-h") {
       std::fputs(kUsage, stdout);
       return 0;
@@ -86,6 +94,9 @@ int main(int argc, char** argv) {
   std::unique_ptr<platform::SystemLog> system_log;
   int proc_fd = -1;
   const bool simulated = !root.empty();
+  // The kernel's block devices, for the partition GUIDs of mounted volumes;
+  // opened before any confinement, like /proc.
+  const int sys_block_fd = ::open("/sys/class/block", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (simulated) {
     confine_to(root, &proc_fd);
     // Connected only now, so that it is the device's syslog socket.
@@ -115,6 +126,21 @@ int main(int argc, char** argv) {
     the_platform->device_properties = platform::make_linux_device_properties(
                                           std::string(platform::kEfivarsDirectory), "/private/var")
                                           .release();
+  }
+  if (simulated && !host_disks) {
+    the_platform->raw_disks = platform::make_sim_raw_disks("/").release();
+    the_platform->mounted_volumes = platform::make_sim_mounted_volumes("/").release();
+    the_platform->filesystem_resize = platform::make_sim_filesystem_resize("/").release();
+  } else {
+    the_platform->raw_disks = platform::make_linux_raw_disks().release();
+    the_platform->mounted_volumes =
+        platform::make_linux_mounted_volumes(proc_fd, sys_block_fd).release();
+    the_platform->filesystem_resize = platform::make_btrfs_filesystem_resize().release();
+    // The data volume's usage is the host file system's too.
+    if (simulated) {
+      the_platform->device_properties =
+          platform::make_linux_device_properties("/private/var").release();
+    }
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "platform/code_signing.h"
+#include "platform/sim/storage_device.h"
 #include "service/plist.h"
 
 namespace platform::sim {
@@ -106,6 +107,8 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
       !err.empty()) {
     return err;
   }
+
+  if (std::string err = create_storage(root); !err.empty()) return err;
 
   int n = 0;
   for (const std::string& client : options.entitled_clients) {

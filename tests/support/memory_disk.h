@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "platform/raw_disk.h"
@@ -21,6 +22,9 @@ struct MemoryDiskState {
   // Block count reported; nullopt: bytes.size() / block size.
   std::optional<std::uint64_t> block_count_override;
   bool block_count_fails = false;
+  bool stat_fails = false;
+  bool open_fails = false;
+  int reads = 0;
   platform::DiskDevice::NodeType node_type = platform::DiskDevice::NodeType::kRawDisk;
   int write_errno = 0;                     // non-zero: writes fail with it
   std::optional<std::size_t> short_write;  // writes stop after this many bytes
@@ -31,7 +35,13 @@ class MemoryDiskDevice final : public platform::DiskDevice {
  public:
   explicit MemoryDiskDevice(MemoryDiskState* state) : state_(state) {}
 
-  std::optional<NodeType> node_type() override { return state_->node_type; }
+  std::optional<NodeType> node_type() override {
+    if (state_->stat_fails) {
+      errno = EIO;
+      return std::nullopt;
+    }
+    return state_->node_type;
+  }
   std::optional<std::uint32_t> block_size() override {
     if (!state_->block_size) errno = ENOTTY;
     return state_->block_size;
@@ -44,6 +54,7 @@ class MemoryDiskDevice final : public platform::DiskDevice {
     return state_->block_count_override.value_or(state_->bytes.size() / *state_->block_size);
   }
   ssize_t read_at(std::span<std::uint8_t> buffer, std::uint64_t offset) override {
+    ++state_->reads;
     if (offset >= state_->bytes.size()) return 0;
     const std::size_t n = std::min<std::size_t>(buffer.size(), state_->bytes.size() - offset);
     std::memcpy(buffer.data(), state_->bytes.data() + offset, n);
@@ -60,6 +71,23 @@ class MemoryDiskDevice final : public platform::DiskDevice {
     std::memcpy(state_->bytes.data() + offset, buffer.data(), n);
     return static_cast<ssize_t>(n);
   }
+
+ private:
+  MemoryDiskState* state_;
+};
+
+// Raw disks whose every node is the one memory disk.
+class MemoryRawDisks final : public platform::RawDisks {
+ public:
+  explicit MemoryRawDisks(MemoryDiskState* state) : state_(state) {}
+  std::unique_ptr<platform::DiskDevice> open(const std::string& /*path*/, int /*flags*/) override {
+    if (state_->open_fails) {
+      errno = ENOENT;
+      return nullptr;
+    }
+    return std::make_unique<MemoryDiskDevice>(state_);
+  }
+  void sync() override {}
 
  private:
   MemoryDiskState* state_;

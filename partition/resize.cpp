@@ -1,0 +1,288 @@
+#include "partition/resize.h"
+
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <vector>
+
+#include "partition/partition_map.h"
+#include "platform/device_properties.h"
+#include "platform/filesystem_resize.h"
+#include "platform/mounted_volumes.h"
+#include "platform/platform.h"
+#include "platform/raw_disk.h"
+#include "service/VTLLog.h"
+
+namespace vtl {
+namespace {
+
+// getfsstat is given room for this many file systems.
+constexpr int kFileSystemSlots = 8;
+constexpr std::size_t kUUIDTextMax = 36;
+
+std::uint64_t entry_blocks(std::span<const std::uint8_t> e) {
+  return gpt::ending_lba(e) + 1 - gpt::starting_lba(e);
+}
+
+// The mount point of the "jrf" file system whose disk's registry "UUID" is
+// `guid`, or nullopt.
+std::optional<std::string> find_mount_point(const uuid_t guid, const std::string& guid_text) {
+  platform::MountedVolumes* volumes = platform::current().mounted_volumes;
+  std::vector<platform::MountedFileSystem> records;
+  int count = -1;
+  if (volumes != nullptr) count = volumes->file_systems(records, kFileSystemSlots);
+  if (count < 0) {
+    VTLLog("failed to get filesystem information");
+    records.clear();
+  }
+  VTLLog("scanning %d filesystems for %s", count, guid_text);
+  for (const platform::MountedFileSystem& fs : records) {
+    if (fs.type_name != platform::kJrfTypeName) continue;
+    const std::size_t slash = fs.mounted_from.rfind('/');
+    const std::string bsd_name =
+        slash == std::string::npos ? fs.mounted_from : fs.mounted_from.substr(slash + 1);
+    const std::optional<Dictionary> properties = volumes->disk_properties(bsd_name);
+    if (!properties) {
+      VTLLog("failed to find an RegService owning %s (unexpected)", bsd_name);
+      continue;
+    }
+    const auto uuid = properties->find(platform::kDiskUUIDProperty);
+    if (uuid == properties->end()) {
+      VTLLog("device matching %s has no UUID (unexpected)", bsd_name);
+      continue;
+    }
+    const std::string* text = uuid->second.string();
+    if (text == nullptr || text->size() > kUUIDTextMax || text->find('\0') != std::string::npos) {
+      VTLLog("failed to get string from UUID property (unexpected)");
+      continue;
+    }
+    uuid_t parsed{};
+    if (::uuid_parse(text->c_str(), parsed) != 0) uuid_clear(parsed);
+    const bool match = ::uuid_compare(parsed, guid) == 0;
+    VTLLog("UUID %s %smatch", *text, match ? "" : "does not ");
+    if (match) {
+      VTLLog("matched %s on %s", fs.mounted_from, fs.mounted_on);
+      return fs.mounted_on;
+    }
+  }
+  return std::nullopt;
+}
+
+// Writes the adjusted header and entries back: the header at LBA 1 and the
+// entries at LBA 2, in one write of two blocks. The GPT CRC fields go out as
+// they were read, and the backup GPT is not written.
+bool write_partition_map(const PartitionMapSnapshot& map, std::uint32_t block_size) {
+  std::unique_ptr<platform::DiskDevice> disk = open_raw_disk(platform::kDiskOpenReadWriteShared);
+  if (!disk) {
+    VTLLog("Failed to open %s to write new GPT header out to disk.\n", kRawDiskPath);
+    return false;
+  }
+  std::vector<std::uint8_t> blocks(2 * std::size_t{block_size}, 0);
+  std::copy(map.header.begin(), map.header.end(), blocks.begin());
+  std::copy(map.entries.begin(), map.entries.end(), blocks.begin() + block_size);
+  const ssize_t written = disk->write_at(blocks, block_size);
+  const int error = errno;
+  if (written != static_cast<ssize_t>(blocks.size())) {
+    VTLLog("failed to write GPT header and table to %s (return %d). errno=%d : %s", kRawDiskPath,
+           static_cast<int>(written), error, std::strerror(error));
+    return false;
+  }
+  VTLLog("Wrote GPT header back to disk");
+  disk.reset();
+  if (platform::RawDisks* disks = platform::current().raw_disks) disks->sync();
+  return true;
+}
+
+}  // namespace
+
+void read_usage_number(const Value& dictionary, std::string_view key, std::int64_t* out) {
+  const Value* value = dictionary.find(key);
+  if (value == nullptr) return;
+  if (const std::int64_t* integer = value->integer()) {
+    *out = *integer;
+  } else if (const double* real = value->real()) {
+    // As the platform converts a number to a 64-bit integer: toward zero,
+    // saturating at the ends of the range, NaN as 0.
+    constexpr double kLimit = 9223372036854775808.0;  // 2^63
+    if (std::isnan(*real)) {
+      *out = 0;
+    } else if (*real >= kLimit) {
+      *out = std::numeric_limits<std::int64_t>::max();
+    } else if (*real < -kLimit) {
+      *out = std::numeric_limits<std::int64_t>::min();
+    } else {
+      *out = static_cast<std::int64_t>(*real);
+    }
+  }
+}
+
+std::int32_t shrink_data_partition() {
+  platform::DeviceProperties* properties = platform::current().device_properties;
+  std::optional<Value> usage;
+  if (properties != nullptr) usage = properties->copy_answer(platform::kDiskUsageQuestion);
+  if (!usage || usage->dictionary() == nullptr) {
+    VTLLog("Cannot get disk usage.");
+    return -1;
+  }
+  std::int64_t free_size = 0;
+  std::int64_t total_size = 0;
+  read_usage_number(*usage, platform::kTotalDataAvailableKey, &free_size);
+  read_usage_number(*usage, platform::kTotalDataCapacityKey, &total_size);
+  // Keep everything in use and half of what is free. Wrapping, as the
+  // platform's 64-bit arithmetic does, for values no volume reports.
+  const auto new_size = static_cast<std::int64_t>(static_cast<std::uint64_t>(total_size) -
+                                                  static_cast<std::uint64_t>(free_size / 2));
+  VTLLog("freeSize = %lld(bytes), totalSize = %lld(bytes), newSize = %lld(bytes)\n\n", free_size,
+         total_size, new_size);
+  return adjust_partition(new_size) == 0 ? 0 : -1;
+}
+
+std::int32_t expand_data_partition() {
+  PartitionMapSnapshot map;
+  ZmraMediaGeometry geometry;
+  std::uint64_t new_size = 0;
+  if (read_partition_map(&map, &geometry) > 0) {
+    const std::uint64_t first = gpt::first_usable_lba(map.header);
+    const std::uint64_t last = gpt::last_usable_lba(map.header);
+    VTLLog("gpt.pth.first_lba = %lld, last_lba = %lld", static_cast<std::int64_t>(first),
+           static_cast<std::int64_t>(last));
+    std::uint64_t free = last + 1 - first;
+    // The data partition is the second GPT entry here, by position: the
+    // expand flow counts every other entry as taken. Only the 8 entries held
+    // can be counted.
+    const int held = std::clamp(map.nPartitions(), 0, gpt::kEntriesHeld);
+    for (int i = 0; i < held; ++i) {
+      const std::span<const std::uint8_t> e = map.entry(i);
+      VTLLog("Partition %d: first = %lld, last = %lld, lbaNumber = %lld", i,
+             static_cast<std::int64_t>(gpt::starting_lba(e)),
+             static_cast<std::int64_t>(gpt::ending_lba(e)),
+             static_cast<std::int64_t>(entry_blocks(e)));
+      if (i != 1) free -= entry_blocks(e);
+    }
+    VTLLog("Block numbers that could be used as data partition = %lld",
+           static_cast<std::int64_t>(free));
+    new_size = free * geometry.blockSize;
+  }
+  VTLLog("newSize = %lld(bytes)", static_cast<std::int64_t>(new_size));
+  return adjust_partition(static_cast<std::int64_t>(new_size));
+}
+
+std::int32_t adjust_partition(std::int64_t newSize) {
+  VTLLog("entering %s", "adjust_partition");
+  PartitionMapSnapshot map;
+  ZmraMediaGeometry geometry;
+  if (read_partition_map(&map, &geometry) <= 0) return 1;
+
+  const std::uint64_t block_size = geometry.blockSize;
+  const auto size = static_cast<std::uint64_t>(newSize);
+  const std::uint64_t required = size / block_size + (size % block_size != 0 ? 1 : 0);
+  VTLLog("partition: requiredSize=%llu", required);
+
+  const std::int32_t count = map.nPartitions();
+  const std::int32_t data_index = named_partitions()[kDataPartitionRow].index;
+  const std::int32_t which = data_index != -1 ? data_index : count;
+  const int held = std::clamp(count, 0, gpt::kEntriesHeld);
+  const bool existing = which >= 0 && which < count && which < held;
+
+  // Does the new size fit beside every other partition? Entries beyond the
+  // 8 held count as empty.
+  if (count >= 0) {
+    const std::uint64_t available =
+        gpt::last_usable_lba(map.header) + 1 - gpt::first_usable_lba(map.header);
+    std::uint64_t sum = 0;
+    for (int i = 0; i < held; ++i) sum += i == which ? required : entry_blocks(map.entry(i));
+    if (which >= held && which <= count) sum += required;
+    if (sum > available) return 1;
+  }
+  if (required == 0) {
+    // Always names partition 1, whichever it is.
+    VTLLog("deletion of partition %d disallowed", 1);
+    return 1;
+  }
+  if (existing && entry_blocks(map.entry(which)) == required) {
+    VTLLog("no change in size");
+    return 0;
+  }
+
+  const auto fail = [&] {
+    VTLLog("failed to %s partition %d", which == count ? "create" : "adjust", which);
+    return 1;
+  };
+  // A negative index can only come from a header counting more than 2^31
+  // entries; it is as bad a partition number as one past the table.
+  if (which > 7 || which > count || which < 0) {
+    VTLLog("bad partion number");
+    return fail();
+  }
+
+  const std::uint64_t new_bytes = required * block_size;
+  const std::uint64_t old_bytes = existing ? entry_blocks(map.entry(which)) * block_size : 0;
+
+  // The partition's unique GUID, from GPT's mixed-endian order into RFC 4122
+  // order, as the registry's "UUID" is written.
+  const std::array<std::uint8_t, 16> guid =
+      gpt::swap_guid_order(gpt::unique_guid(map.entry(which)));
+  char guid_text[37];
+  ::uuid_unparse(guid.data(), guid_text);
+  const std::optional<std::string> mount_point = find_mount_point(guid.data(), guid_text);
+
+  if (existing && !mount_point) {
+    VTLLog("filesystem must be mounted (mountPoint=%s,which=%d,nPartitions=%d,newSize=%llu)",
+           nullptr, which, count, required);
+    return fail();
+  }
+
+  // Shrinking: the file system first, so that it never outgrows its
+  // partition; if it cannot shrink, the map stays as it is.
+  if (mount_point && new_bytes < old_bytes) {
+    if (new_bytes == 0) {
+      VTLLog("can't delete partition %d, currently mounted on %s", which, *mount_point);
+      return fail();
+    }
+    VTLLog("shrinking JRF filesystem on %s from %llu to %llu", *mount_point, old_bytes, new_bytes);
+    if (resize_filesystem(*mount_point, new_bytes) != 0) {
+      VTLLog("can't shrink partition %d, currently mounted on %s", which, *mount_point);
+      return fail();
+    }
+  }
+
+  if (which == count) {
+    VTLLog("Creating new partition instead of adjusting existing one");
+  } else {
+    VTLLog("Resizing existing partition with GPT index %d", which);
+  }
+  VTLLog("About to adjust with settings partitionIndex:%d size:%llu MB", which, new_bytes >> 20U);
+  const std::int64_t adjusted =
+      zmraAdjustPartition(&geometry, map.header, map.entries, which, new_bytes);
+  if (static_cast<std::int32_t>(adjusted) != 0) {
+    VTLLog("adjustment failed");
+    return fail();
+  }
+
+  if (!write_partition_map(map, geometry.blockSize)) return 1;
+
+  // Growing: the file system last, once the larger partition is on disk.
+  if (mount_point && new_bytes >= old_bytes) {
+    VTLLog("expanding JRF filesystem on %s to %llu", *mount_point, new_bytes);
+    if (resize_filesystem(*mount_point, new_bytes) != 0) {
+      VTLLog("can't expanding JRF filesystem on %s", *mount_point);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+std::int32_t resize_filesystem(const std::string& mountPoint, std::uint64_t newSize) {
+  platform::FileSystemResize* resize = platform::current().filesystem_resize;
+  const int error = resize != nullptr ? resize->resize_volume(mountPoint, newSize) : ENOTSUP;
+  if (error == 0) return 0;
+  VTLLog("JRF resize failed. errno=%d", error);
+  return 1;
+}
+
+}  // namespace vtl
