@@ -23,6 +23,7 @@ class ProtectionClasses;
 class RawDisks;
 class MountedVolumes;
 class FileSystemResize;
+class CertificateServices;
 
 struct Platform {
   SystemLog* system_log = nullptr;
@@ -35,6 +36,7 @@ struct Platform {
   RawDisks* raw_disks = nullptr;
   MountedVolumes* mounted_volumes = nullptr;
   FileSystemResize* filesystem_resize = nullptr;
+  CertificateServices* certificate_services = nullptr;
 };
 
 // REQUIRES: install() was called (the helper does it first thing; tests do it
