@@ -15,6 +15,8 @@
 
 #include "manifest/VTLSignedManifest.h"
 #include "platform/platform.h"
+#include "platform/sim/device.h"
+#include "platform/sim/test_signer.h"
 #include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/signing.h"
@@ -671,3 +673,41 @@ TEST_F(SignedManifestTest, AFuseAnswerThatIsNotFalseCountsAsFused) {
 }
 
 }  // namespace
+
+// --- The simulated device's own test signer ---------------------------------------
+
+TEST(SimulatedDeviceSignerTest, ADeviceAcceptsWhatItsTestSignerSignsWhileUnfused) {
+  testsupport::TempDir dir;
+  const std::string root = dir / "device";
+  ASSERT_EQ(platform::sim::create_device(root, {}), "");
+  std::string error;
+  const std::string keep = root + std::string(platform::sim::kTestSignerDirectory) + "/";
+  std::optional<vtl::ManifestSigner> signer = vtl::ManifestSigner::load(
+      keep + std::string(platform::sim::kTestSignerKeyFile),
+      {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
+  ASSERT_TRUE(signer) << error;
+  const std::optional<Dictionary> envelope =
+      signer->envelope(testsupport::binary_plist(Value(testsupport::raw_manifest())));
+  ASSERT_TRUE(envelope);
+  const Data bytes = testsupport::binary_plist(Value(*envelope));
+
+  // The host's clock: a device is made to be used now.
+  testsupport::SigningPlatform platform(root, {});
+  vtl::DataInputStream stream(bytes);
+  EXPECT_NE(VTLSignedManifest::signedManifestWithNSStream(stream), nullptr);
+  EXPECT_EQ(platform.base.log.lines(), lines({kStrong, kRecoverable, kDevelopment, kPassed}));
+
+  // The same device, fused, takes only the production signer, and has none.
+  testsupport::write_fuse(root, Fuse::kTrue);
+  platform.base.log.clear();
+  vtl::DataInputStream again(bytes);
+  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(again), nullptr);
+  EXPECT_EQ(platform.base.log.lines(), lines({kStrong, kRecoverable, kNotValid}));
+
+  // Each device has a signer of its own.
+  const std::string other = dir / "other";
+  ASSERT_EQ(platform::sim::create_device(other, {}), "");
+  testsupport::SigningPlatform other_platform(other, {});
+  vtl::DataInputStream elsewhere(bytes);
+  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(elsewhere), nullptr);
+}

@@ -10,6 +10,7 @@
 
 #include "platform/code_signing.h"
 #include "platform/sim/storage_device.h"
+#include "platform/sim/test_signer.h"
 #include "service/plist.h"
 
 namespace platform::sim {
@@ -109,6 +110,7 @@ std::string create_device(const std::string& dir, const DeviceOptions& options) 
   }
 
   if (std::string err = create_storage(root); !err.empty()) return err;
+  if (std::string err = install_test_signer(root); !err.empty()) return err;
 
   int n = 0;
   for (const std::string& client : options.entitled_clients) {

@@ -10,6 +10,8 @@
 //   DIR/var/mobile/Library/Preferences/
 //   DIR/run/krx/                           service sockets
 //   DIR/sim/                               device state as readable property lists
+//   DIR/sim/test-signer/                   the device's test manifest signer
+//                                          (key and certificate; test_signer.h)
 #pragma once
 
 #include <sys/types.h>
