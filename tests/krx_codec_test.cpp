@@ -350,19 +350,5 @@ TEST(KrxValueTest, DictionaryHelpers) {
   EXPECT_EQ(s, make_dictionary("Key", true));
 }
 
-TEST(KrxValueTest, TypeNamesAreDistinct) {
-  const Type types[] = {Type::Null,  Type::Bool,       Type::Int64,      Type::UInt64, Type::Double,
-                        Type::Date,  Type::Data,       Type::String,     Type::Uuid,   Type::Fd,
-                        Type::Array, Type::Dictionary, Type::Connection, Type::Error};
-  std::vector<std::string_view> names;
-  for (Type t : types) {
-    const auto name = type_name(t);
-    EXPECT_FALSE(name.empty());
-    for (auto seen : names) EXPECT_NE(seen, name);
-    names.push_back(name);
-  }
-  EXPECT_EQ(type_name(Type::Dictionary), "dictionary");
-}
-
 }  // namespace
 }  // namespace krx
