@@ -21,10 +21,17 @@
 
 #include <fmt/format.h>
 
+#include "manifest/manifest_signer.h"
 #include "platform/accounts.h"
+#include "platform/protection_classes.h"
 #include "platform/sim/device.h"
+#include "platform/sim/storage_device.h"
+#include "platform/sim/storage_state.h"
+#include "platform/sim/test_signer.h"
+#include "service/plist.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/describe.h"
+#include "vtldctl/disk_show.h"
 #include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
 #include "vtldctl/helper_process.h"
@@ -169,6 +176,200 @@ constexpr const char* kWorkContainer = "/private/var/VTLWorkContainer";
 constexpr const char* kLogContainer = "/private/var/logs/vtld-client";
 constexpr const char* kRefusedLogPath = "/tmp/x";
 
+// The partition map as the disk now has it, one fact per entry, and the
+// data volume's size against its partition's: wrong where the volume is
+// larger than its partition or the partition is not `data_bytes`.
+std::vector<Fact> partition_facts(const DemoDevice& d, std::uint64_t data_bytes) {
+  std::string error;
+  const std::optional<DiskMap> map = read_disk_map(d.host_path("/dev/rdisk0s1"), &error);
+  if (!map) return {Fact{"/dev/rdisk0s1", error}};
+  const auto mib = [](std::uint64_t bytes) { return static_cast<double>(bytes) / (1 << 20); };
+  std::vector<Fact> facts;
+  std::uint64_t partition = 0;
+  for (const DiskEntry& e : map->entries) {
+    const std::uint64_t bytes = e.blocks() * map->block_size;
+    if (e.name == "Data") partition = bytes;
+    facts.push_back(Fact{fmt::format("GPT {} {:<7} LBA {:>6} to {:>6} {:>7.1f} MiB", e.index,
+                                     e.name, e.first_lba, e.last_lba, mib(bytes)),
+                         e.name == "Data" && bytes != data_bytes
+                             ? fmt::format("should be {:.1f} MiB", mib(data_bytes))
+                             : ""});
+  }
+  facts.push_back(Fact{
+      fmt::format("free           {:>24.1f} MiB", mib(map->free_blocks * map->block_size)), ""});
+  std::int64_t volume = -1;
+  if (const std::optional<vtl::Value> mounts =
+          platform::sim::read_state(d.root(), platform::sim::kMountsStatePath);
+      mounts && mounts->array() != nullptr) {
+    for (const vtl::Value& m : *mounts->array()) {
+      const std::string* on = m.find_string("MountedOn");
+      const vtl::Value* size = m.find("Size");
+      if (on != nullptr && *on == "/private/var" && size != nullptr && size->integer()) {
+        volume = *size->integer();
+      }
+    }
+  }
+  facts.push_back(
+      Fact{fmt::format("data volume /private/var {:>14.1f} MiB",
+                       mib(static_cast<std::uint64_t>(std::max<std::int64_t>(volume, 0)))),
+           static_cast<std::uint64_t>(volume) != partition ? "should be as large as its partition"
+                                                           : ""});
+  return facts;
+}
+
+// --- Installing content: staging, attribute restore, promotion ---------------
+
+constexpr const char* kDownloads = "/private/var/mobile/Downloads/Notes";
+constexpr const char* kStaging = "/private/var/mobile/Staging";
+constexpr const char* kSignedManifest = "/private/var/mobile/Notes.signedmanifest";
+constexpr const char* kBackup = "/private/var/backup";
+
+// What the signed manifest prescribes for each staged item.
+struct Prescribed {
+  const char* path;  // relative to the staging root
+  bool directory;
+  mode_t mode;
+  uid_t owner;
+  gid_t group;
+  const char* protection;                                   // nullptr: none recorded
+  std::vector<std::pair<std::string, std::string>> xattrs;  // name, value
+};
+
+const std::vector<Prescribed>& prescribed_items() {
+  static const std::vector<Prescribed> items = {
+      {"/", true, 0755, kRootId, kMobileId, nullptr, {}},
+      {"/Library", true, 0750, kMobileId, kMobileId, "C", {}},
+      {"/Library/notes.db",
+       false,
+       0600,
+       kMobileId,
+       kMobileId,
+       "A",
+       {{"user.com.tessal.origin", "store"}}},
+      {"/Library/settings.plist",
+       false,
+       0640,
+       kRootId,
+       kMobileId,
+       "C",
+       {{"user.com.tessal.origin", "store"}, {"user.com.tessal.backup", "exclude"}}},
+      {"/Media", true, 0755, kMobileId, kMobileId, "None", {}},
+      {"/Media/cover.jpg", false, 0444, kMobileId, kMobileId, "None", {}},
+  };
+  return items;
+}
+
+// The file metadata record of one prescribed item.
+vtl::Dictionary record_of(const Prescribed& item) {
+  vtl::Dictionary attributes = {
+      {"FileType", vtl::Value(item.directory ? "Directory" : "Regular")},
+      {"OwnerAccountID", vtl::Value(std::int64_t{item.owner})},
+      {"GroupOwnerAccountID", vtl::Value(std::int64_t{item.group})},
+      {"PosixPermissions", vtl::Value(std::int64_t{item.mode})},
+  };
+  if (item.protection != nullptr) attributes.emplace("ProtectionClass", item.protection);
+  vtl::Dictionary xattrs;
+  for (const auto& [name, value] : item.xattrs) {
+    xattrs.emplace(name, vtl::Value(vtl::Data(value.begin(), value.end())));
+  }
+  return {{"VTLManifestFileAttributes", vtl::Value(std::move(attributes))},
+          {"VTLManifestFileExtendedAttributes", vtl::Value(std::move(xattrs))},
+          {"VTLManifestFileHash", vtl::Value(vtl::Data{})},
+          {"VTLManifestSymbolicLinkTargetFile", vtl::Value("")}};
+}
+
+// The client's download, staged by hard links (as the client stages what it
+// owns), and a signed manifest for it from the device's own test signer.
+std::string stage_and_sign(const DemoDevice& d) {
+  for (const Prescribed& item : prescribed_items()) {
+    const std::string download = d.host_path(std::string(kDownloads) + item.path);
+    const std::string staged = d.host_path(std::string(kStaging) + item.path);
+    if (item.directory) {
+      std::error_code ec;
+      fs::create_directories(download, ec);
+      fs::create_directories(staged, ec);
+      if (ec) return "cannot create " + staged + ": " + ec.message();
+      static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
+    } else {
+      if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
+          !error.empty()) {
+        return error;
+      }
+      static_cast<void>(::chmod(download.c_str(), 0644));
+      if (::link(download.c_str(), staged.c_str()) != 0) {
+        return "cannot link " + staged + ": " + std::strerror(errno);
+      }
+    }
+    static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
+  }
+
+  vtl::Dictionary records;
+  for (const Prescribed& item : prescribed_items()) records.emplace(item.path, record_of(item));
+  vtl::Dictionary raw = {
+      {"Version", vtl::Value(3)},
+      {"Info", vtl::Value(vtl::Dictionary{{"Name", vtl::Value("Notes")}})},
+      {"Backup", vtl::Value(std::move(records))},
+      {"App", vtl::Value(vtl::Array{})},
+      {"AppData", vtl::Value(vtl::Dictionary{})},
+  };
+  const std::string keep = d.host_path(std::string(platform::sim::kTestSignerDirectory)) + "/";
+  std::string error;
+  std::optional<vtl::ManifestSigner> signer = vtl::ManifestSigner::load(
+      keep + std::string(platform::sim::kTestSignerKeyFile),
+      {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
+  if (!signer) return error;
+  std::optional<vtl::Dictionary> envelope =
+      signer->envelope(vtl::plist_to_binary(vtl::Value(std::move(raw))));
+  if (!envelope) return "cannot sign the manifest";
+  if (vtl::write_file_atomically(d.host_path(kSignedManifest),
+                                 vtl::plist_to_binary(vtl::Value(std::move(*envelope)))) != 0) {
+    return std::string("cannot write ") + kSignedManifest;
+  }
+  return "";
+}
+
+// The extended attributes and protection class of the item at `path`, and
+// what is wrong with them against `item`.
+Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescribed& item) {
+  static const auto classes = platform::make_xattr_protection_classes();
+  const std::string host = d.host_path(path);
+  std::vector<std::pair<std::string, std::string>> found;
+  char names[1024];
+  const ssize_t n = ::llistxattr(host.c_str(), names, sizeof names);
+  for (ssize_t at = 0; at > -1 && at < n;) {
+    const std::string name(names + at);
+    at += static_cast<ssize_t>(name.size()) + 1;
+    if (classes->hides_attribute(name)) continue;
+    char value[256];
+    const ssize_t length = ::lgetxattr(host.c_str(), name.c_str(), value, sizeof value);
+    found.emplace_back(name,
+                       std::string(value, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
+  }
+  std::sort(found.begin(), found.end());
+  std::string text = "    class " + classes->get(host).value_or("(none)") + ";";
+  for (const auto& [name, value] : found) text += " " + name + "=" + value;
+  if (found.empty()) text += " no extended attributes";
+  auto wanted = item.xattrs;
+  std::sort(wanted.begin(), wanted.end());
+  std::string wrong;
+  if (found != wanted) wrong = "extended attributes differ from the manifest";
+  if (item.protection != nullptr &&
+      classes->get(host) != std::optional<std::string>(item.protection)) {
+    wrong += (wrong.empty() ? "" : ", ") + std::string("class should be ") + item.protection;
+  }
+  return Fact{text, wrong};
+}
+
+std::vector<Fact> prescribed_facts(const DemoDevice& d, const std::string& root) {
+  std::vector<Fact> facts;
+  for (const Prescribed& item : prescribed_items()) {
+    const std::string path = std::string(item.path) == "/" ? root : root + item.path;
+    facts.push_back(look(d, path, Expect{true, item.mode, item.owner, item.group}));
+    facts.push_back(attribute_fact(d, path, item));
+  }
+  return facts;
+}
+
 // The story, in order. A later command joins the demo as one more step.
 std::vector<Step> demo_steps() {
   const std::string work = kWorkContainer;
@@ -280,6 +481,70 @@ std::vector<Step> demo_steps() {
            true,
            "Gone:",
            [work](const DemoDevice& d) { return std::vector<Fact>{look(d, work, gone())}; }});
+
+  using platform::sim::kSimBlockSize;
+  // Everything usable but System and Update (the disk's first and last
+  // usable blocks are 6 and 131066).
+  constexpr std::uint64_t kAllFree =
+      (131061 - (platform::sim::kSimSystemBytes + platform::sim::kSimUpdateBytes) / kSimBlockSize) *
+      kSimBlockSize;
+  steps.push_back(
+      Step{"Shrink the data partition",
+           "The device's disk (/dev/rdisk0s1) holds System 64 MiB, Data 256 MiB and Update\n"
+           "64 MiB, then 128 MiB free. The data volume uses 96 MiB of its 256. Shrinking keeps\n"
+           "what is used and half of what is free: 176 MiB. The file system shrinks first, then\n"
+           "the map is written, so the volume never outgrows its partition; Update moves down.",
+           nullptr,
+           "shrink-data-partition",
+           {},
+           true,
+           "The map now, and the volume as large as its partition:",
+           [](const DemoDevice& d) { return partition_facts(d, 176 << 20); }});
+
+  steps.push_back(
+      Step{"Expand the data partition",
+           "Expanding gives Data every block no other partition uses. This time the map is\n"
+           "written and synced first, then the file system grows into the larger partition.",
+           nullptr,
+           "expand-data-partition",
+           {},
+           true,
+           "Data takes all free space, Update moved to the end, the volume grown with it:",
+           [](const DemoDevice& d) { return partition_facts(d, kAllFree); }});
+
+  steps.push_back(
+      Step{"Restore attributes from a signed manifest",
+           "The client downloaded an app's content into " + std::string(kDownloads) +
+               " and staged it by\n"
+               "hard links into " +
+               kStaging +
+               ": every file is mobile's, mode 0644, without extended\n"
+               "attributes or protection class. The content's signed manifest, signed by this\n"
+               "device's test signer (accepted while \"SigningFuse\" is false), records what each\n"
+               "item must have. The helper checks the signature and gives every staged item its\n"
+               "owner, group, mode, extended attributes and protection class.",
+           stage_and_sign,
+           "restore-attributes",
+           {kStaging, kSignedManifest},
+           true,
+           "Each staged item now as its record says (owner, group, mode; class and attributes):",
+           [](const DemoDevice& d) { return prescribed_facts(d, kStaging); }});
+
+  steps.push_back(Step{
+      "Promote the staging tree",
+      "The staged content is complete. The helper moves the whole tree to " + std::string(kBackup) +
+          "\n"
+          "in one rename, replacing whatever was there.",
+      nullptr,
+      "move-staging-to-final",
+      {kStaging},
+      true,
+      "The tree is in its final place, its attributes with it; the staging path is gone:",
+      [](const DemoDevice& d) {
+        std::vector<Fact> facts = {look(d, kStaging, gone())};
+        for (Fact& f : prescribed_facts(d, kBackup)) facts.push_back(std::move(f));
+        return facts;
+      }});
 
   return steps;
 }

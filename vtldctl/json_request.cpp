@@ -18,8 +18,8 @@
 namespace vtldctl {
 namespace {
 
-// ordered_json keeps keys in the order written, which is the order the
-// dictionary is sent in (and so the order the helper runs the commands).
+// ordered_json keeps keys in the order written, and the request goes out in
+// that order: what the user wrote is what the helper receives.
 using Json = nlohmann::ordered_json;
 
 // One JSON Pointer step: "~" and "/" in a key are written "~0" and "~1".
@@ -333,8 +333,15 @@ krx::Date parse_date(const Json& v, const std::string& pointer) {
   const std::int64_t days = std::chrono::sys_days(ymd).time_since_epoch().count();
   const std::int64_t seconds =
       days * 86400 + hour * 3600 + minute * 60 + second - std::int64_t{offset_seconds};
+  std::int64_t whole_seconds = seconds;
+  if (whole_seconds < 0 && fraction_ns > 0) {
+    // Borrow a second so that the earliest representable instant does not
+    // overflow on its way to a sum that fits.
+    whole_seconds += 1;
+    fraction_ns -= 1'000'000'000;
+  }
   std::int64_t nanoseconds = 0;
-  if (__builtin_mul_overflow(seconds, std::int64_t{1'000'000'000}, &nanoseconds) ||
+  if (__builtin_mul_overflow(whole_seconds, std::int64_t{1'000'000'000}, &nanoseconds) ||
       __builtin_add_overflow(nanoseconds, fraction_ns, &nanoseconds)) {
     fail_at(pointer, "$date: " + std::string(text) +
                          " is outside what a date holds (1677-09-21 to 2262-04-11 UTC)");

@@ -19,10 +19,12 @@
 #include "vtld_helper/vtld_helper.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/demo.h"
+#include "vtldctl/disk_show.h"
 #include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
 #include "vtldctl/json_request.h"
 #include "vtldctl/reply_printer.h"
+#include "vtldctl/signed_manifest.h"
 #include "vtldctl/sim.h"
 
 namespace {
@@ -42,8 +44,10 @@ constexpr const char* kServiceHelp =
     "lines \"Progress: N%\").\n\n";
 
 constexpr const char* kSendFooter =
-    "The request is one JSON object; each key is a command of the helper, run in the order\n"
-    "written, and each is answered by one \"Response\". For example:\n"
+    "The request is one JSON object; each key is a command of the helper, and each is\n"
+    "answered by one \"Response\", shown in the order the answers come. The helper runs\n"
+    "the keys of one request in its own order (byte order of the keys), not as written:\n"
+    "send one key per request when the order matters. For example:\n"
     "  vtldctl send '{\"prepareWorkContainer:\": \"/private/var/VTLWorkContainer\"}'\n"
     "  echo '{\"migratePreferencesFile:\": true}' | vtldctl send -\n"
     "\n"
@@ -130,7 +134,8 @@ int send_json(const GlobalOptions& global, const std::string& argument) {
 int run(int argc, char** argv) {
   CLI::App app(kDescription, "vtldctl");
   app.footer(std::string(kServiceHelp) + vtldctl::kExitStatusHelp);
-  app.require_subcommand(1);
+  // No require_subcommand(): CLI11 checks it before unknown words, and "not
+  // expected: lsit" says more than "a subcommand is required".
   // Global options may also follow the subcommand: `vtldctl send --timeout 1 ...`.
   app.fallthrough();
 
@@ -188,6 +193,71 @@ int run(int argc, char** argv) {
   sim_create->add_option("DIR", sim_dir, "A directory that does not exist or is empty")->required();
   sim_create->footer("Serve the device with `vtld_helper --root DIR` (as root).");
 
+  std::string disk_path;
+  CLI::App* disk = app.add_subcommand("disk", "Disks and their partition maps");
+  disk->require_subcommand(1);
+  CLI::App* disk_show = disk->add_subcommand(
+      "show", "Show a disk's MBR signature, GPT header, entries and free space");
+  disk_show->add_option("DISK", disk_path, "A block device or a disk image, e.g. DIR/dev/rdisk0s1")
+      ->required();
+
+  vtldctl::SignedManifestCreateOptions create_options;
+  std::string manifest_file;
+  CLI::App* signed_manifest =
+      app.add_subcommand("signed-manifest", "Make, show and check signed manifests");
+  signed_manifest->require_subcommand(1);
+  CLI::App* manifest_create = signed_manifest->add_subcommand(
+      "create", "Sign a payload, or one built from staging trees, into a signed manifest");
+  manifest_create->add_option("OUTPUT", create_options.output, "The signed manifest to write")
+      ->required();
+  auto* payload_option = manifest_create
+                             ->add_option("--payload", create_options.payload_file,
+                                          "A raw manifest property list, signed byte for byte")
+                             ->option_text("PLIST");
+  auto* backup_option =
+      manifest_create
+          ->add_option("--backup", create_options.backup_dir, "Record DIR as the \"Backup\"")
+          ->option_text("DIR");
+  auto* app_option = manifest_create
+                         ->add_option("--app-data", create_options.app_data,
+                                      "Record DIR as the \"AppData\" entry ID (repeatable)")
+                         ->option_text("ID=DIR");
+  auto* group_option = manifest_create
+                           ->add_option("--group-data", create_options.group_data,
+                                        "Record DIR as the \"GroupData\" entry ID (repeatable)")
+                           ->option_text("ID=DIR");
+  auto* extension_option =
+      manifest_create
+          ->add_option("--extension-data", create_options.extension_data,
+                       "Record DIR as the \"ExtensionData\" entry ID (repeatable)")
+          ->option_text("ID=DIR");
+  payload_option->excludes(backup_option)
+      ->excludes(app_option)
+      ->excludes(group_option)
+      ->excludes(extension_option);
+  manifest_create
+      ->add_option("--version", create_options.version, "The raw manifest's version (3 or 4)")
+      ->capture_default_str();
+  manifest_create->add_option("--key", create_options.key, "The signer's PEM private key")
+      ->option_text("PEM");
+  manifest_create
+      ->add_option("--chain", create_options.chain,
+                   "PEM certificates, the signer's first, then its intermediates (repeatable)")
+      ->option_text("PEM");
+  manifest_create->add_flag("--xml", create_options.xml, "Write the envelope as XML");
+  manifest_create->footer(
+      "Without --key, --root DIR signs with the simulated device's own test signer\n"
+      "(DIR/sim/test-signer), which that device accepts while its \"SigningFuse\" is false.");
+  CLI::App* manifest_show = signed_manifest->add_subcommand(
+      "show", "Show a signed manifest's envelope, certificate chain and payload");
+  manifest_show->add_option("FILE", manifest_file, "The signed manifest")->required();
+  CLI::App* manifest_verify = signed_manifest->add_subcommand(
+      "verify", "Run the helper's own checks on a signed manifest: its verdict and reason");
+  manifest_verify->add_option("FILE", manifest_file, "The signed manifest")->required();
+  manifest_verify->footer(
+      "Checks against the trust directories and \"SigningFuse\" of the device at --root DIR\n"
+      "(or of this host), at this host's time. Exit status 0 when accepted, 1 when refused.");
+
   vtldctl::DemoOptions demo_options;
   CLI::App* demo = app.add_subcommand(
       "demo", "Run the helper's commands on a fresh simulated device, explained (as root)");
@@ -216,6 +286,15 @@ int run(int argc, char** argv) {
     return kExitUsage;
   }
   if (sim_create->parsed()) return vtldctl::sim_create(sim_dir, stdout, stderr);
+  if (disk_show->parsed()) return vtldctl::disk_show(disk_path, stdout, stderr);
+  if (manifest_create->parsed()) {
+    create_options.device_root = global.root;
+    return vtldctl::signed_manifest_create(create_options, stdout, stderr);
+  }
+  if (manifest_show->parsed()) return vtldctl::signed_manifest_show(manifest_file, stdout, stderr);
+  if (manifest_verify->parsed()) {
+    return vtldctl::signed_manifest_verify(manifest_file, global.root, stdout, stderr);
+  }
   if (demo->parsed()) {
     demo_options.idle = global.idle();
     return vtldctl::run_demo(demo_options, stdout, stderr);
@@ -228,7 +307,8 @@ int run(int argc, char** argv) {
         global.socket_path(), vtldctl::build_request(table[i], arguments[i]),
         vtldctl::ExchangeOptions{global.idle(), table[i].ends_helper}, printer);
   }
-  return kExitUsage;  // require_subcommand(1) leaves no other way here
+  fmt::print(stderr, "vtldctl: a command is required (see vtldctl --help)\n");
+  return kExitUsage;
 }
 
 }  // namespace

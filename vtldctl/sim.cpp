@@ -24,7 +24,7 @@ struct LayoutEntry {
 
 // What a device is made of, as shown after creating one. Only entries that
 // exist are shown, so the listing reports the device actually made.
-constexpr std::array<LayoutEntry, 10> kLayout = {{
+constexpr std::array<LayoutEntry, 11> kLayout = {{
     {"/etc/passwd", "accounts: root 0:0, mobile 501:501 (and /etc/group)"},
     {"/etc/krx/entitlements.d", "client entitlements"},
     {"/etc/vtld/trust", "signer anchors and policies"},
@@ -35,6 +35,7 @@ constexpr std::array<LayoutEntry, 10> kLayout = {{
     {"/dev/rdisk0s1", "the disk image"},
     {"/run/krx", "service sockets"},
     {"/sim", "device state (NVRAM, properties, mounts, recorded reboots)"},
+    {"/sim/test-signer", "the device's test manifest signer: key and certificate"},
 }};
 
 }  // namespace

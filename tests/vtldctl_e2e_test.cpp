@@ -1,0 +1,394 @@
+// The vtldctl program end to end: run as a user runs it, against the real
+// helper serving a simulated device, with its output and exit status checked.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "krx/client.h"
+#include "platform/sim/device.h"
+#include "tests/support/daemon.h"
+
+extern char** environ;  // NOLINT(readability-redundant-declaration)
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::AllOf;
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+struct Outcome {
+  int status = -1;  // exit status; 128 + signal when killed
+  std::string out;
+  std::string err;
+};
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+// The program the kernel reports for vtldctl: what its entitlement names.
+std::string vtldctl_path() { return fs::canonical(testsupport::program_path("vtldctl")).string(); }
+
+// Runs a program with `input` on standard input; both outputs kept.
+Outcome run_program(const std::vector<std::string>& args, const std::string& input = "",
+                    const std::vector<std::string>& extra_env = {}) {
+  testsupport::TempDir io;
+  const std::string in_path = io / "in";
+  std::ofstream(in_path) << input;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, in_path.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, (io / "out").c_str(), O_WRONLY | O_CREAT, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, (io / "err").c_str(), O_WRONLY | O_CREAT, 0600);
+  std::vector<std::string> arg_storage = args;
+  std::vector<char*> argv;
+  argv.reserve(arg_storage.size() + 1);
+  for (std::string& arg : arg_storage) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  // `extra_env` replaces variables of the same name.
+  std::vector<std::string> env_storage = extra_env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry = *e;
+    const std::string name = entry.substr(0, entry.find('=') + 1);
+    bool replaced = false;
+    for (const std::string& extra : extra_env) replaced = replaced || extra.starts_with(name);
+    if (!replaced) env_storage.push_back(entry);
+  }
+  std::vector<char*> envp;
+  envp.reserve(env_storage.size() + 1);
+  for (std::string& e : env_storage) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  pid_t pid = -1;
+  Outcome run;
+  const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) {
+    ADD_FAILURE() << "cannot start " << args[0];
+    return run;
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  run.out = read_file(io / "out");
+  run.err = read_file(io / "err");
+  return run;
+}
+
+Outcome vtldctl(std::vector<std::string> args, const std::string& input = "") {
+  args.insert(args.begin(), vtldctl_path());
+  return run_program(args, input);
+}
+
+bool is_root() { return ::geteuid() == 0; }
+
+#define SKIP_UNLESS_ROOT() \
+  if (!is_root()) GTEST_SKIP() << "the helper confines itself with chroot: needs root"
+
+// Input vtldctl refuses before it connects: nothing is sent, status 2, even
+// with no helper anywhere.
+struct Refusal {
+  std::vector<std::string> args;
+  std::string input;
+  std::string message;
+};
+
+class VtldctlRefuses : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(VtldctlRefuses, BeforeSendingAnything) {
+  testsupport::TempDir dir;
+  std::vector<std::string> args = {"--socket", dir / "no-helper"};
+  args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
+  const Outcome run = vtldctl(args, GetParam().input);
+  EXPECT_EQ(run.status, 2) << run.err;
+  EXPECT_THAT(run.err, HasSubstr(GetParam().message));
+  EXPECT_THAT(run.out, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    BadInput, VtldctlRefuses,
+    ::testing::Values(
+        Refusal{{"send", R"({"$foo": 1})"}, "", "vtldctl: bad request: unknown typed value $foo"},
+        Refusal{{"send", R"({"a":)"}, "", "vtldctl: bad request: parse error"},
+        Refusal{{"send", "-"},
+                R"({"x": {"$data": "!"}})",
+                "not valid base64 (standard alphabet, padded with '=') (at /x)"},
+        Refusal{{"send", "[1]"}, "", "it must be a JSON object"},
+        Refusal{{"send"}, "", "JSON is required"},
+        Refusal{{"prepare-work-container"}, "", "PATH is required"},
+        Refusal{{"no-such-command"}, "", "not expected: no-such-command"},
+        Refusal{{}, "", "vtldctl: a command is required"},
+        Refusal{{"--root", "/x", "migrate-preferences"}, "", "excludes"},
+        Refusal{{"--timeout", "0", "migrate-preferences"}, "", "--timeout"},
+        Refusal{{"demo"}, "", "--root and --socket choose a helper to talk to"}));
+
+TEST(VtldctlUnreachable, SaysWhereItLookedAndWhy) {
+  testsupport::TempDir dir;
+  const Outcome run = vtldctl({"--socket", dir / "no-helper", "migrate-preferences"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.err, HasSubstr("vtldctl: cannot reach the helper at " + (dir / "no-helper") +
+                                 ": No such file or directory"));
+  EXPECT_THAT(run.out, IsEmpty());
+}
+
+TEST(VtldctlUnreachable, RootNamesTheDevicesSocket) {
+  testsupport::TempDir dir;
+  const Outcome run = vtldctl({"--root", dir.path(), "send", "{}"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.err, HasSubstr("at " + dir.path() + "/run/krx/com.tessal.vantreldhelper: "));
+}
+
+// A started helper on a device where vtldctl holds the client entitlement.
+class VtldctlOnDevice : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SKIP_UNLESS_ROOT();
+    device_.emplace();
+    vtl::Dictionary entitlements;
+    entitlements.emplace(platform::sim::kClientEntitlement, true);
+    ASSERT_EQ(platform::sim::write_entitlements_file(device_->root(), "vtldctl", vtldctl_path(), "",
+                                                     entitlements),
+              "");
+    device_->start();
+  }
+
+  Outcome on_device(std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), {"--root", device_->root()});
+    return vtldctl(args, input);
+  }
+  mode_t mode_of(const std::string& device_path) {
+    struct stat st {};
+    if (::stat(device_->path(device_path).c_str(), &st) != 0) return 0;
+    return st.st_mode & 07777;
+  }
+
+  // Made only when the test runs: laying out a device needs root too.
+  std::optional<testsupport::Device> device_;
+};
+
+TEST_F(VtldctlOnDevice, EachCommandAnswersWithItsExitStatus) {
+  struct Step {
+    std::vector<std::string> args;
+    int status;
+    const char* out;
+  };
+  const Step steps[] = {
+      {{"migrate-preferences"}, 0, "Response: true\n"},
+      // Already moved: the helper reports the second attempt as a failure.
+      {{"migrate-preferences"}, 1, "Response: false\n"},
+      {{"prepare-work-container", "/private/var/Work"}, 0, "Response: true\n"},
+      {{"prepare-log-container", "/private/var/logs/client"}, 0, "Response: true\n"},
+      {{"prepare-log-container", "/tmp/x"}, 1, "Response: false\n"},
+  };
+  for (const Step& step : steps) {
+    const Outcome run = on_device(step.args);
+    EXPECT_EQ(run.status, step.status) << step.args[0] << ": " << run.err;
+    EXPECT_EQ(run.out, step.out) << step.args[0];
+  }
+  EXPECT_TRUE(
+      fs::exists(device_->path("/var/mobile/Library/Preferences/com.tessal.Vantrel.plist")));
+  EXPECT_EQ(mode_of("/private/var/Work"), 0777U);
+  EXPECT_EQ(mode_of("/private/var/logs/client"), 0777U);
+  EXPECT_FALSE(fs::exists(device_->path("/tmp/x")));
+
+  const Outcome removed = on_device({"remove-work-container", "/private/var/Work"});
+  EXPECT_EQ(removed.status, 0);
+  EXPECT_FALSE(fs::exists(device_->path("/private/var/Work")));
+  EXPECT_TRUE(device_->wait_for_log(
+      "Entering -[VTLHMessageResponder removeWorkContainer:] with parameter: /private/var/Work"));
+}
+
+TEST_F(VtldctlOnDevice, SendWaitsForOneAnswerPerKeyAndFailsOnAnyFalse) {
+  // Which command runs first is the helper's choice; both answers are due.
+  const Outcome run = on_device(
+      {"send",
+       R"({"prepareWorkContainer:": "/private/var/Both", "prepareLogContainer:": "/tmp/x"})"});
+  EXPECT_EQ(run.status, 1) << run.err;
+  EXPECT_THAT(run.out,
+              AnyOf("Response: true\nResponse: false\n", "Response: false\nResponse: true\n"));
+  EXPECT_TRUE(fs::is_directory(device_->path("/private/var/Both")));
+}
+
+TEST_F(VtldctlOnDevice, SendReadsStandardInput) {
+  const Outcome run =
+      on_device({"send", "-"}, R"({"prepareWorkContainer:": "/private/var/FromStdin"})");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "Response: true\n");
+  EXPECT_TRUE(fs::is_directory(device_->path("/private/var/FromStdin")));
+}
+
+TEST_F(VtldctlOnDevice, UnknownCommandEndsInTheTimeOutWithAHint) {
+  const Outcome run = on_device({"send", "--timeout", "1", R"({"prepareWorkContainer": "/x"})"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.out, IsEmpty());
+  EXPECT_THAT(run.err, AllOf(HasSubstr("vtldctl: no reply from the helper within 1 s"),
+                             HasSubstr("for a command it does not know: its log says which")));
+  EXPECT_TRUE(device_->wait_for_log("does not respond to prepareWorkContainer."));
+}
+
+TEST_F(VtldctlOnDevice, AnUnknownKeyAmongOthersEndsInTheTimeOutToo) {
+  // The helper drops the rest of a request at an unknown key, so the known
+  // one may or may not have run, depending on the helper's order.
+  const Outcome run = on_device(
+      {"--timeout", "1", "send", R"({"prepareWorkContainer:": "/private/var/A", "bogus:": 1})"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.out, AnyOf("", "Response: true\n"));
+  EXPECT_THAT(run.err, HasSubstr(" of 2 answers arrived)"));
+}
+
+TEST_F(VtldctlOnDevice, WithoutTheEntitlementTheHelperStaysSilent) {
+  // Entitlement files are read for every message, so removing it takes
+  // effect at once.
+  ASSERT_TRUE(fs::remove(device_->path("/etc/krx/entitlements.d/vtldctl.plist")));
+  const Outcome run = on_device({"--timeout", "1", "migrate-preferences"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.err,
+              HasSubstr("without the entitlement \"com.tessal.private.vantrel.vantreld\""));
+  EXPECT_TRUE(device_->wait_for_log("The client does not have proper entitlement"));
+  EXPECT_TRUE(fs::exists(device_->path("/var/root/Library/Preferences/com.tessal.Vantrel.plist")));
+}
+
+// vtld_helper serving a device that `vtldctl sim create` laid out.
+class ServedDevice {
+ public:
+  explicit ServedDevice(const std::string& root) {
+    const std::string helper = testsupport::program_path("vtld_helper");
+    std::vector<std::string> args = {helper, "--root", root};
+    std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, (root + ".stderr").c_str(), O_WRONLY | O_CREAT,
+                                     0600);
+    // Confined to the device, a sanitizer build's helper has no /proc for
+    // the leak checker at exit.
+    std::string no_leak_check = "ASAN_OPTIONS=detect_leaks=0";
+    char* envp[] = {no_leak_check.data(), nullptr};
+    EXPECT_EQ(::posix_spawn(&pid_, helper.c_str(), &actions, nullptr, argv.data(), envp), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    const std::string socket =
+        platform::sim::service_socket_path(root, "com.tessal.vantreldhelper");
+    for (int i = 0; i < 1000 && !serving_; ++i) {
+      std::string error;
+      serving_ = krx::Client::connect_path(socket, &error).has_value();
+      if (!serving_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  ~ServedDevice() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+  }
+  ServedDevice(const ServedDevice&) = delete;
+  ServedDevice& operator=(const ServedDevice&) = delete;
+  bool serving() const { return serving_; }
+
+ private:
+  pid_t pid_ = -1;
+  bool serving_ = false;
+};
+
+TEST(VtldctlSimCreate, LaysOutADeviceThatEntitlesVtldctl) {
+  SKIP_UNLESS_ROOT();  // the device's mobile folders are given to uid 501
+  testsupport::TempDir dir;
+  const std::string root = dir / "device";
+  const Outcome run = vtldctl({"sim", "create", root});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(run.out, AllOf(HasSubstr("Created a simulated device in " + root),
+                             HasSubstr("vtld_helper --root " + root),
+                             HasSubstr("Entitled client: " + vtldctl_path())));
+  for (const char* path : {"/etc/passwd", "/etc/group", "/run/krx", "/private/var/logs/vtld",
+                           "/var/root/Library/Preferences/com.tessal.Vantrel.plist"}) {
+    EXPECT_TRUE(fs::exists(root + path)) << path;
+  }
+  // Bound to vtldctl's own path, as the kernel reports it.
+  const std::string entitlements = read_file(root + "/etc/krx/entitlements.d/vtldctl.plist");
+  EXPECT_THAT(entitlements,
+              AllOf(HasSubstr(vtldctl_path()), HasSubstr("com.tessal.private.vantrel.vantreld")));
+}
+
+TEST(VtldctlSimCreate, RefusesADirectoryInUse) {
+  testsupport::TempDir dir;
+  std::ofstream(dir / "something") << "x";
+  const Outcome run = vtldctl({"sim", "create", dir.path()});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_THAT(run.err, HasSubstr("vtldctl: cannot create a simulated device in " + dir.path()));
+  EXPECT_FALSE(fs::exists(dir / "etc"));
+}
+
+TEST(VtldctlSimCreate, TheHelperServesItToVtldctl) {
+  SKIP_UNLESS_ROOT();
+  testsupport::TempDir dir;
+  const std::string root = dir / "device";
+  ASSERT_EQ(vtldctl({"sim", "create", root}).status, 0);
+  ServedDevice helper(root);
+  ASSERT_TRUE(helper.serving()) << read_file(root + ".stderr");
+  const Outcome run = vtldctl({"--root", root, "migrate-preferences"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "Response: true\n");
+  EXPECT_TRUE(
+      fs::exists(root + "/private/var/mobile/Library/Preferences/com.tessal.Vantrel.plist"));
+}
+
+TEST(VtldctlDemo, EveryStepGoesAsToldAndTheDeviceIsKept) {
+  SKIP_UNLESS_ROOT();
+  testsupport::TempDir dir;
+  const std::string root = dir / "device";
+  const Outcome run =
+      run_program({vtldctl_path(), "demo", root}, "", {"ASAN_OPTIONS=detect_leaks=0"});
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_THAT(run.out, AllOf(HasSubstr("Every step went as told."),
+                             HasSubstr("The helper exited with status 0."),
+                             HasSubstr("vtld_helper-"), Not(HasSubstr("WRONG"))));
+  // A given directory is kept; the steps' traces are in it.
+  EXPECT_TRUE(fs::exists(root + "/private/var/logs/vtld-client/vtld-1.log"));
+  EXPECT_FALSE(fs::exists(root + "/private/var/VTLWorkContainer"));
+}
+
+TEST(VtldctlDemo, RefusesADirectoryInUse) {
+  SKIP_UNLESS_ROOT();
+  testsupport::TempDir dir;
+  std::ofstream(dir / "something") << "x";
+  const Outcome run = vtldctl({"demo", dir.path()});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_THAT(run.err, HasSubstr("exists and is not empty"));
+}
+
+TEST(VtldctlDemo, SaysWhenTheHelperDoesNotStart) {
+  SKIP_UNLESS_ROOT();
+  testsupport::TempDir dir;
+  // A "helper" that fails at once, as one that cannot bind its socket would.
+  const std::string fake = dir / "fake-helper";
+  std::ofstream(fake) << "#!/bin/sh\necho 'cannot listen' >&2\nexit 1\n";
+  fs::permissions(fake, fs::perms::owner_all);
+  const Outcome run = vtldctl({"demo", dir / "device", "--helper", fake});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_THAT(run.err, AllOf(HasSubstr("the helper exited with status 1 before serving"),
+                             HasSubstr("cannot listen")));
+}
+
+}  // namespace

@@ -1,0 +1,286 @@
+// What vtldctl shows of the helper's messages, and the exit status it ends
+// with, against a scripted helper at the other end of a socket pair: progress
+// (as a bar or as lines), answers in order, data, stray messages, and every
+// way an exchange can end early.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "krx/client.h"
+#include "krx/codec.h"
+#include "krx/value.h"
+#include "vtldctl/exchange.h"
+#include "vtldctl/reply_printer.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using namespace std::chrono_literals;
+
+// A stream that can be read back: what vtldctl printed.
+class Capture {
+ public:
+  Capture() : file_(std::tmpfile(), &std::fclose) {}
+  std::FILE* file() const { return file_.get(); }
+  std::string text() const {
+    (void)std::fflush(file_.get());
+    std::string content;
+    std::rewind(file_.get());
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file_.get())) > 0) content.append(buffer, n);
+    return content;
+  }
+
+ private:
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
+};
+
+TEST(ProgressBar, FillsInTwentiethsAndShowsTheValueAsSent) {
+  EXPECT_EQ(vtldctl::progress_bar(0), "[                    ]   0%");
+  EXPECT_EQ(vtldctl::progress_bar(7), "[#                   ]   7%");
+  EXPECT_EQ(vtldctl::progress_bar(50), "[##########          ]  50%");
+  EXPECT_EQ(vtldctl::progress_bar(100), "[####################] 100%");
+  // A count that overshoots its total is not capped by the helper: the bar
+  // stays within bounds and the number says what was sent.
+  EXPECT_EQ(vtldctl::progress_bar(150), "[####################] 150%");
+  EXPECT_EQ(vtldctl::progress_bar(-5), "[                    ]  -5%");
+}
+
+TEST(ReplyPrinter, RedrawsOneLineOnATerminalAndEndsItBeforeTheAnswer) {
+  Capture out;
+  Capture err;
+  {
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/true);
+    printer.progress(10);
+    printer.progress(60);
+    printer.line("Response: true");
+    printer.progress(100);
+  }
+  EXPECT_EQ(err.text(),
+            "\r\033[K[##                  ]  10%\r\033[K[############        ]  60%\n"
+            "\r\033[K[####################] 100%\n");
+  EXPECT_EQ(out.text(), "Response: true\n");
+}
+
+TEST(ReplyPrinter, WritesProgressLinesWhenNotATerminal) {
+  Capture out;
+  Capture err;
+  {
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/false);
+    printer.progress(33);
+    printer.progress(100);
+    printer.line("Response: true");
+  }
+  EXPECT_EQ(err.text(), "Progress: 33%\nProgress: 100%\n");
+  EXPECT_EQ(out.text(), "Response: true\n");
+}
+
+// The helper's side of a connection, scripted: frames written before the
+// exchange starts wait in the socket for vtldctl to read them.
+class ScriptedHelper {
+ public:
+  ScriptedHelper() {
+    int fds[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    client_ = std::make_unique<krx::Client>(krx::Client::from_socket(fds[0]));
+    peer_ = fds[1];
+  }
+  ~ScriptedHelper() { ::close(peer_); }
+  ScriptedHelper(const ScriptedHelper&) = delete;
+  ScriptedHelper& operator=(const ScriptedHelper&) = delete;
+
+  krx::Client& client() { return *client_; }
+  void say(const krx::Value& message) { write_all(krx::encode_frame(message)); }
+  void write_all(const std::vector<std::uint8_t>& bytes) {
+    ASSERT_EQ(::write(peer_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  // Ends the helper's side of the stream after what it said; vtldctl's
+  // request can still be written, as to a helper that read it and then quit.
+  void hang_up() { ::shutdown(peer_, SHUT_WR); }
+  // The request vtldctl sent, as the helper would decode it.
+  krx::Value request() {
+    std::vector<std::uint8_t> buffer(1 << 16);
+    const ssize_t n = ::recv(peer_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (n <= 0) return krx::Value("nothing was sent");
+    buffer.resize(static_cast<std::size_t>(n));
+    auto decoded = krx::decode_frame(buffer);
+    auto* frame = std::get_if<krx::Decoded>(&decoded);
+    return frame != nullptr ? frame->value : krx::Value("not one frame");
+  }
+
+ private:
+  std::unique_ptr<krx::Client> client_;
+  int peer_ = -1;
+};
+
+krx::Value reply(const char* key, krx::Value value) {
+  return krx::make_dictionary(key, std::move(value));
+}
+
+struct Script {
+  const char* name;
+  krx::Value request;
+  std::vector<krx::Value> messages;  // what the helper sends
+  bool hang_up;                      // then it ends the connection (else: silence)
+  bool ends_helper;
+  int exit_status;
+  const char* out;           // exactly
+  const char* progress;      // standard error, exactly (progress lines)
+  const char* failure_part;  // part of the failure message, or "" when none is due
+};
+
+void PrintTo(const Script& script, std::ostream* out) { *out << script.name; }
+
+const krx::Value kOneCommand = reply("prepareWorkContainer:", "/private/var/w");
+const krx::Value kTwoCommands = krx::Dictionary{{"prepareWorkContainer:", "/private/var/w"},
+                                                {"removeWorkContainer:", "/private/var/w"}};
+
+class Exchange : public ::testing::TestWithParam<Script> {};
+
+TEST_P(Exchange, ShowsEveryMessageAndEndsWithItsStatus) {
+  const Script& script = GetParam();
+  ScriptedHelper helper;
+  for (const krx::Value& message : script.messages) helper.say(message);
+  if (script.hang_up) helper.hang_up();
+  Capture out;
+  Capture err;
+  vtldctl::ExchangeOptions options{script.hang_up ? 10s : 100ms, script.ends_helper};
+  vtldctl::ExchangeResult result;
+  {
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/false);
+    result = vtldctl::exchange(helper.client(), script.request, options, printer);
+  }
+  EXPECT_EQ(vtldctl::exit_status(result), script.exit_status);
+  EXPECT_EQ(out.text(), script.out);
+  EXPECT_EQ(err.text(), script.progress);
+  const std::string failure = vtldctl::failure_message(result, options.idle);
+  if (*script.failure_part == '\0') {
+    EXPECT_THAT(failure, IsEmpty());
+  } else {
+    EXPECT_THAT(failure, HasSubstr(script.failure_part));
+  }
+  EXPECT_EQ(helper.request(), script.request);
+}
+
+const krx::Value kTrue = reply("Response", true);
+const krx::Value kFalse = reply("Response", false);
+
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, Exchange,
+    ::testing::Values(
+        Script{"ProgressThenTrue",
+               kOneCommand,
+               {reply("Progress", std::int64_t{33}), reply("Progress", std::int64_t{100}), kTrue},
+               false,
+               false,
+               0,
+               "Response: true\n",
+               "Progress: 33%\nProgress: 100%\n",
+               ""},
+        Script{"AnswersInOrderOneFalse",
+               kTwoCommands,
+               {kTrue, kFalse},
+               false,
+               false,
+               1,
+               "Response: true\nResponse: false\n",
+               "",
+               ""},
+        Script{"DataAndStrayMessagesAreShown",
+               kOneCommand,
+               {reply("Data", krx::Data{1, 2}), reply("Other", std::int64_t{7}),
+                krx::Value("not a dictionary"), kTrue},
+               false,
+               false,
+               0,
+               "Data: {length = 2, bytes = 0x0102}\nMessage: { Other = 7; }\n"
+               "Message: not a dictionary\nResponse: true\n",
+               "",
+               ""},
+        Script{"AnswerThatIsNotABooleanCountsAsFalse",
+               kOneCommand,
+               {reply("Response", std::int64_t{1})},
+               false,
+               false,
+               1,
+               "Response: 1 (not a boolean: taken as false)\n",
+               "",
+               ""},
+        Script{"SilenceIsATimeOut",
+               kOneCommand,
+               {},
+               false,
+               false,
+               3,
+               "",
+               "",
+               "no reply from the helper within 0.1 s; the helper sends none to a client without "
+               "the entitlement"},
+        Script{"SilenceAfterSomeAnswersSaysHowMany",
+               kTwoCommands,
+               {kTrue},
+               false,
+               false,
+               3,
+               "Response: true\n",
+               "",
+               "(1 of 2 answers arrived)"},
+        Script{"HangingUpBeforeEveryAnswer",
+               kTwoCommands,
+               {kTrue},
+               true,
+               false,
+               3,
+               "Response: true\n",
+               "",
+               "the helper ended the connection before replying (1 of 2 answers arrived)"},
+        Script{"HangingUpIsHowACommandThatEndsTheHelperSucceeds",
+               reply("quitHelper:", true),
+               {},
+               true,
+               true,
+               0,
+               "The helper ended the connection, as this command makes it do.\n",
+               "",
+               ""},
+        Script{"EmptyRequestWantsNoAnswer", krx::Dictionary{}, {}, false, false, 0, "", "", ""}),
+    [](const ::testing::TestParamInfo<Script>& param) { return std::string(param.param.name); });
+
+TEST(ExchangeEndsEarly, MalformedFrameFromTheHelper) {
+  ScriptedHelper helper;
+  helper.write_all({'X', 'X', 'X', 'X', 1, 0, 0, 0, 0});
+  Capture out;
+  Capture err;
+  vtldctl::ReplyPrinter printer(out.file(), err.file(), false);
+  const auto result = vtldctl::exchange(helper.client(), kOneCommand, {10s, false}, printer);
+  EXPECT_EQ(vtldctl::exit_status(result), 3);
+  EXPECT_THAT(vtldctl::failure_message(result, 10s),
+              HasSubstr("the helper sent a malformed message: "));
+}
+
+TEST(ExchangeEndsEarly, RequestTooDeepForOneMessageIsNotSent) {
+  krx::Value request = true;
+  for (int i = 0; i < krx::kMaxDepth + 1; ++i) request = reply("a:", std::move(request));
+  ScriptedHelper helper;
+  Capture out;
+  Capture err;
+  vtldctl::ReplyPrinter printer(out.file(), err.file(), false);
+  const auto result = vtldctl::exchange(helper.client(), request, {10s, false}, printer);
+  EXPECT_EQ(vtldctl::exit_status(result), 2);
+  EXPECT_THAT(vtldctl::failure_message(result, 10s),
+              HasSubstr("cannot be sent as one KRX message"));
+  EXPECT_EQ(helper.request(), krx::Value("nothing was sent"));
+}
+
+}  // namespace
