@@ -316,6 +316,9 @@ class Repair {
   // Gives every missing logical chunk a spare one. False when a partition had
   // to be deleted (the map was renumbered: run again).
   bool give_missing_chunks() {
+    // Spares are handed out front to back, so the search resumes where the
+    // last one was found: the whole map is walked once, not once per chunk.
+    spare_cursor_ = 1;
     for (int p = 0; p < count(); ++p) {
       ZmraPartitionRecord r = record(p);
       std::vector<bool> present(kMapEntries);
@@ -348,9 +351,9 @@ class Repair {
     return true;
   }
 
-  int first_spare() const {
-    for (int i = 1; i < limit_; ++i) {
-      if (zmraHeaderChunk(h_, i) == kZmraChunkSpare) return i;
+  int first_spare() {
+    for (; spare_cursor_ < limit_; ++spare_cursor_) {
+      if (zmraHeaderChunk(h_, spare_cursor_) == kZmraChunkSpare) return spare_cursor_++;
     }
     return -1;
   }
@@ -378,6 +381,7 @@ class Repair {
   const ZmraMediaGeometry& g_;
   ZmraHeader& h_;
   int limit_;
+  int spare_cursor_ = 1;
 };
 
 }  // namespace
