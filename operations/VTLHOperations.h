@@ -44,6 +44,22 @@ class VTLHOperations {
   // again on the next connection.
   [[noreturn]] void quitHelper();
 
+  // Records what lies under `path` (VTLManifest) and writes it, as a binary
+  // property list, to "/private/var/VTLWorkContainer/DeviceManifest.plist",
+  // replaced whole. "/private", "/private/", "/private/var" and
+  // "/private/var/" (exactly these strings) mean the whole data area: the walk
+  // of "/private/var" named relative to "/private", without the containers,
+  // applications and built products, with progress. Any other path is walked
+  // relative to itself without its hidden entries, without progress. Runs
+  // inside a KRX keep-alive transaction. False when the walk fails (no file is
+  // written, and none for a missing path); a file that cannot be written is
+  // not reported (the client finds out when it reads it).
+  bool createDeviceManifest_inclusive(const std::string* path, bool inclusive);
+  // Hard-links the item at `file` to the new path `staging` (a directory
+  // becomes a new tree of hard links; see files::link_item). False, logged,
+  // when it cannot, `staging` already existing included.
+  bool createHardLinks_stagingPath(const std::string* file, const std::string* staging);
+
  private:
   VTLHOperations() = default;
 };

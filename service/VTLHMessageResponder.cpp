@@ -33,6 +33,8 @@ constexpr std::array kCommands = {
     CommandEntry{"writeNvram:", &VTLHMessageResponder::writeNvram},
     CommandEntry{"reboot:", &VTLHMessageResponder::reboot},
     CommandEntry{"quitHelper:", &VTLHMessageResponder::quitHelper},
+    CommandEntry{"createDeviceManifest:", &VTLHMessageResponder::createDeviceManifest},
+    CommandEntry{"createHardLink:", &VTLHMessageResponder::createHardLink},
     CommandEntry{"shrinkDataPartition:", &VTLHMessageResponder::shrinkDataPartition},
     CommandEntry{"expandDataPartition:", &VTLHMessageResponder::expandDataPartition},
 };
@@ -170,6 +172,42 @@ bool VTLHMessageResponder::reboot(const Value& parameter) {
 bool VTLHMessageResponder::quitHelper(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder quitHelper:]", parameter);
   VTLHOperations::sharedInstance().quitHelper();
+}
+
+namespace {
+
+// A parameter read as a boolean the way the platform's number and string
+// objects answer boolValue: a boolean as itself, an integer when non-zero, a
+// string when it starts (after blanks, a sign and zeros) with Y, y, T, t or a
+// digit 1-9. Anything else, absence included, is false.
+bool as_boolean(const Value* value) {
+  if (value == nullptr) return false;
+  if (const bool* b = value->boolean()) return *b;
+  if (const std::int64_t* i = value->integer()) return *i != 0;
+  if (const std::string* s = value->string()) {
+    std::size_t i = s->find_first_not_of(" \t\n\r");
+    if (i != std::string::npos && ((*s)[i] == '+' || (*s)[i] == '-')) ++i;
+    while (i < s->size() && (*s)[i] == '0') ++i;
+    if (i >= s->size()) return false;
+    const char c = (*s)[i];
+    return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+  }
+  return false;
+}
+
+}  // namespace
+
+bool VTLHMessageResponder::createDeviceManifest(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder createDeviceManifest:]",
+         parameter);
+  return VTLHOperations::sharedInstance().createDeviceManifest_inclusive(
+      parameter.find_string("Path"), as_boolean(parameter.find("Inclusive")));
+}
+
+bool VTLHMessageResponder::createHardLink(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder createHardLink:]", parameter);
+  return VTLHOperations::sharedInstance().createHardLinks_stagingPath(
+      parameter.find_string("FilePath"), parameter.find_string("StagingPath"));
 }
 
 // The request's parameter is logged and otherwise ignored: the flows decide

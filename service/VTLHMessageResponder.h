@@ -49,6 +49,8 @@ class VTLHMessageResponder {
   bool writeNvram(const Value& parameter);
   bool reboot(const Value& parameter);
   bool quitHelper(const Value& parameter);
+  bool createDeviceManifest(const Value& parameter);
+  bool createHardLink(const Value& parameter);
   bool shrinkDataPartition(const Value& parameter);
   bool expandDataPartition(const Value& parameter);
 

@@ -28,6 +28,7 @@
 #include "platform/mounted_volumes.h"
 #include "platform/platform.h"
 #include "platform/power.h"
+#include "platform/protection_classes.h"
 #include "platform/raw_disk.h"
 #include "platform/system_log.h"
 #include "service/VTLLogModel.h"
@@ -115,6 +116,8 @@ int main(int argc, char** argv) {
   the_platform->system_log = system_log.release();
   the_platform->accounts = platform::make_passwd_accounts("/").release();
   the_platform->code_signing = platform::make_entitlement_files("/", proc_fd).release();
+  // Both backends keep protection classes the same way (protection_classes.h).
+  the_platform->protection_classes = platform::make_xattr_protection_classes().release();
   if (simulated) {
     the_platform->device_registry = platform::make_sim_registry("/").release();
     the_platform->power = platform::make_sim_power("/").release();

@@ -1,0 +1,125 @@
+// VTLManifest: the manifest of one file tree, a dictionary from each item's
+// path relative to a base directory ("/" for the base directory itself, else
+// beginning with "/" when the base has no trailing slash) to that item's file
+// metadata record (VTLFileMetadata).
+//
+// A manifest takes exactly one add (addFilesFromPath...): the walk records
+// every item under the path, skipping listed sub-trees and special files,
+// and drives the progress updater by bytes. Records are built on every core
+// and committed in walk order, so what the manifest holds, the order of its
+// messages and of its progress, and where a walk ends early are those of a
+// walk that builds one record after the other.
+//
+// Records are kept in compact form (manifest_store.h, about 300 bytes each);
+// `dict()` turns them into Values on demand, and writeBinaryPropertyList
+// streams them into a binary property list without doing so.
+//
+// Failures are logged through VTLLog and reported by the boolean result.
+// Threads: a manifest is used by one thread at a time (its walk uses worker
+// threads of its own inside a call).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "manifest/VTLFileMetadata.h"
+#include "manifest/manifest_store.h"
+#include "service/VTLProgressUpdater.h"
+#include "service/value.h"
+
+namespace vtl {
+
+class VTLManifest {
+ public:
+  using Handler = std::function<bool(const VTLFileMetadata& record, const std::string& path)>;
+
+  // init: empty, no base directory, no progress updater.
+  VTLManifest();
+  // initWithDictionary: a copy of `dictionary`; no base directory, no
+  // progress updater (so it could still take one add).
+  explicit VTLManifest(const Dictionary& dictionary);
+  ~VTLManifest();
+  VTLManifest(const VTLManifest&) = delete;
+  VTLManifest& operator=(const VTLManifest&) = delete;
+
+  // The manifest dictionary, built from the compact records (O(records)).
+  Dictionary dict() const;
+  void setDict(const Dictionary& dictionary);
+  const std::optional<std::string>& rootPath() const { return root_path_; }
+  void setRootPath(std::optional<std::string> path) { root_path_ = std::move(path); }
+  VTLProgressUpdater* progressUpdater() const { return progress_; }
+  void setProgressUpdater(VTLProgressUpdater* updater) { progress_ = updater; }
+
+  // The record under `path` when it is a dictionary, else nothing.
+  std::optional<VTLFileMetadata> metadataForFile(std::string_view path) const;
+  // Stores the record's dictionary under `path`, replacing an earlier one.
+  void setMetadata_forFile(const VTLFileMetadata& record, std::string_view path);
+  std::unordered_set<std::string> pathSet() const;
+  std::size_t count() const { return store_.size(); }
+
+  // Whether `path` is one of `folders` or lies beneath one: the folder /a
+  // holds /a and /a/b but not /ab; the folder /a/ holds /a/b.
+  static bool folder_contains(const std::vector<std::string>& folders, std::string_view path);
+
+  // Walks the tree under `path` into this manifest, names relative to `base`,
+  // skipping `skip` (folder_contains) and special files; with `inclusive` the
+  // path itself is recorded too, after everything under it. False when a
+  // manifest already had its add, when an item's type cannot be read, or when
+  // the handler refuses. True when an item vanished before its record could
+  // be built: the walk ends there and the records before it stand.
+  bool addFilesFromPath_relativeTo_skip_inclusive(const std::string& path, const std::string& base,
+                                                  const std::vector<std::string>& skip,
+                                                  bool inclusive);
+  // The same walk, handing each record to `handler` instead of storing it.
+  // The handler runs on the calling thread, in walk order, before the next
+  // record is built, and may look at or change the tree.
+  bool enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
+      const std::string& path, const std::string& base, const std::vector<std::string>& skip,
+      bool inclusive, const Handler& handler);
+
+  // Full paths of the directory's immediate entries whose names begin with
+  // "."; empty when it cannot be listed.
+  static std::vector<std::string> immediateHiddenFilesUnderPath(const std::string& path);
+  // Bytes of the regular files under `path` (links not counted, nor the path
+  // itself), skipping `skip`. 0 when an item cannot be read.
+  static std::uint64_t calculateTotalFileSize_skipPaths(const std::string& path,
+                                                        const std::vector<std::string>& skip);
+  // The item's own size, a link not followed; 0 when unreadable.
+  static std::uint64_t fileSizeToAdjustPercentage(const std::string& path);
+
+  // Writes `dict()` to `fd` as a binary property list, streamed from the
+  // compact records. 0 or an errno value.
+  int writeBinaryPropertyList(int fd) const;
+  // Replaces `path` whole with that property list (mode 0644; see
+  // bplist::replace_file). 0 or an errno value.
+  int writeBinaryPropertyListToFile(const std::string& path) const;
+
+  // Threads that build records during an add: one per core, and at least
+  // two so that reading one file overlaps hashing another.
+  static unsigned worker_count();
+  // How many items an add may build ahead of the one it commits next.
+  static constexpr std::size_t kLookAhead = 512;
+
+  // Test seam: called on the building thread just before each record is built.
+  void set_before_record_for_testing(std::function<void(const std::string&)> hook) {
+    before_record_ = std::move(hook);
+  }
+
+ private:
+  struct Walk;
+  bool walk(const std::string& path, const std::string& base, const std::vector<std::string>& skip,
+            bool inclusive, const Handler* handler);
+
+  manifest::ManifestStore store_;
+  std::optional<std::string> root_path_;
+  VTLProgressUpdater* progress_ = nullptr;
+  std::function<void(const std::string&)> before_record_;
+};
+
+}  // namespace vtl

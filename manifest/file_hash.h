@@ -1,0 +1,78 @@
+// Content hashes of files: the SHA-1 of a regular file's bytes.
+//
+// Reading follows the platform's "do not fill the buffer cache" rule. On the
+// handset that is F_NOCACHE; Linux has no such flag, and its two stand-ins
+// both fall short: O_DIRECT reads around the cache, but also around pages
+// that are already there (a warm tree would be read from the disk again),
+// needs aligned buffers and is refused by some file systems (tmpfs);
+// POSIX_FADV_DONTNEED after every read drops the pages, but also pages that
+// other processes had cached, so hashing a tree would evict the device's
+// working set. So the hasher does what F_NOCACHE means rather than what
+// either flag does:
+//   - each chunk is first read with RWF_NOWAIT, which succeeds only from the
+//     page cache: what is cached is used and left cached;
+//   - from the first chunk that is not (fully) cached, the file counts as
+//     brought in by the hasher: its chunks are read normally and their pages
+//     dropped (POSIX_FADV_DONTNEED) as soon as they are hashed, and when the
+//     file is done everything from that point to its end is dropped too,
+//     which takes the kernel's read-ahead beyond the last chunk with it.
+// A file system that refuses RWF_NOWAIT is read normally and its pages are
+// dropped: not growing the cache is the rule, a warm re-run the cost.
+//
+// Memory: one 256 KiB buffer per hasher, reused for every chunk of every
+// file; nothing grows with file size.
+//
+// Safety: the file is opened without following a link, without blocking
+// (a FIFO put in a regular file's place must not hang the walk) and without
+// updating its access time, and only a regular file is read: a device node
+// is never read. A regular file under another process's lease is waited for,
+// as any reader waits.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "manifest/log_sink.h"
+#include "service/value.h"
+
+namespace vtl::manifest {
+
+inline constexpr std::size_t kHashChunkSize = 262144;
+inline constexpr std::size_t kSha1Length = 20;
+
+// One per thread: owns the chunk buffer and the digest context.
+class FileHasher {
+ public:
+  FileHasher();
+  ~FileHasher();
+  FileHasher(const FileHasher&) = delete;
+  FileHasher& operator=(const FileHasher&) = delete;
+
+  // The 20-byte SHA-1 of the file's contents. nullopt when it cannot be opened
+  // or is not a regular file ("Cannot read file %@"), or when a read fails
+  // ("Cannot read data from %@.").
+  std::optional<Data> fileHash(const std::string& path, LogSink& log);
+
+  // The two halves of fileHash, for callers that know the item is a regular
+  // file and open it first: open() gives a descriptor or -1 (nothing logged);
+  // hash() reads it (and closes it) and logs as fileHash does.
+  static int open(const std::string& path);
+  std::optional<Data> hash(int fd, const std::string& path, LogSink& log);
+
+ private:
+  std::unique_ptr<std::uint8_t[]> buffer_;
+  EVP_MD_CTX* context_ = nullptr;
+  EVP_MD* sha1_ = nullptr;
+};
+
+// The file-URL extension of the platform: `fileHash` with a hasher of its own,
+// and `directoryHash`, which has never hashed anything and returns nothing.
+std::optional<Data> fileHash(const std::string& path);
+std::optional<Data> directoryHash(const std::string& path);
+
+}  // namespace vtl::manifest

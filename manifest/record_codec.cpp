@@ -1,0 +1,351 @@
+#include "manifest/record_codec.h"
+
+#include <array>
+#include <bit>
+#include <cstring>
+#include <stdexcept>
+
+#include "manifest/attribute_keys.h"
+
+namespace vtl::manifest {
+namespace {
+
+constexpr std::array<std::string_view, static_cast<std::size_t>(Known::kCount)> kKnown = {
+    "",
+    keys::kFileAttributes,
+    keys::kFileExtendedAttributes,
+    keys::kFileHash,
+    keys::kSymbolicLinkTargetFile,
+    keys::kFileType,
+    keys::kFileSize,
+    keys::kOwnerAccountID,
+    keys::kGroupOwnerAccountID,
+    keys::kOwnerAccountName,
+    keys::kGroupOwnerAccountName,
+    keys::kPosixPermissions,
+    keys::kProtectionClass,
+    keys::kCreationDate,
+    keys::kModificationDate,
+    keys::kReferenceCount,
+    keys::kSystemNumber,
+    keys::kSystemFileNumber,
+    keys::kImmutable,
+    keys::kAppendOnly,
+    keys::kTypeRegular,
+    keys::kTypeDirectory,
+    keys::kTypeSymbolicLink,
+    keys::kTypeCharacterSpecial,
+    keys::kTypeBlockSpecial,
+    keys::kTypeSocket,
+    keys::kTypeFIFO,
+    keys::kTypeUnknown,
+};
+
+using Tag = BlobReader::Tag;
+
+constexpr std::uint64_t zigzag_encode(std::int64_t v) {
+  return (static_cast<std::uint64_t>(v) << 1) ^ static_cast<std::uint64_t>(v >> 63);
+}
+
+constexpr std::int64_t zigzag_decode(std::uint64_t v) {
+  return static_cast<std::int64_t>(v >> 1) ^ -static_cast<std::int64_t>(v & 1);
+}
+
+// Blobs are made in this process by RecordEncoder; a blob that does not parse
+// is a programming error, never input.
+[[noreturn]] void corrupt() { throw std::logic_error("manifest record blob is corrupt"); }
+
+Value decode_value(BlobReader& r, const InternTable* table) {
+  auto interned = [&](std::uint64_t id) -> std::string {
+    if (table == nullptr) corrupt();
+    return std::string(table->at(static_cast<std::uint32_t>(id)));
+  };
+  switch (r.tag()) {
+    case Tag::kString:
+      return Value(interned(r.varint()));
+    case Tag::kInlineString: {
+      const std::uint64_t n = r.varint();
+      return Value(std::string(r.bytes(n)));
+    }
+    case Tag::kFalse:
+      return Value(false);
+    case Tag::kTrue:
+      return Value(true);
+    case Tag::kInteger:
+      return Value(r.zigzag());
+    case Tag::kReal:
+      return Value(r.real());
+    case Tag::kDate:
+      return Value(Date(std::chrono::nanoseconds(r.zigzag())));
+    case Tag::kData: {
+      const std::string_view bytes = r.bytes(r.varint());
+      return Value(Data(bytes.begin(), bytes.end()));
+    }
+    case Tag::kArray: {
+      const std::uint64_t n = r.varint();
+      Array array;
+      array.reserve(n);
+      for (std::uint64_t i = 0; i < n; ++i) array.push_back(decode_value(r, table));
+      return Value(std::move(array));
+    }
+    case Tag::kDictionary: {
+      const std::uint64_t n = r.varint();
+      Dictionary dictionary;
+      for (std::uint64_t i = 0; i < n; ++i) {
+        std::string k = interned(r.varint());
+        Value item = decode_value(r, table);
+        dictionary.insert_or_assign(std::move(k), std::move(item));
+      }
+      return Value(std::move(dictionary));
+    }
+    case Tag::kInlineDictionary: {
+      const std::uint64_t n = r.varint();
+      Dictionary dictionary;
+      for (std::uint64_t i = 0; i < n; ++i) {
+        std::string k(r.bytes(r.varint()));
+        Value item = decode_value(r, table);
+        dictionary.insert_or_assign(std::move(k), std::move(item));
+      }
+      return Value(std::move(dictionary));
+    }
+  }
+  corrupt();
+}
+
+}  // namespace
+
+std::string_view known_string(Known k) { return kKnown.at(static_cast<std::size_t>(k)); }
+
+// --- InternTable -------------------------------------------------------------
+
+InternTable::InternTable() {
+  index_.reserve(256);
+  for (std::string_view s : kKnown) {
+    strings_.emplace_back(s);
+    index_.emplace(strings_.back(), static_cast<std::uint32_t>(strings_.size() - 1));
+  }
+}
+
+std::uint32_t InternTable::intern(std::string_view s) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (auto it = index_.find(s); it != index_.end()) return it->second;
+  strings_.emplace_back(s);
+  const auto id = static_cast<std::uint32_t>(strings_.size() - 1);
+  index_.emplace(strings_.back(), id);
+  return id;
+}
+
+std::string_view InternTable::at(std::uint32_t id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return strings_.at(id);
+}
+
+std::size_t InternTable::size() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return strings_.size();
+}
+
+// --- RecordEncoder -----------------------------------------------------------
+
+void RecordEncoder::put_varint(std::uint64_t v) {
+  while (v >= 0x80) {
+    body_.push_back(static_cast<char>((v & 0x7F) | 0x80));
+    v >>= 7;
+  }
+  body_.push_back(static_cast<char>(v));
+}
+
+void RecordEncoder::put_string(std::uint8_t interned_tag, std::uint8_t inline_tag,
+                               std::string_view s) {
+  if (table_ != nullptr) {
+    body_.push_back(static_cast<char>(interned_tag));
+    put_varint(table_->intern(s));
+  } else {
+    body_.push_back(static_cast<char>(inline_tag));
+    put_varint(s.size());
+    body_.append(s);
+  }
+}
+
+void RecordEncoder::begin_dictionary(std::size_t count) {
+  ++objects_;
+  body_.push_back(static_cast<char>(table_ != nullptr ? Tag::kDictionary : Tag::kInlineDictionary));
+  put_varint(count);
+}
+
+void RecordEncoder::begin_array(std::size_t count) {
+  ++objects_;
+  body_.push_back(static_cast<char>(Tag::kArray));
+  put_varint(count);
+}
+
+void RecordEncoder::key(Known k) {
+  ++objects_;
+  if (table_ != nullptr) {
+    put_varint(static_cast<std::uint32_t>(k));
+  } else {
+    const std::string_view s = known_string(k);
+    put_varint(s.size());
+    body_.append(s);
+  }
+}
+
+void RecordEncoder::key(std::string_view k) {
+  ++objects_;
+  if (table_ != nullptr) {
+    put_varint(table_->intern(k));
+  } else {
+    put_varint(k.size());
+    body_.append(k);
+  }
+}
+
+void RecordEncoder::string(Known k) {
+  ++objects_;
+  if (table_ != nullptr) {
+    body_.push_back(static_cast<char>(Tag::kString));
+    put_varint(static_cast<std::uint32_t>(k));
+  } else {
+    const std::string_view s = known_string(k);
+    body_.push_back(static_cast<char>(Tag::kInlineString));
+    put_varint(s.size());
+    body_.append(s);
+  }
+}
+
+void RecordEncoder::string(std::string_view s) {
+  ++objects_;
+  put_string(static_cast<std::uint8_t>(Tag::kString), static_cast<std::uint8_t>(Tag::kInlineString),
+             s);
+}
+
+void RecordEncoder::integer(std::int64_t i) {
+  ++objects_;
+  body_.push_back(static_cast<char>(Tag::kInteger));
+  put_varint(zigzag_encode(i));
+}
+
+void RecordEncoder::real(double d) {
+  ++objects_;
+  body_.push_back(static_cast<char>(Tag::kReal));
+  const auto bits = std::bit_cast<std::uint64_t>(d);
+  for (int i = 0; i < 8; ++i) body_.push_back(static_cast<char>((bits >> (8 * i)) & 0xFF));
+}
+
+void RecordEncoder::date(Date d) {
+  ++objects_;
+  body_.push_back(static_cast<char>(Tag::kDate));
+  put_varint(zigzag_encode(d.time_since_epoch().count()));
+}
+
+void RecordEncoder::boolean(bool b) {
+  ++objects_;
+  body_.push_back(static_cast<char>(b ? Tag::kTrue : Tag::kFalse));
+}
+
+void RecordEncoder::data(std::span<const std::uint8_t> bytes) {
+  ++objects_;
+  body_.push_back(static_cast<char>(Tag::kData));
+  put_varint(bytes.size());
+  body_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+void RecordEncoder::value(const Value& v) {
+  struct Visitor {
+    RecordEncoder& e;
+    void operator()(const std::string& s) const { e.string(std::string_view(s)); }
+    void operator()(bool b) const { e.boolean(b); }
+    void operator()(std::int64_t i) const { e.integer(i); }
+    void operator()(double d) const { e.real(d); }
+    void operator()(const Date& d) const { e.date(d); }
+    void operator()(const Data& d) const { e.data(d); }
+    void operator()(const Array& a) const {
+      e.begin_array(a.size());
+      for (const Value& item : a) e.value(item);
+    }
+    void operator()(const Dictionary& d) const {
+      e.begin_dictionary(d.size());
+      for (const auto& [k, item] : d) {
+        e.key(std::string_view(k));
+        e.value(item);
+      }
+    }
+  };
+  std::visit(Visitor{*this}, v.storage());
+}
+
+std::string RecordEncoder::take() {
+  std::string blob;
+  blob.reserve(body_.size() + 10);
+  std::uint64_t v = objects_;
+  while (v >= 0x80) {
+    blob.push_back(static_cast<char>((v & 0x7F) | 0x80));
+    v >>= 7;
+  }
+  blob.push_back(static_cast<char>(v));
+  blob.append(body_);
+  body_.clear();
+  objects_ = 0;
+  return blob;
+}
+
+// --- Reading -----------------------------------------------------------------
+
+BlobReader::BlobReader(std::string_view blob)
+    : p_(reinterpret_cast<const std::uint8_t*>(blob.data())), end_(p_ + blob.size()) {
+  static_cast<void>(varint());  // the object bound
+}
+
+BlobReader::Tag BlobReader::tag() {
+  if (p_ >= end_) corrupt();
+  const std::uint8_t t = *p_++;
+  if (t > static_cast<std::uint8_t>(Tag::kInlineDictionary)) corrupt();
+  return static_cast<Tag>(t);
+}
+
+std::uint64_t BlobReader::varint() {
+  std::uint64_t v = 0;
+  for (int shift = 0; shift < 64; shift += 7) {
+    if (p_ >= end_) corrupt();
+    const std::uint8_t b = *p_++;
+    v |= static_cast<std::uint64_t>(b & 0x7F) << shift;
+    if ((b & 0x80) == 0) return v;
+  }
+  corrupt();
+}
+
+std::int64_t BlobReader::zigzag() { return zigzag_decode(varint()); }
+
+double BlobReader::real() {
+  if (end_ - p_ < 8) corrupt();
+  std::uint64_t bits = 0;
+  for (int i = 0; i < 8; ++i) bits |= static_cast<std::uint64_t>(p_[i]) << (8 * i);
+  p_ += 8;
+  return std::bit_cast<double>(bits);
+}
+
+std::string_view BlobReader::bytes(std::uint64_t length) {
+  if (static_cast<std::uint64_t>(end_ - p_) < length) corrupt();
+  const std::string_view out(reinterpret_cast<const char*>(p_), length);
+  p_ += length;
+  return out;
+}
+
+std::uint64_t blob_object_bound(std::string_view blob) {
+  std::uint64_t v = 0;
+  int shift = 0;
+  for (char c : blob) {
+    const auto b = static_cast<std::uint8_t>(c);
+    v |= static_cast<std::uint64_t>(b & 0x7F) << shift;
+    if ((b & 0x80) == 0) return v;
+    shift += 7;
+  }
+  corrupt();
+}
+
+Value decode_blob(std::string_view blob, const InternTable* table) {
+  BlobReader r(blob);
+  return decode_value(r, table);
+}
+
+}  // namespace vtl::manifest

@@ -1,0 +1,139 @@
+#include "manifest/tree_walk.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "krx/utf8.h"
+
+namespace vtl::manifest {
+namespace {
+
+WalkEvent::Type type_of_dirent(unsigned char d_type) {
+  switch (d_type) {
+    case DT_REG:
+      return WalkEvent::Type::kRegular;
+    case DT_DIR:
+      return WalkEvent::Type::kDirectory;
+    case DT_LNK:
+      return WalkEvent::Type::kSymbolicLink;
+    case DT_UNKNOWN:
+      return WalkEvent::Type::kUnknown;
+    default:
+      return WalkEvent::Type::kOther;
+  }
+}
+
+WalkEvent::Type type_of_mode(mode_t mode) {
+  if (S_ISREG(mode)) return WalkEvent::Type::kRegular;
+  if (S_ISDIR(mode)) return WalkEvent::Type::kDirectory;
+  if (S_ISLNK(mode)) return WalkEvent::Type::kSymbolicLink;
+  return WalkEvent::Type::kOther;
+}
+
+std::string child_path(const std::string& parent, const std::string& name) {
+  std::string path;
+  path.reserve(parent.size() + 1 + name.size());
+  path.append(parent);
+  if (path.empty() || path.back() != '/') path.push_back('/');
+  path.append(name);
+  return path;
+}
+
+}  // namespace
+
+std::string without_trailing_slashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+TreeWalk::TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out)
+    : root_(without_trailing_slashes(std::move(root))), keep_out_(std::move(keep_out)) {}
+
+TreeWalk::~TreeWalk() {
+  for (Frame& frame : stack_) ::closedir(frame.dir);
+}
+
+bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
+  DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
+  if (dir == nullptr) {
+    event.kind = WalkEvent::Kind::kError;
+    event.error = errno;
+    event.path = std::move(path);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  Frame frame;
+  frame.dir = dir;
+  frame.path = std::move(path);
+  errno = 0;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    frame.entries.push_back(Entry{std::string(name), entry->d_type});
+  }
+  const int read_error = errno;
+  std::sort(frame.entries.begin(), frame.entries.end(),
+            [](const Entry& a, const Entry& b) { return a.name < b.name; });
+  stack_.push_back(std::move(frame));
+  if (read_error != 0) {
+    // What could be read is walked; the error is reported first.
+    event.kind = WalkEvent::Kind::kError;
+    event.error = read_error;
+    event.path = stack_.back().path;
+    return false;
+  }
+  return true;
+}
+
+bool TreeWalk::next(WalkEvent& event) {
+  if (!started_) {
+    started_ = true;
+    const int fd = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (!push(fd, root_, event)) return true;
+  }
+  if (descend_) {
+    descend_ = false;
+    Frame& parent = stack_.back();
+    const int fd = ::openat(::dirfd(parent.dir), descend_name_.c_str(),
+                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    std::string path = child_path(parent.path, descend_name_);
+    if (!push(fd, std::move(path), event)) return true;
+  }
+  while (!stack_.empty()) {
+    Frame& frame = stack_.back();
+    if (frame.index == frame.entries.size()) {
+      ::closedir(frame.dir);
+      stack_.pop_back();
+      continue;
+    }
+    Entry& entry = frame.entries[frame.index++];
+    event.path = child_path(frame.path, entry.name);
+    event.error = 0;
+    if (!krx::is_text(reinterpret_cast<const std::uint8_t*>(entry.name.data()),
+                      entry.name.size())) {
+      event.kind = WalkEvent::Kind::kError;
+      event.error = EILSEQ;
+      return true;
+    }
+    event.kind = WalkEvent::Kind::kItem;
+    event.type = type_of_dirent(entry.type);
+    if (event.type == WalkEvent::Type::kUnknown) {
+      struct stat st {};
+      if (::fstatat(::dirfd(frame.dir), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        event.type = type_of_mode(st.st_mode);
+      }
+    }
+    if (event.type == WalkEvent::Type::kDirectory && !(keep_out_ && keep_out_(event.path))) {
+      descend_ = true;
+      descend_name_ = std::move(entry.name);
+    }
+    return true;
+  }
+  return false;
+}
+
+}  // namespace vtl::manifest

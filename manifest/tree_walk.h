@@ -1,0 +1,80 @@
+// Deep enumeration of a directory tree, the platform's directory enumerator
+// for the manifest builder.
+//
+// Order: pre-order (a directory, then everything under it), the entries of
+// each directory in byte order of their names, so that a walk of the same
+// tree always meets items in the same order.
+// The walked directory itself is not among the items; it may be reached
+// through links, but nothing under it is followed: links are reported as
+// links, and every directory is entered through its parent's descriptor
+// without following a link, so that a directory swapped for a link during
+// the walk is not entered.
+// Each item comes with the type its directory listing gave (d_type; an
+// fstatat only where the file system does not give one), so classifying an
+// item costs no system call.
+// Errors do not stop the walk: a directory that cannot be opened or read is
+// reported as an error event and the walk goes on past it. A name that is not
+// UTF-8 cannot be recorded (a manifest holds only Unicode text): it is
+// reported as an error event (EILSEQ) and, for a directory, not entered.
+// Open descriptors: one per directory level being walked.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vtl::manifest {
+
+struct WalkEvent {
+  enum class Kind : std::uint8_t { kItem, kError };
+  enum class Type : std::uint8_t { kRegular, kDirectory, kSymbolicLink, kOther, kUnknown };
+  Kind kind = Kind::kItem;
+  Type type = Type::kUnknown;  // kItem: kUnknown when the type could not be read
+  int error = 0;               // kError: an errno value
+  std::string path;            // the item, or what could not be enumerated
+};
+
+class TreeWalk {
+ public:
+  // `keep_out(path)` is asked of each directory before it is entered; true
+  // means its entries are not walked (the directory itself was reported).
+  TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out);
+  ~TreeWalk();
+  TreeWalk(const TreeWalk&) = delete;
+  TreeWalk& operator=(const TreeWalk&) = delete;
+
+  // The next event, or false when the walk is over.
+  bool next(WalkEvent& event);
+
+ private:
+  struct Entry {
+    std::string name;
+    unsigned char type;
+  };
+  struct Frame {
+    DIR* dir = nullptr;
+    std::string path;
+    std::vector<Entry> entries;
+    std::size_t index = 0;
+  };
+
+  // Opens a directory and reads all its entries; an error event otherwise.
+  bool push(int fd, std::string path, WalkEvent& event);
+
+  std::string root_;
+  std::function<bool(const std::string&)> keep_out_;
+  std::vector<Frame> stack_;
+  bool started_ = false;
+  // The directory just reported, to be entered on the next call.
+  std::string descend_name_;
+  bool descend_ = false;
+};
+
+// `path` without trailing slashes ("/" stays "/").
+std::string without_trailing_slashes(std::string path);
+
+}  // namespace vtl::manifest

@@ -1,0 +1,421 @@
+// The manifest builder on temporary trees: what a walk records and skips, the
+// inclusive flag, relative paths (with the reuse of the previous key), progress
+// by bytes, enumeration errors, early ends, the parallel walk against the
+// one-at-a-time walk, and the written property list.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "manifest/VTLManifest.h"
+#include "platform/platform.h"
+#include "platform/protection_classes.h"
+#include "service/VTLProgressUpdater.h"
+#include "service/plist.h"
+#include "tests/support/capture.h"
+#include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
+
+namespace {
+
+using testsupport::make_dir;
+using testsupport::TempDir;
+using testsupport::write_file;
+using vtl::Dictionary;
+using vtl::Value;
+using vtl::VTLFileMetadata;
+using vtl::VTLManifest;
+
+constexpr const char* kCollect =
+    "-[VTLManifest enumerateAndCollectMetaData:relativeTo:skip:inclusive:handler:]";
+constexpr const char* kTotal = "-[VTLManifest calculateTotalFileSize:skipPaths:]";
+
+std::set<std::string> keys_of(const VTLManifest& m) {
+  const auto paths = m.pathSet();
+  return std::set<std::string>(paths.begin(), paths.end());
+}
+
+// Values equal, dates to the microsecond (what a property list keeps).
+bool same_to_the_microsecond(const Value& a, const Value& b) {
+  if (const vtl::Date* da = a.date()) {
+    const vtl::Date* db = b.date();
+    return db != nullptr && std::llabs((*da - *db).count()) <= 1000;
+  }
+  if (const Dictionary* da = a.dictionary()) {
+    const Dictionary* db = b.dictionary();
+    if (db == nullptr || da->size() != db->size()) return false;
+    for (const auto& [k, v] : *da) {
+      auto it = db->find(k);
+      if (it == db->end() || !same_to_the_microsecond(v, it->second)) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+class ManifestTest : public ::testing::Test {
+ protected:
+  ManifestTest() : platform_(device_.path()) {
+    // Only the accounts matter here.
+    write_file(device_.path() + "/etc/passwd",
+               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
+               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
+    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
+    platform::current().protection_classes = classes_.get();
+    make_dir(root_);
+  }
+
+  std::string at(const std::string& rel) const { return root_ + "/" + rel; }
+  bool logged(const std::string& line) const { return platform_.log.contains(line); }
+  std::vector<std::string> lines_starting(const std::string& prefix) const {
+    std::vector<std::string> out;
+    for (const std::string& l : platform_.log.lines()) {
+      if (l.starts_with(prefix)) out.push_back(l);
+    }
+    return out;
+  }
+
+  // Walks with a handler and returns (key, path) in the order the handler saw them.
+  std::vector<std::pair<std::string, std::string>> handled(const std::string& path,
+                                                           const std::string& base, bool inclusive,
+                                                           bool* result = nullptr) {
+    std::vector<std::pair<std::string, std::string>> seen;
+    VTLManifest m;
+    const bool ok = m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
+        path, base, {}, inclusive, [&](const VTLFileMetadata& r, const std::string& key) {
+          seen.emplace_back(key, *r.getFileType());
+          return true;
+        });
+    if (result != nullptr) *result = ok;
+    return seen;
+  }
+
+  TempDir device_;
+  testsupport::TestPlatform platform_;
+  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
+  std::string root_ = device_.path() + "/private/var/tree";
+};
+
+TEST_F(ManifestTest, RecordsEveryItemAndLeavesSpecialFilesAlone) {
+  write_file(at("a.txt"), "alpha");
+  write_file(at("b/c.txt"), "gamma");
+  testsupport::make_link("../a.txt", at("b/link"));
+  write_file(at(".hidden"), "");
+  testsupport::make_fifo(at("fifo"));
+  testsupport::make_socket(at("sock"));
+
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/.hidden", "/a.txt", "/b", "/b/c.txt", "/b/link"}));
+  EXPECT_TRUE(logged(at("fifo") + " is special file. Leave it along"));
+  EXPECT_TRUE(logged(at("sock") + " is special file. Leave it along"));
+  // Each entry is the item's record.
+  const Dictionary dict = m.dict();
+  for (const auto& [key, value] : dict) {
+    const auto record = VTLFileMetadata::fileMetadatatWithPath(root_ + key);
+    ASSERT_TRUE(record) << key;
+    EXPECT_EQ(value, Value(record->dict())) << key;
+    EXPECT_EQ(m.metadataForFile(key)->dict(), record->dict()) << key;
+  }
+  EXPECT_EQ(*m.metadataForFile("/b/link")->getTargetFile(), "../a.txt");
+  EXPECT_EQ(m.rootPath(), root_);
+}
+
+TEST_F(ManifestTest, InclusiveRecordsThePathItselfLast) {
+  write_file(at("x/y"), "1");
+  write_file(at("z"), "2");
+  bool ok = false;
+  EXPECT_EQ(handled(root_, root_, true, &ok),
+            (std::vector<std::pair<std::string, std::string>>{
+                {"/x", "Directory"}, {"/x/y", "Regular"}, {"/z", "Regular"}, {"/", "Directory"}}));
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(handled(root_, root_, false).size(), 3u);
+}
+
+TEST_F(ManifestTest, EmptyDirectory) {
+  VTLManifest plain;
+  EXPECT_TRUE(plain.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(plain.count(), 0u);
+  VTLManifest inclusive;
+  EXPECT_TRUE(inclusive.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
+  EXPECT_EQ(keys_of(inclusive), std::set<std::string>{"/"});
+}
+
+TEST_F(ManifestTest, OneAddPerManifest) {
+  write_file(at("a"), "1");
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  write_file(at("b"), "2");
+  EXPECT_FALSE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(m), std::set<std::string>{"/a"});
+  // A manifest made from a dictionary has had no add yet.
+  VTLManifest copy(m.dict());
+  EXPECT_FALSE(copy.rootPath());
+  EXPECT_TRUE(copy.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(copy), (std::set<std::string>{"/a", "/b"}));
+}
+
+TEST(FolderContains, PrefixRules) {
+  struct Case {
+    std::vector<std::string> folders;
+    std::string path;
+    bool expected;
+  };
+  const Case cases[] = {
+      {{"/a"}, "/a", true},
+      {{"/a"}, "/a/b", true},
+      {{"/a"}, "/a/b/c", true},
+      {{"/a"}, "/ab", false},
+      {{"/a"}, "/b/a", false},
+      {{"/a/"}, "/a/b", true},
+      {{"/a/"}, "/a", false},
+      {{"/a"}, "/a//b", false},
+      {{""}, "/a", false},
+      {{"/x", "/a"}, "/a/b", true},
+      {{}, "/a", false},
+      {{"/private/var/mobile/Containers"}, "/private/var/mobile/Containers/Data", true},
+      {{"/private/var/mobile/Containers"}, "/private/var/mobile/ContainersX", false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(VTLManifest::folder_contains(c.folders, c.path), c.expected) << c.path;
+  }
+}
+
+TEST_F(ManifestTest, SkippedFoldersAndWhatIsBeneathThem) {
+  write_file(at("a/b"), "1");
+  write_file(at("a/deep/er"), "2");
+  write_file(at("ab/c"), "3");
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {at("a")}, false));
+  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/ab", "/ab/c"}));
+}
+
+TEST_F(ManifestTest, RelativePathsCutEveryOccurrenceOfTheBase) {
+  // "/w" occurs further in than position 0: what follows its first
+  // occurrence is kept, with every later occurrence removed.
+  write_file(at("w/a/w/b"), "1");
+  write_file(at("w/a/wx"), "2");
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(at("w"), "/w", {}, false));
+  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/a", "/a/b", "/ax"}));
+}
+
+TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
+  write_file(at("a"), "1");
+  write_file(at("b"), "2");
+  make_dir(at("c"));
+  // The base occurs in no path: the first item has no previous key and
+  // becomes "/", and every later one reuses it, the last one winning.
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, "/elsewhere", {}, false));
+  EXPECT_EQ(keys_of(m), std::set<std::string>{"/"});
+  EXPECT_EQ(*m.metadataForFile("/")->getFileType(), "Directory");
+
+  // A base with a trailing "/" gives keys without a leading one, and the path
+  // itself (which lacks that "/") takes the key of the item before it.
+  const auto seen = handled(root_, root_ + "/", true);
+  EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{
+                      {"a", "Regular"}, {"b", "Regular"}, {"c", "Directory"}, {"c", "Directory"}}));
+}
+
+TEST_F(ManifestTest, ProgressIsByBytesInWalkOrder) {
+  for (const char* name : {"f1", "f2", "f3", "f4"}) write_file(at(name), std::string(100, 'x'));
+  VTLManifest m;
+  m.setProgressUpdater(&vtl::VTLProgressUpdater::sharedInstance());
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_TRUE(logged("Initializing percent with total 400"));
+  EXPECT_EQ(
+      lines_starting("Percentage increased to "),
+      (std::vector<std::string>{"Percentage increased to 25", "Percentage increased to 50",
+                                "Percentage increased to 75", "Percentage increased to 100"}));
+
+  platform_.log.clear();
+  VTLManifest quiet;
+  ASSERT_TRUE(quiet.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_TRUE(lines_starting("Initializing percent").empty());
+  EXPECT_TRUE(lines_starting("Percentage").empty());
+}
+
+TEST_F(ManifestTest, TotalCountsRegularFilesOutsideTheSkipList) {
+  write_file(at("a"), std::string(10, 'x'));
+  write_file(at("d/b"), std::string(20, 'x'));
+  write_file(at("skipped/c"), std::string(1000, 'x'));
+  testsupport::make_link("a", at("link"));
+  testsupport::make_fifo(at("fifo"));
+  EXPECT_EQ(VTLManifest::calculateTotalFileSize_skipPaths(root_, {at("skipped")}), 30u);
+  EXPECT_EQ(VTLManifest::calculateTotalFileSize_skipPaths(at("missing"), {}), 0u);
+  EXPECT_EQ(VTLManifest::fileSizeToAdjustPercentage(at("link")), 1u);
+  EXPECT_EQ(VTLManifest::fileSizeToAdjustPercentage(at("missing")), 0u);
+}
+
+TEST_F(ManifestTest, AVanishedFileEndsTheWalkWithTheEarlierRecordsKept) {
+  for (const char* name : {"a", "b", "c", "d", "e", "f"}) write_file(at(name), name);
+  VTLManifest m;
+  m.set_before_record_for_testing([&](const std::string& path) {
+    if (path == at("d")) std::filesystem::remove(path);
+  });
+  EXPECT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/a", "/b", "/c"}));
+  const auto tail = platform_.log.lines();
+  ASSERT_GE(tail.size(), 3u);
+  EXPECT_EQ(
+      std::vector<std::string>(tail.end() - 3, tail.end()),
+      (std::vector<std::string>{
+          "Get file attributes failed for " + at("d") + " with error - No such file or directory",
+          "Cannot get file attribute for " + at("d"), "Couldn't get meta data for " + at("d")}));
+}
+
+TEST_F(ManifestTest, AHandlerMayRemoveTheNextItem) {
+  for (const char* name : {"a", "b", "c", "d"}) write_file(at(name), name);
+  VTLManifest m;
+  std::vector<std::string> seen;
+  EXPECT_TRUE(m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
+      root_, root_, {}, false, [&](const VTLFileMetadata&, const std::string& key) {
+        seen.push_back(key);
+        if (key == "/b") std::filesystem::remove(at("c"));
+        return true;
+      }));
+  EXPECT_EQ(seen, (std::vector<std::string>{"/a", "/b"}));
+  EXPECT_TRUE(logged("Couldn't get meta data for " + at("c")));
+}
+
+TEST_F(ManifestTest, AHandlerRefusalFailsTheWalk) {
+  for (const char* name : {"a", "b", "c"}) write_file(at(name), name);
+  VTLManifest m;
+  int calls = 0;
+  EXPECT_FALSE(m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
+      root_, root_, {}, false, [&](const VTLFileMetadata&, const std::string& key) {
+        ++calls;
+        return key != "/b";
+      }));
+  EXPECT_EQ(calls, 2);
+  EXPECT_TRUE(logged("Couldn't run handler against " + at("b")));
+}
+
+TEST_F(ManifestTest, UnreadableDirectoriesAreReportedAndPassed) {
+  write_file(at("locked/inside"), "x");
+  write_file(at("open/file"), "y");
+  ASSERT_EQ(::chmod(at("locked").c_str(), 0), 0);
+  ASSERT_EQ(::chown(at("locked").c_str(), 4242, 4242), 0);
+  VTLManifest m;
+  bool ok = false;
+  {
+    testsupport::WithoutFileOverride as_anyone;
+    ok = m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false);
+  }
+  EXPECT_TRUE(ok);
+  const auto keys = keys_of(m);
+  EXPECT_TRUE(keys.contains("/locked"));
+  EXPECT_FALSE(keys.contains("/locked/inside"));
+  EXPECT_TRUE(keys.contains("/open/file"));
+  const std::string url = "file://" + at("locked");
+  for (const char* routine : {kTotal, kCollect}) {
+    EXPECT_TRUE(logged(std::string(routine) + ": Could not enumerate " + at("locked") +
+                       ", url=" + url + ", error=Permission denied"))
+        << routine;
+  }
+}
+
+TEST_F(ManifestTest, NamesThatAreNotUtf8AreReportedNotRecorded) {
+  write_file(at("caf\xe9"), "latin-1");
+  write_file(at("ok"), "fine");
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(m), std::set<std::string>{"/ok"});
+  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
+                     ", url=file://" + at("caf%E9") +
+                     ", error=Invalid or incomplete multibyte or wide character"));
+}
+
+TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {
+  std::mt19937 random(7);
+  for (int d = 0; d < 20; ++d) {
+    for (int f = 0; f < 60; ++f) {
+      const std::string path = at("d" + std::to_string(d) + "/f" + std::to_string(f));
+      const std::size_t size = (random() % 20 == 0) ? random() % 600000 : random() % 3000;
+      write_file(path, std::string(size, static_cast<char>('a' + random() % 26)));
+      if (random() % 5 == 0) testsupport::set_xattr(path, "user.n", std::to_string(random()));
+      if (random() % 7 == 0) {
+        ASSERT_EQ(classes_->set(path, "D"), 0);
+      }
+      if (random() % 9 == 0) testsupport::make_link("f" + std::to_string(f), path + ".l");
+    }
+  }
+  VTLManifest parallel;
+  ASSERT_TRUE(parallel.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
+  Dictionary sequential;
+  VTLManifest one_at_a_time;
+  ASSERT_TRUE(one_at_a_time.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
+      root_, root_, {}, true, [&](const VTLFileMetadata& r, const std::string& key) {
+        sequential.insert_or_assign(key, Value(r.dict()));
+        return true;
+      }));
+  EXPECT_GT(sequential.size(), 1220u);
+  EXPECT_TRUE(parallel.dict() == sequential);
+}
+
+TEST_F(ManifestTest, ManifestsFromDictionaries) {
+  VTLManifest fresh;
+  EXPECT_TRUE(fresh.pathSet().empty());
+  EXPECT_FALSE(fresh.metadataForFile("/x"));
+
+  const Dictionary given = {
+      {"/file", Value(Dictionary{{"VTLManifestFileHash", Value(vtl::Data{1})}})},
+      {"/odd", Value("not a record")}};
+  VTLManifest m(given);
+  EXPECT_EQ(m.dict(), given);
+  EXPECT_FALSE(m.metadataForFile("/odd"));
+  EXPECT_FALSE(m.metadataForFile("/unknown"));
+  EXPECT_EQ(*m.metadataForFile("/file")->getHash(), vtl::Data{1});
+
+  m.setMetadata_forFile(VTLFileMetadata(Dictionary{{"k", Value(2)}}), "/file");
+  m.setMetadata_forFile(VTLFileMetadata(Dictionary{}), "/new");
+  EXPECT_EQ(m.dict().at("/file"), Value(Dictionary{{"k", Value(2)}}));
+  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/file", "/new", "/odd"}));
+}
+
+TEST_F(ManifestTest, WrittenPropertyListHoldsTheDictionary) {
+  write_file(at("a"), "1");
+  testsupport::set_xattr(at("a"), "user.\xc3\xa9t\xc3\xa9", std::string("\0\1", 2));
+  write_file(at("\xe2\x9c\x93 unicode/\xf0\x9f\x98\x80"), "2");
+  testsupport::make_link("\xf0\x9f\x98\x80", at("emoji-link"));
+  ASSERT_EQ(classes_->set(at("a"), "None"), 0);
+  VTLManifest m;
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
+  const std::string out = device_.path() + "/manifest.plist";
+  write_file(out, "an older manifest");
+  ASSERT_EQ(m.writeBinaryPropertyListToFile(out), 0);
+  EXPECT_EQ(testsupport::lstat_of(out).st_mode & 07777, 0644u);
+  const std::optional<Value> read = vtl::read_plist_file(out);
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(same_to_the_microsecond(*read, Value(m.dict())));
+  // Nothing but the file is left in the directory.
+  int entries = 0;
+  for (const auto& e : std::filesystem::directory_iterator(device_.path())) {
+    entries += e.path().filename().string().starts_with(".manifest.plist") ? 1 : 0;
+  }
+  EXPECT_EQ(entries, 0);
+  // A file that cannot be written is reported, and nothing is left behind.
+  EXPECT_EQ(m.writeBinaryPropertyListToFile(device_.path() + "/no/such/dir/m.plist"), ENOENT);
+}
+
+TEST_F(ManifestTest, ImmediateHiddenFiles) {
+  write_file(at(".a"), "");
+  make_dir(at(".b"));
+  write_file(at(".b/.c"), "");
+  write_file(at("d"), "");
+  EXPECT_EQ(VTLManifest::immediateHiddenFilesUnderPath(root_),
+            (std::vector<std::string>{at(".a"), at(".b")}));
+  EXPECT_EQ(VTLManifest::immediateHiddenFilesUnderPath(root_ + "/"),
+            (std::vector<std::string>{at(".a"), at(".b")}));
+  EXPECT_TRUE(VTLManifest::immediateHiddenFilesUnderPath(at("missing")).empty());
+}
+
+}  // namespace

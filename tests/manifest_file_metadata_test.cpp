@@ -1,0 +1,689 @@
+// File metadata records on a temporary device: what a record holds of each
+// kind of item, its attribute vocabulary, extended attributes read without
+// following links, hashing (and what hashing leaves in the page cache), the
+// comparison rules, and restoring attributes onto staged copies.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "manifest/VTLFileMetadata.h"
+#include "manifest/attribute_keys.h"
+#include "manifest/file_hash.h"
+#include "platform/platform.h"
+#include "platform/protection_classes.h"
+#include "tests/support/capture.h"
+#include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
+
+namespace {
+
+namespace keys = vtl::keys;
+using testsupport::bytes;
+using testsupport::make_dir;
+using testsupport::sha1;
+using testsupport::TempDir;
+using testsupport::write_file;
+using vtl::Data;
+using vtl::Dictionary;
+using vtl::Value;
+using vtl::VTLFileMetadata;
+
+class FileMetadataTest : public ::testing::Test {
+ protected:
+  FileMetadataTest() : platform_(device_.path()) {
+    // Only the accounts matter here.
+    write_file(device_.path() + "/etc/passwd",
+               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
+               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
+    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
+    platform::current().protection_classes = classes_.get();
+    make_dir(dir_);
+  }
+
+  std::string at(const std::string& rel) const { return dir_ + "/" + rel; }
+
+  static const Value* attribute(const VTLFileMetadata& r, std::string_view key) {
+    const Dictionary* a = r.getFileAttributes();
+    if (a == nullptr) return nullptr;
+    auto it = a->find(key);
+    return it == a->end() ? nullptr : &it->second;
+  }
+
+  static VTLFileMetadata record_of(const std::string& path) {
+    std::optional<VTLFileMetadata> r = VTLFileMetadata::fileMetadatatWithPath(path);
+    if (!r) throw std::runtime_error("no record for " + path);
+    return std::move(*r);
+  }
+
+  bool logged(const std::string& line) const { return platform_.log.contains(line); }
+
+  TempDir device_;
+  testsupport::TestPlatform platform_;
+  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
+  std::string dir_ = device_.path() + "/private/var/t";
+};
+
+// --- What a record holds of each kind of item ----------------------------------
+
+TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
+  write_file(at("file"), "abc");
+  write_file(at("empty"), "");
+  make_dir(at("dir"));
+  testsupport::make_link("file", at("link"));
+  testsupport::make_link("nowhere/at/all", at("dangling"));
+  testsupport::make_fifo(at("fifo"));
+
+  struct Case {
+    std::string name;
+    std::string type;
+    Data hash;
+    std::string target;
+  };
+  const Case cases[] = {
+      {"file", "Regular", sha1("abc"), ""},
+      // The digest of nothing, not empty bytes.
+      {"empty", "Regular", sha1(""), ""},
+      {"dir", "Directory", {}, ""},
+      {"link", "SymbolicLink", {}, "file"},
+      {"dangling", "SymbolicLink", {}, "nowhere/at/all"},
+      // Never read: a FIFO's "contents" would block or lie.
+      {"fifo", "FIFO", {}, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const VTLFileMetadata r = record_of(at(c.name));
+    EXPECT_EQ(r.dict().size(), 4u);
+    ASSERT_NE(r.getFileType(), nullptr);
+    EXPECT_EQ(*r.getFileType(), c.type);
+    ASSERT_NE(r.getHash(), nullptr);
+    EXPECT_EQ(*r.getHash(), c.hash);
+    ASSERT_NE(r.getTargetFile(), nullptr);
+    EXPECT_EQ(*r.getTargetFile(), c.target);
+    ASSERT_NE(r.getExtendedAttributes(), nullptr);
+    EXPECT_TRUE(r.getExtendedAttributes()->empty());
+  }
+  EXPECT_EQ(*record_of(at("empty")).getHash(),
+            bytes(std::string("\xda\x39\xa3\xee\x5e\x6b\x4b\x0d\x32\x55\xbf\xef\x95\x60\x18\x90"
+                              "\xaf\xd8\x07\x09",
+                              20)));
+  EXPECT_TRUE(logged("Cannot read file " + at("fifo")));
+  EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
+}
+
+TEST_F(FileMetadataTest, SizeIsReportedForRegularFilesOnly) {
+  write_file(at("file"), std::string(1234, 'x'));
+  make_dir(at("dir"));
+  testsupport::make_link("file", at("link"));
+  EXPECT_EQ(record_of(at("file")).getFileSize(), 1234u);
+  EXPECT_EQ(record_of(at("dir")).getFileSize(), 0u);
+  EXPECT_EQ(record_of(at("link")).getFileSize(), 0u);
+  // The attribute itself is there for every item: a link's is its target's length.
+  EXPECT_EQ(*attribute(record_of(at("link")), keys::kFileSize)->integer(), 4);
+}
+
+TEST_F(FileMetadataTest, NoRecordForNothing) {
+  EXPECT_FALSE(VTLFileMetadata::fileMetadatatWithPath(at("missing")).has_value());
+  EXPECT_TRUE(logged("Cannot get file attribute for " + at("missing")));
+  EXPECT_TRUE(logged("Get file attributes failed for " + at("missing") +
+                     " with error - No such file or directory"));
+}
+
+// --- The attribute vocabulary ------------------------------------------------
+
+TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {
+  const std::string path = at("file");
+  write_file(path, "0123456789");
+  ASSERT_EQ(::link(path.c_str(), at("second-name").c_str()), 0);
+  ASSERT_EQ(::chown(path.c_str(), 501, 501), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 04751), 0);
+  const timespec times[2] = {{0, UTIME_OMIT}, {1700000000, 123456789}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  ASSERT_EQ(classes_->set(path, "C"), 0);
+
+  const VTLFileMetadata r = record_of(path);
+  const struct stat st = testsupport::lstat_of(path);
+  const Dictionary& a = *r.getFileAttributes();
+  EXPECT_EQ(a.at("FileType"), Value("Regular"));
+  EXPECT_EQ(a.at("FileSize"), Value(10));
+  EXPECT_EQ(a.at("OwnerAccountID"), Value(501));
+  EXPECT_EQ(a.at("GroupOwnerAccountID"), Value(501));
+  EXPECT_EQ(a.at("OwnerAccountName"), Value("mobile"));
+  EXPECT_EQ(a.at("GroupOwnerAccountName"), Value("mobile"));
+  EXPECT_EQ(a.at("PosixPermissions"), Value(04751));
+  EXPECT_EQ(a.at("ProtectionClass"), Value("C"));
+  EXPECT_EQ(a.at("ModificationDate"), Value(vtl::Date(std::chrono::seconds(1700000000) +
+                                                      std::chrono::nanoseconds(123456789))));
+  EXPECT_EQ(a.at("ReferenceCount"), Value(2));
+  EXPECT_EQ(a.at("SystemNumber"), Value(static_cast<std::int64_t>(st.st_dev)));
+  EXPECT_EQ(a.at("SystemFileNumber"), Value(static_cast<std::int64_t>(st.st_ino)));
+
+  // Where the file system keeps a birth time and inode flags, they are there.
+  struct statx stx {};
+  ASSERT_EQ(::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx), 0);
+  EXPECT_EQ(a.contains("CreationDate"), (stx.stx_mask & STATX_BTIME) != 0);
+  if ((stx.stx_mask & STATX_BTIME) != 0) {
+    EXPECT_EQ(a.at("CreationDate"),
+              Value(vtl::Date(std::chrono::seconds(stx.stx_btime.tv_sec) +
+                              std::chrono::nanoseconds(stx.stx_btime.tv_nsec))));
+  }
+  EXPECT_EQ(a.contains("Immutable"), (stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0);
+  if (a.contains("Immutable")) {
+    EXPECT_EQ(a.at("Immutable"), Value(false));
+  }
+  if (a.contains("AppendOnly")) {
+    EXPECT_EQ(a.at("AppendOnly"), Value(false));
+  }
+  // Nothing is made up for what Linux does not have.
+  for (const char* absent : {"Busy", "ExtensionHidden", "CreatorCode", "TypeCode"}) {
+    EXPECT_FALSE(a.contains(absent)) << absent;
+  }
+  // The class-operation form gives the same dictionary.
+  EXPECT_EQ(VTLFileMetadata::fileAttributesWithPath(path), a);
+}
+
+TEST_F(FileMetadataTest, AccountNamesAreAbsentForUnknownIdsAndClassForUnclassedItems) {
+  write_file(at("file"), "x");
+  ASSERT_EQ(::chown(at("file").c_str(), 4242, 4343), 0);
+  const VTLFileMetadata r = record_of(at("file"));
+  EXPECT_EQ(*attribute(r, "OwnerAccountID"), Value(4242));
+  EXPECT_EQ(attribute(r, "OwnerAccountName"), nullptr);
+  EXPECT_EQ(attribute(r, "GroupOwnerAccountName"), nullptr);
+  EXPECT_EQ(attribute(r, "ProtectionClass"), nullptr);
+}
+
+TEST_F(FileMetadataTest, LinkAttributesAreTheLinksOwn) {
+  write_file(at("target"), "secret contents");
+  ASSERT_EQ(::chmod(at("target").c_str(), 0600), 0);
+  testsupport::set_xattr(at("target"), "user.of-target", "t");
+  ASSERT_EQ(classes_->set(at("target"), "A"), 0);
+  testsupport::make_link("target", at("link"));
+  ASSERT_EQ(::lchown(at("link").c_str(), 501, 501), 0);
+  testsupport::set_xattr(at("link"), "trusted.of-link", "l");
+
+  const VTLFileMetadata r = record_of(at("link"));
+  EXPECT_EQ(*r.getFileType(), "SymbolicLink");
+  EXPECT_EQ(*attribute(r, "PosixPermissions"), Value(0777));
+  EXPECT_EQ(*attribute(r, "OwnerAccountID"), Value(501));
+  EXPECT_EQ(attribute(r, "ProtectionClass"), nullptr);
+  EXPECT_EQ(*r.getExtendedAttributes(), (Dictionary{{"trusted.of-link", Value(bytes("l"))}}));
+  EXPECT_EQ(*r.getHash(), Data{});
+}
+
+// --- Extended attributes -------------------------------------------------------
+
+TEST_F(FileMetadataTest, ExtendedAttributesAreRecordedWithTheirBytes) {
+  const std::string path = at("file");
+  write_file(path, "x");
+  const std::string binary("\x00\x01\xff\x00z", 5);
+  testsupport::set_xattr(path, "user.binary", binary);
+  testsupport::set_xattr(path, "user.empty", "");
+  testsupport::set_xattr(path, "trusted.root-only", "r");
+
+  const Dictionary expected = {{"user.binary", Value(bytes(binary))},
+                               {"user.empty", Value(Data{})},
+                               {"trusted.root-only", Value(bytes("r"))}};
+  EXPECT_EQ(*record_of(path).getExtendedAttributes(), expected);
+  EXPECT_EQ(VTLFileMetadata::extendedAttributesWithPath(path), expected);
+  EXPECT_EQ(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.binary", path),
+            bytes(binary));
+  std::optional<std::vector<std::string>> names =
+      VTLFileMetadata::extendedAttributeKeysWithPath(path);
+  ASSERT_TRUE(names);
+  std::sort(names->begin(), names->end());
+  EXPECT_EQ(*names, (std::vector<std::string>{"trusted.root-only", "user.binary", "user.empty"}));
+}
+
+TEST_F(FileMetadataTest, LargeNamesAndValuesAreReadWhole) {
+  // Beyond the first read's 4 KiB, in names and in a value. ext4 keeps at
+  // most a block of attributes per inode; tmpfs keeps more.
+  char pattern[] = "/dev/shm/vtld-test-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) GTEST_SKIP() << "no /dev/shm";
+  struct Cleanup {
+    std::string dir;
+    ~Cleanup() { std::filesystem::remove_all(dir); }
+  } cleanup{pattern};
+  const std::string path = cleanup.dir + "/file";
+  write_file(path, "x");
+  const std::string big(10000, 'q');
+  if (::lsetxattr(path.c_str(), "user.big", big.data(), big.size(), 0) != 0) {
+    GTEST_SKIP() << "no large extended attributes here";
+  }
+  Dictionary expected = {{"user.big", Value(bytes(big))}};
+  for (int i = 0; i < 40; ++i) {
+    const std::string name =
+        "user." + std::string(200, static_cast<char>('a' + i % 26)) + std::to_string(i);
+    testsupport::set_xattr(path, name, std::to_string(i));
+    expected.emplace(name, Value(bytes(std::to_string(i))));
+  }
+  EXPECT_EQ(*record_of(path).getExtendedAttributes(), expected);
+  EXPECT_EQ(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.big", path), bytes(big));
+}
+
+TEST_F(FileMetadataTest, ProtectionClassIsKeptButNeverListedAsAnExtendedAttribute) {
+  const std::string path = at("file");
+  write_file(path, "x");
+  for (const char* c : {"None", "A", "B", "C", "D"}) {
+    ASSERT_EQ(classes_->set(path, c), 0);
+    const VTLFileMetadata r = record_of(path);
+    EXPECT_EQ(*attribute(r, "ProtectionClass"), Value(c));
+    EXPECT_TRUE(r.getExtendedAttributes()->empty());
+    EXPECT_EQ(VTLFileMetadata::extendedAttributeKeysWithPath(path), std::vector<std::string>{});
+  }
+  EXPECT_EQ(classes_->set(path, "E"), EINVAL);
+  // A value that is not a class name (put there by hand) is no class.
+  testsupport::set_xattr(path, "trusted.com.tessal.protection-class", "bogus");
+  EXPECT_EQ(attribute(record_of(path), "ProtectionClass"), nullptr);
+}
+
+TEST_F(FileMetadataTest, MissingValuesAndNamesAreReported) {
+  EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.none", at("x")));
+  EXPECT_TRUE(
+      logged("Could not extract extended file attributes from " + at("x") + ", returned -1"));
+  EXPECT_FALSE(VTLFileMetadata::extendedAttributeKeysWithPath(at("x")));
+  EXPECT_TRUE(logged("Could not extract extended attributes from " + at("x") + "."));
+  EXPECT_FALSE(VTLFileMetadata::extendedAttributesWithPath(at("x")));
+  EXPECT_TRUE(logged("Could not get attribute keys from file " + at("x")));
+  EXPECT_FALSE(VTLFileMetadata::targetFileWithPath(at("x")));
+  EXPECT_TRUE(logged("Could not get destination of symbolic link " + at("x") +
+                     " with error - No such file or directory"));
+}
+
+TEST_F(FileMetadataTest, LinkWithUnreadableTargetHasNoTargetEntry) {
+  // A target that is not UTF-8 cannot be recorded: the record ends before it.
+  testsupport::make_link("caf\xe9", at("latin1"));
+  const VTLFileMetadata r = record_of(at("latin1"));
+  EXPECT_EQ(r.dict().size(), 3u);
+  EXPECT_EQ(r.getTargetFile(), nullptr);
+  ASSERT_NE(r.getHash(), nullptr);
+  EXPECT_TRUE(logged("Could not get destination of symbolic link " + at("latin1") +
+                     " with error - Invalid or incomplete multibyte or wide character"));
+}
+
+// --- Hashing ---------------------------------------------------------------------
+
+TEST_F(FileMetadataTest, HashOfFilesAcrossChunkBoundaries) {
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, vtl::manifest::kHashChunkSize - 1,
+                           vtl::manifest::kHashChunkSize, vtl::manifest::kHashChunkSize + 1,
+                           3 * vtl::manifest::kHashChunkSize + 17}) {
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) content[i] = static_cast<char>((i * 31) ^ (i >> 9));
+    write_file(at("f"), content);
+    EXPECT_EQ(VTLFileMetadata::fileHashWithPath(at("f")), sha1(content)) << size;
+  }
+}
+
+TEST_F(FileMetadataTest, HashWithPathRules) {
+  make_dir(at("dir"));
+  testsupport::make_link("dir", at("to-dir"));
+  EXPECT_EQ(VTLFileMetadata::fileHashWithPath(at("dir")), Data{});
+  EXPECT_EQ(VTLFileMetadata::fileHashWithPath(at("to-dir")), Data{});  // followed here
+  EXPECT_FALSE(VTLFileMetadata::fileHashWithPath(at("missing")));
+  EXPECT_TRUE(logged("File does not exist at " + at("missing")));
+  EXPECT_FALSE(vtl::manifest::directoryHash(at("dir")));
+}
+
+TEST_F(FileMetadataTest, UnreadableFileGetsEmptyHashNotAFailure) {
+  write_file(at("locked"), "private");
+  ASSERT_EQ(::chmod(at("locked").c_str(), 0), 0);
+  ASSERT_EQ(::chown(at("locked").c_str(), 4242, 4242), 0);
+  std::optional<VTLFileMetadata> r;
+  {
+    testsupport::WithoutFileOverride as_anyone;
+    r = VTLFileMetadata::fileMetadatatWithPath(at("locked"));
+  }
+  ASSERT_TRUE(r);
+  EXPECT_EQ(*r->getHash(), Data{});
+  EXPECT_EQ(*r->getTargetFile(), "");
+  EXPECT_TRUE(logged("Cannot read file " + at("locked")));
+  EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("locked") + ")?"));
+}
+
+// Pages of a file that hashing brought into the page cache, counted with mincore.
+std::size_t resident_pages(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  ::fstat(fd, &st);
+  const auto size = static_cast<std::size_t>(st.st_size);
+  void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+  ::close(fd);
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  std::vector<unsigned char> vec((size + page - 1) / page);
+  ::mincore(map, size, vec.data());
+  ::munmap(map, size);
+  return static_cast<std::size_t>(
+      std::count_if(vec.begin(), vec.end(), [](unsigned char v) { return (v & 1) != 0; }));
+}
+
+TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
+  const std::string path = at("big");
+  write_file(path, std::string(8 << 20, 'c'));
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::fdatasync(fd), 0);
+  ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
+  ::close(fd);
+  const std::size_t total_pages =
+      (std::size_t{8} << 20) / static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  ASSERT_LT(resident_pages(path), total_pages / 8) << "the file did not leave the cache";
+
+  // Cold: what the hasher read is dropped again.
+  EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(std::string(8 << 20, 'c')));
+  EXPECT_LT(resident_pages(path), total_pages / 8);
+
+  // Warm: what was cached before stays cached.
+  testsupport::read_file(path);
+  ASSERT_EQ(resident_pages(path), total_pages);
+  EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(std::string(8 << 20, 'c')));
+  EXPECT_EQ(resident_pages(path), total_pages);
+}
+
+// --- Records from dictionaries, and truncated ones --------------------------------
+
+TEST_F(FileMetadataTest, GettersOfTruncatedAndMistypedRecords) {
+  const VTLFileMetadata only_attributes(
+      Dictionary{{"VTLManifestFileAttributes",
+                  Value(Dictionary{{"FileType", Value("Regular")}, {"FileSize", Value(7)}})}});
+  EXPECT_EQ(only_attributes.getHash(), nullptr);
+  EXPECT_EQ(only_attributes.getTargetFile(), nullptr);
+  EXPECT_EQ(only_attributes.getExtendedAttributes(), nullptr);
+  EXPECT_EQ(only_attributes.getFileSize(), 7u);
+
+  const VTLFileMetadata mistyped(Dictionary{{"VTLManifestFileAttributes", Value("not a dict")},
+                                            {"VTLManifestFileHash", Value("not data")},
+                                            {"VTLManifestSymbolicLinkTargetFile", Value(3)}});
+  EXPECT_EQ(mistyped.getFileAttributes(), nullptr);
+  EXPECT_EQ(mistyped.getFileType(), nullptr);
+  EXPECT_EQ(mistyped.getHash(), nullptr);
+  EXPECT_EQ(mistyped.getTargetFile(), nullptr);
+  EXPECT_EQ(mistyped.getFileSize(), 0u);
+  // Kept exactly as given.
+  EXPECT_EQ(mistyped.dict().at("VTLManifestFileHash"), Value("not data"));
+}
+
+// --- compareWith ----------------------------------------------------------------------
+
+Dictionary file_record(Dictionary attributes_override = {}, Dictionary xattrs = {},
+                       Data hash = bytes("h1"), std::string target = "") {
+  Dictionary attributes = {{"FileType", Value("Regular")},
+                           {"OwnerAccountID", Value(501)},
+                           {"GroupOwnerAccountID", Value(501)},
+                           {"PosixPermissions", Value(0644)},
+                           {"FileSize", Value(3)},
+                           {"ProtectionClass", Value("C")}};
+  for (auto& [k, v] : attributes_override) attributes.insert_or_assign(k, v);
+  return {{"VTLManifestFileAttributes", Value(attributes)},
+          {"VTLManifestFileExtendedAttributes", Value(xattrs)},
+          {"VTLManifestFileHash", Value(hash)},
+          {"VTLManifestSymbolicLinkTargetFile", Value(target)}};
+}
+
+Dictionary without(Dictionary d, const std::string& key) {
+  d.erase(key);
+  return d;
+}
+
+Dictionary without_attribute(Dictionary d, const std::string& key) {
+  d.at("VTLManifestFileAttributes").dictionary()->erase(key);
+  return d;
+}
+
+TEST(CompareWith, FirstDifferenceInOrder) {
+  const Dictionary base = file_record();
+  const Dictionary link = file_record({{"FileType", Value("SymbolicLink")}}, {}, {}, "a");
+  const Dictionary dir = file_record({{"FileType", Value("Directory")}}, {}, bytes("d1"));
+  struct Case {
+    const char* name;
+    Dictionary mine;
+    std::optional<Dictionary> theirs;
+    int expected;
+  };
+  const Case cases[] = {
+      {"other absent", base, std::nullopt, 0},
+      {"same", base, base, 6},
+      {"types differ", base, dir, 1},
+      {"my type missing", without_attribute(base, "FileType"), base, 1},
+      {"their type missing", base, without_attribute(base, "FileType"), 1},
+      {"hash differs", base, file_record({}, {}, bytes("h2")), 2},
+      {"my hash missing", without(base, "VTLManifestFileHash"), base, 2},
+      {"directory hashes are not compared", dir,
+       file_record({{"FileType", Value("Directory")}}, {}, bytes("d2")), 6},
+      {"link target differs", link, file_record({{"FileType", Value("SymbolicLink")}}, {}, {}, "b"),
+       3},
+      {"link hashes are not compared", link,
+       file_record({{"FileType", Value("SymbolicLink")}}, {}, bytes("zz"), "a"), 6},
+      {"owner differs", base, file_record({{"OwnerAccountID", Value(0)}}), 4},
+      {"group differs", base, file_record({{"GroupOwnerAccountID", Value(0)}}), 4},
+      {"permissions differ", base, file_record({{"PosixPermissions", Value(0600)}}), 4},
+      {"their permissions missing", base, without_attribute(base, "PosixPermissions"), 4},
+      {"permissions of another type", base, file_record({{"PosixPermissions", Value("420")}}), 4},
+      {"owner before xattrs", base,
+       file_record({{"OwnerAccountID", Value(0)}}, {{"user.a", Value(bytes("1"))}}), 4},
+      {"only class, dates, size and names differ", base,
+       file_record({{"ProtectionClass", Value("None")},
+                    {"ModificationDate", Value(vtl::Date{})},
+                    {"FileSize", Value(99)},
+                    {"OwnerAccountName", Value("someone")}}),
+       6},
+      {"their class None, mine C", base, file_record({{"ProtectionClass", Value("None")}}), 6},
+      {"xattr value differs", file_record({}, {{"user.a", Value(bytes("1"))}}),
+       file_record({}, {{"user.a", Value(bytes("2"))}}), 5},
+      {"xattr count differs", file_record({}, {{"user.a", Value(bytes("1"))}}),
+       file_record({}, {{"user.a", Value(bytes("1"))}, {"user.b", Value(bytes("1"))}}), 5},
+      {"xattr name differs", file_record({}, {{"user.a", Value(bytes("1"))}}),
+       file_record({}, {{"user.b", Value(bytes("1"))}}), 5},
+      {"I have none, they have some", without(base, "VTLManifestFileExtendedAttributes"), base, 5},
+      {"neither has any", without(base, "VTLManifestFileExtendedAttributes"),
+       without(base, "VTLManifestFileExtendedAttributes"), 6},
+      {"I have an empty one, they have none", base,
+       without(base, "VTLManifestFileExtendedAttributes"), 6},
+      {"I have some, they have none", file_record({}, {{"user.a", Value(bytes("1"))}}),
+       without(base, "VTLManifestFileExtendedAttributes"), 5},
+  };
+  for (const Case& c : cases) {
+    const VTLFileMetadata mine(c.mine);
+    std::optional<VTLFileMetadata> theirs;
+    if (c.theirs) theirs.emplace(*c.theirs);
+    EXPECT_EQ(mine.compareWith(theirs ? &*theirs : nullptr), c.expected) << c.name;
+  }
+}
+
+TEST_F(FileMetadataTest, TwoRecordsOfUntouchedItemsCompareEqual) {
+  write_file(at("a"), "same");
+  testsupport::set_xattr(at("a"), "user.k", "v");
+  make_dir(at("d"));
+  testsupport::make_link("a", at("l"));
+  for (const char* name : {"a", "d", "l"}) {
+    const VTLFileMetadata first = record_of(at(name));
+    const VTLFileMetadata second = record_of(at(name));
+    EXPECT_EQ(first.compareWith(&second), 6) << name;
+  }
+  // Two files that differ only in class and dates are the same file.
+  write_file(at("b"), "same");
+  testsupport::set_xattr(at("b"), "user.k", "v");
+  ASSERT_EQ(classes_->set(at("b"), "A"), 0);
+  const timespec times[2] = {{0, UTIME_OMIT}, {1000, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, at("b").c_str(), times, 0), 0);
+  const VTLFileMetadata a = record_of(at("a"));
+  const VTLFileMetadata b = record_of(at("b"));
+  EXPECT_EQ(a.compareWith(&b), 6);
+  EXPECT_EQ(b.compareWith(&a), 6);
+}
+
+// --- Restoring ---------------------------------------------------------------------------
+
+TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
+  Dictionary all;
+  for (std::string_view key :
+       {keys::kFileType, keys::kFileSize, keys::kOwnerAccountID, keys::kGroupOwnerAccountID,
+        keys::kOwnerAccountName, keys::kGroupOwnerAccountName, keys::kPosixPermissions,
+        keys::kProtectionClass, keys::kCreationDate, keys::kModificationDate, keys::kReferenceCount,
+        keys::kSystemNumber, keys::kSystemFileNumber, keys::kImmutable, keys::kAppendOnly,
+        keys::kBusy, keys::kExtensionHidden, keys::kCreatorCode, keys::kTypeCode}) {
+    all.emplace(std::string(key), Value(1));
+  }
+  all.emplace("SomethingElse", Value(1));
+  Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
+  std::vector<std::string> names;
+  for (const auto& [k, v] : settable) names.push_back(k);
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"Busy", "CreationDate", "CreatorCode", "ExtensionHidden",
+                                      "GroupOwnerAccountID", "GroupOwnerAccountName", "Immutable",
+                                      "ModificationDate", "OwnerAccountID", "OwnerAccountName",
+                                      "PosixPermissions", "TypeCode"}));
+  EXPECT_TRUE(VTLFileMetadata::fileAttributesAllowSet({{"FileType", Value("Regular")}}).empty());
+}
+
+TEST_F(FileMetadataTest, RestorePutsOwnershipModeDateClassAndXattrsBack) {
+  const std::string source = at("source");
+  write_file(source, "payload");
+  ASSERT_EQ(::chown(source.c_str(), 501, 501), 0);
+  ASSERT_EQ(::chmod(source.c_str(), 02640), 0);
+  const timespec times[2] = {{0, UTIME_OMIT}, {1600000000, 5}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, source.c_str(), times, 0), 0);
+  ASSERT_EQ(classes_->set(source, "B"), 0);
+  testsupport::set_xattr(source, "user.one", "1");
+  testsupport::set_xattr(source, "trusted.two", std::string("\0\x02", 2));
+  const VTLFileMetadata recorded = record_of(source);
+
+  const std::string staged = at("staged");
+  write_file(staged, "payload");
+  testsupport::set_xattr(staged, "user.unrelated", "stays");
+  ASSERT_TRUE(recorded.restoreAttribuesToPath(staged));
+
+  const VTLFileMetadata now = record_of(staged);
+  EXPECT_EQ(*attribute(now, "OwnerAccountID"), Value(501));
+  EXPECT_EQ(*attribute(now, "PosixPermissions"), Value(02640));
+  EXPECT_EQ(*attribute(now, "ModificationDate"), *attribute(recorded, "ModificationDate"));
+  EXPECT_EQ(*attribute(now, "ProtectionClass"), Value("B"));
+  const Dictionary& xattrs = *now.getExtendedAttributes();
+  EXPECT_EQ(xattrs.at("user.one"), Value(bytes("1")));
+  EXPECT_EQ(xattrs.at("trusted.two"), Value(bytes(std::string("\0\x02", 2))));
+  EXPECT_EQ(xattrs.at("user.unrelated"), Value(bytes("stays")));
+}
+
+TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
+  write_file(at("f"), "x");
+  const VTLFileMetadata byName(
+      Dictionary{{"VTLManifestFileAttributes",
+                  Value(Dictionary{{"FileType", Value("Regular")},
+                                   {"OwnerAccountName", Value("mobile")},
+                                   {"GroupOwnerAccountName", Value("mobile")}})}});
+  EXPECT_TRUE(byName.restoreAttribuesToPath(at("f")));
+  EXPECT_EQ(testsupport::lstat_of(at("f")).st_uid, 501u);
+  EXPECT_EQ(testsupport::lstat_of(at("f")).st_gid, 501u);
+
+  const VTLFileMetadata unknown(
+      Dictionary{{"VTLManifestFileAttributes",
+                  Value(Dictionary{{"FileType", Value("Regular")},
+                                   {"OwnerAccountName", Value("nobody-here")}})}});
+  EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f")));
+  EXPECT_TRUE(logged("Could not set file attributs at " + at("f") +
+                     " with error - Invalid argument, attributes = { OwnerAccountName = "
+                     "nobody-here; }"));
+}
+
+TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
+  write_file(at("f"), "x");
+  struct statx stx {};
+  ASSERT_EQ(::statx(AT_FDCWD, at("f").c_str(), 0, STATX_TYPE, &stx), 0);
+  if ((stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) == 0) {
+    GTEST_SKIP() << "this file system has no immutable flag";
+  }
+  auto record = [](bool immutable, int mode) {
+    return VTLFileMetadata(Dictionary{
+        {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")},
+                                                       {"Immutable", Value(immutable)},
+                                                       {"PosixPermissions", Value(mode)}})}});
+  };
+  ASSERT_TRUE(record(true, 0600).restoreAttribuesToPath(at("f")));
+  EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(true));
+  EXPECT_EQ(testsupport::lstat_of(at("f")).st_mode & 07777, 0600u);
+  // An immutable file takes a new mode only once the flag is cleared, which
+  // the restore does first.
+  ASSERT_TRUE(record(false, 0644).restoreAttribuesToPath(at("f")));
+  EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(false));
+  EXPECT_EQ(testsupport::lstat_of(at("f")).st_mode & 07777, 0644u);
+}
+
+TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
+  write_file(at("target"), "x");
+  ASSERT_EQ(::chmod(at("target").c_str(), 0600), 0);
+  testsupport::make_link("target", at("link"));
+  const VTLFileMetadata recorded(
+      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")},
+                                                                {"OwnerAccountID", Value(501)},
+                                                                {"GroupOwnerAccountID", Value(502)},
+                                                                {"PosixPermissions", Value(0755)},
+                                                                {"ProtectionClass", Value("A")}})},
+                 {"VTLManifestFileExtendedAttributes", Value(Dictionary{})}});
+  EXPECT_TRUE(recorded.restoreAttribuesToPath(at("link")));
+  EXPECT_EQ(testsupport::lstat_of(at("link")).st_uid, 501u);
+  EXPECT_EQ(testsupport::lstat_of(at("link")).st_gid, 502u);
+  // The target is untouched: nothing followed the link.
+  EXPECT_EQ(testsupport::lstat_of(at("target")).st_uid, 0u);
+  EXPECT_EQ(testsupport::lstat_of(at("target")).st_mode & 07777, 0600u);
+  EXPECT_FALSE(classes_->get(at("link")));
+  EXPECT_FALSE(classes_->get(at("target")));
+}
+
+TEST_F(FileMetadataTest, PartialXattrRestoreFailsForLinksOnly) {
+  write_file(at("file"), "x");
+  testsupport::make_link("file", at("link"));
+  // No such namespace: setxattr refuses the name on any item.
+  const Dictionary bad_xattrs = {{"bogus.name", Value(bytes("v"))}};
+  const VTLFileMetadata file_record_(
+      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
+                 {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
+  const VTLFileMetadata link_record(Dictionary{
+      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
+      {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
+  EXPECT_TRUE(file_record_.restoreAttribuesToPath(at("file")));
+  EXPECT_FALSE(link_record.restoreAttribuesToPath(at("link")));
+  EXPECT_TRUE(logged("Could not set extended attributes on " + at("file")));
+  EXPECT_TRUE(logged("Could not set extended attributes on " + at("link")));
+  // A link cannot have user.* attributes on Linux at all.
+  const VTLFileMetadata user_on_link(Dictionary{
+      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
+      {"VTLManifestFileExtendedAttributes", Value(Dictionary{{"user.a", Value(bytes("1"))}})}});
+  EXPECT_FALSE(user_on_link.restoreAttribuesToPath(at("link")));
+}
+
+TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
+  write_file(at("file"), "x");
+  const VTLFileMetadata non_data(
+      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
+                 {"VTLManifestFileExtendedAttributes",
+                  Value(Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}})}});
+  EXPECT_TRUE(non_data.restoreAttribuesToPath(at("file")));
+  EXPECT_TRUE(logged("Got non-data value"));
+  EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.b", at("file")));
+
+  // The protection class goes through its own step, never as an attribute.
+  const VTLFileMetadata reserved(
+      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
+                 {"VTLManifestFileExtendedAttributes",
+                  Value(Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})}});
+  EXPECT_TRUE(reserved.restoreAttribuesToPath(at("file")));
+  EXPECT_FALSE(classes_->get(at("file")));
+}
+
+TEST_F(FileMetadataTest, RestoreReportsABadProtectionClass) {
+  write_file(at("file"), "x");
+  const VTLFileMetadata bad(Dictionary{
+      {"VTLManifestFileAttributes",
+       Value(Dictionary{{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}})}});
+  EXPECT_FALSE(bad.restoreAttribuesToPath(at("file")));
+  EXPECT_TRUE(logged("Could not set file protection key at " + at("file") +
+                     " with error - Invalid argument, attributes = Z"));
+}
+
+}  // namespace
