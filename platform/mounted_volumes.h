@@ -45,8 +45,11 @@ std::unique_ptr<MountedVolumes> make_sim_mounted_volumes(std::string root);
 
 // Linux host: /proc/self/mountinfo (read through `proc_dir_fd`, the host's
 // /proc opened before any confinement; borrowed), with btrfs reported as
-// "jrf"; a disk's "UUID" is its GPT partition GUID (PARTUUID) from the
-// host's /sys/class/block, read through `sys_block_fd` (opened likewise).
-std::unique_ptr<MountedVolumes> make_linux_mounted_volumes(int proc_dir_fd, int sys_block_fd);
+// "jrf". A disk's "UUID" is its GPT partition GUID: the kernel's PARTUUID
+// from the host's /sys/class/block (`sys_block_fd`) where it records one,
+// else read from the GPT of the parent disk, opened through the host's /dev
+// (`dev_dir_fd`). All three are opened before confinement and borrowed.
+std::unique_ptr<MountedVolumes> make_linux_mounted_volumes(int proc_dir_fd, int sys_block_fd,
+                                                           int dev_dir_fd);
 
 }  // namespace platform

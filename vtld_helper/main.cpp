@@ -95,9 +95,10 @@ int main(int argc, char** argv) {
   std::unique_ptr<platform::SystemLog> system_log;
   int proc_fd = -1;
   const bool simulated = !root.empty();
-  // The kernel's block devices, for the partition GUIDs of mounted volumes;
-  // opened before any confinement, like /proc.
+  // The kernel's block devices and their nodes, for the partition GUIDs of
+  // mounted volumes; opened before any confinement, like /proc.
   const int sys_block_fd = ::open("/sys/class/block", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const int dev_fd = ::open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (simulated) {
     confine_to(root, &proc_fd);
     // Connected only now, so that it is the device's syslog socket.
@@ -137,7 +138,7 @@ int main(int argc, char** argv) {
   } else {
     the_platform->raw_disks = platform::make_linux_raw_disks().release();
     the_platform->mounted_volumes =
-        platform::make_linux_mounted_volumes(proc_fd, sys_block_fd).release();
+        platform::make_linux_mounted_volumes(proc_fd, sys_block_fd, dev_fd).release();
     the_platform->filesystem_resize = platform::make_btrfs_filesystem_resize().release();
     // The data volume's usage is the host file system's too.
     if (simulated) {

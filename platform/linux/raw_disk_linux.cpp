@@ -109,8 +109,18 @@ class LinuxDiskDevice final : public DiskDevice {
       log_line("raw disk: cannot read back the partition map");
       return;
     }
-    const std::uint32_t count = header[80] | (header[81] << 8U) | (header[82] << 16U) |
-                                (static_cast<std::uint32_t>(header[83]) << 24U);
+    const std::uint32_t count = std::uint32_t{header[80]} | std::uint32_t{header[81]} << 8U |
+                                std::uint32_t{header[82]} << 16U | std::uint32_t{header[83]} << 24U;
+    // Two passes, because the kernel refuses an extent that overlaps another
+    // partition's current one: first what shrank or stayed is resized and
+    // what moved is taken out; then what grew is resized into the room made
+    // and what moved is put back.
+    struct Pending {
+      int number;
+      std::uint64_t start, length;
+      bool add;
+    };
+    std::vector<Pending> pending;
     for (int i = 0; i < kEntriesHeld; ++i) {
       const std::uint8_t* e = entries.data() + static_cast<std::size_t>(i) * kEntrySize;
       const int number = i + 1;
@@ -122,18 +132,26 @@ class LinuxDiskDevice final : public DiskDevice {
       }
       const std::uint64_t start = first * *size;
       const std::uint64_t length = (last - first + 1) * *size;
-      int error = blkpg(fd_, BLKPG_RESIZE_PARTITION, number, start, length);
+      const int error = blkpg(fd_, BLKPG_RESIZE_PARTITION, number, start, length);
+      if (error == 0) continue;
       if (error == ENXIO) {
-        error = blkpg(fd_, BLKPG_ADD_PARTITION, number, start, length);
-      } else if (error != 0) {
-        // It moved: only a partition nobody uses can be taken out and put
-        // back at its new place.
-        error = blkpg(fd_, BLKPG_DEL_PARTITION, number, 0, 0);
-        if (error == 0) error = blkpg(fd_, BLKPG_ADD_PARTITION, number, start, length);
+        pending.push_back({number, start, length, true});
+      } else if (error == EINVAL && blkpg(fd_, BLKPG_DEL_PARTITION, number, 0, 0) == 0) {
+        // It moved: only a partition nobody uses can be taken out.
+        pending.push_back({number, start, length, true});
+      } else {
+        pending.push_back({number, start, length, false});
       }
-      if (error != 0) {
-        log_line("raw disk: the kernel did not take partition " + std::to_string(number) + ": " +
-                 std::strerror(error));
+    }
+    for (const bool adding : {false, true}) {
+      for (const Pending& p : pending) {
+        if (p.add != adding) continue;
+        const int error = blkpg(fd_, adding ? BLKPG_ADD_PARTITION : BLKPG_RESIZE_PARTITION,
+                                p.number, p.start, p.length);
+        if (error != 0) {
+          log_line("raw disk: the kernel did not take partition " + std::to_string(p.number) +
+                   ": " + std::strerror(error));
+        }
       }
     }
   }
