@@ -60,6 +60,27 @@ class VTLHOperations {
   // when it cannot, `staging` already existing included.
   bool createHardLinks_stagingPath(const std::string* file, const std::string* staging);
 
+  // Gives every file that the signed manifest at `manifestPath` records for
+  // one container the owner, group, mode, protection class and extended
+  // attributes of its record (VTLFileMetadata::restoreAttribuesToPath), at
+  // the record's path under `root`. The records are the payload's "Backup"
+  // when `containerType` or `identifier` is missing; else those of the
+  // identified "AppData" entry (under its "Manifest"), "GroupData" entry or
+  // "ExtensionData" entry. Stops at the first file that fails; what was
+  // restored before stays. A record whose path is not plain under `root` (a
+  // "." or ".." component, or a symbolic link on the way) is refused: the
+  // client owns the staging tree, and root must not follow a link it placed
+  // there. Memory: the parsed manifest is released before the walk, which
+  // then holds one record at a time beside the compact manifest.
+  bool restoreAttributesUnder_fromManifest_containerType_identifier(
+      const std::string* root, const std::string* manifestPath, const std::string* containerType,
+      const std::string* identifier);
+  // Replaces "/var/backup" with the staging directory `staging` in one
+  // rename (the old tree is removed first). False when `staging` is not a
+  // directory (a symbolic link to one is not) or the rename fails, which
+  // may leave "/var/backup" removed and `staging` in place.
+  bool moveStagingToFinal(const std::string* staging);
+
  private:
   VTLHOperations() = default;
 };

@@ -37,6 +37,8 @@ constexpr std::array kCommands = {
     CommandEntry{"createHardLink:", &VTLHMessageResponder::createHardLink},
     CommandEntry{"shrinkDataPartition:", &VTLHMessageResponder::shrinkDataPartition},
     CommandEntry{"expandDataPartition:", &VTLHMessageResponder::expandDataPartition},
+    CommandEntry{"restoreAttributes:", &VTLHMessageResponder::restoreAttributes},
+    CommandEntry{"moveStagingToFinal:", &VTLHMessageResponder::moveStagingToFinal},
 };
 
 std::optional<Command> lookup(std::string_view name) {
@@ -222,6 +224,20 @@ bool VTLHMessageResponder::expandDataPartition(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder expandDataPartition:]",
          parameter);
   return expand_data_partition() == 0;
+}
+
+bool VTLHMessageResponder::restoreAttributes(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder restoreAttributes:]", parameter);
+  return VTLHOperations::sharedInstance()
+      .restoreAttributesUnder_fromManifest_containerType_identifier(
+          parameter.find_string("StagingRootPath"), parameter.find_string("ManifestPath"),
+          parameter.find_string("ContentType"), parameter.find_string("Identifier"));
+}
+
+bool VTLHMessageResponder::moveStagingToFinal(const Value& parameter) {
+  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder moveStagingToFinal:]",
+         parameter);
+  return VTLHOperations::sharedInstance().moveStagingToFinal(parameter.string());
 }
 
 }  // namespace vtl

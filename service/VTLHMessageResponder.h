@@ -53,6 +53,8 @@ class VTLHMessageResponder {
   bool createHardLink(const Value& parameter);
   bool shrinkDataPartition(const Value& parameter);
   bool expandDataPartition(const Value& parameter);
+  bool restoreAttributes(const Value& parameter);
+  bool moveStagingToFinal(const Value& parameter);
 
   // The connection replies go to. Weak: the responder never keeps a client's
   // connection alive; replies due after the client has gone are dropped.

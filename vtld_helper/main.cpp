@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "platform/accounts.h"
+#include "platform/certificate_services.h"
 #include "platform/code_signing.h"
 #include "platform/device_properties.h"
 #include "platform/device_registry.h"
@@ -119,6 +120,9 @@ int main(int argc, char** argv) {
   the_platform->code_signing = platform::make_entitlement_files("/", proc_fd).release();
   // Both backends keep protection classes the same way (protection_classes.h).
   the_platform->protection_classes = platform::make_xattr_protection_classes().release();
+  // Both backends read the signer policies from /etc/vtld/trust, inside the
+  // device or on the host (certificate_services.h).
+  the_platform->certificate_services = platform::make_openssl_certificate_services("/").release();
   if (simulated) {
     the_platform->device_registry = platform::make_sim_registry("/").release();
     the_platform->power = platform::make_sim_power("/").release();
