@@ -195,7 +195,7 @@ void show_certificate(std::FILE* out, std::size_t index, const Value& element) {
   fmt::print(out, "      valid   {} to {}\n", time_text(X509_get0_notBefore(cert.get())),
              time_text(X509_get0_notAfter(cert.get())));
   if (EVP_PKEY* key = X509_get0_pubkey(cert.get())) {
-    fmt::print(out, "      key     {} {} bits\n", OBJ_nid2sn(EVP_PKEY_get_base_id(key)),
+    fmt::print(out, "      key     {} {} bits\n", EVP_PKEY_get0_type_name(key),
                EVP_PKEY_get_bits(key));
   }
   const bool ca = X509_check_ca(cert.get()) != 0;
