@@ -352,12 +352,14 @@ std::optional<Value> date_from(plist_t node) {
   const double seconds =
       std::bit_cast<double>(read_big_endian(binary->data() + kBinaryHeaderSize + 1, 8));
   // Kept to the microsecond: a double of seconds since 2001 holds no more for
-  // present-day dates. Refused when outside what a Date can hold.
+  // present-day dates. Refused when outside what a Date can hold, 1677-09-21
+  // to 2262-04-11 (nanoseconds since 1970 in 64 bits).
   const double micros = std::round(seconds * 1e6);
-  constexpr double kLimit = 9.0e15;  // about 285 years either side of 2001, in microseconds
-  if (!std::isfinite(micros) || std::fabs(micros) > kLimit) return std::nullopt;
-  const auto since_2001 = std::chrono::microseconds(static_cast<std::int64_t>(micros));
-  return Value(Date(std::chrono::seconds(kPlistEpochOffset) + since_2001));
+  if (!std::isfinite(micros) || std::fabs(micros) > 1e16) return std::nullopt;
+  const std::int64_t since_1970 = static_cast<std::int64_t>(micros) + kPlistEpochOffset * 1'000'000;
+  constexpr std::int64_t kLimit = std::numeric_limits<std::int64_t>::max() / 1000;
+  if (since_1970 > kLimit || since_1970 < -kLimit) return std::nullopt;
+  return Value(Date(std::chrono::microseconds(since_1970)));
 }
 
 std::optional<Value> value_from(plist_t node, std::size_t depth) {

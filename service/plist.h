@@ -7,7 +7,8 @@
 //   - a dictionary that repeats a key (binary form; libplist's XML reader
 //     keeps only the last of them);
 //   - UID and other nodes without a Value counterpart;
-//   - dates that are not finite or lie beyond about 285 years of 2001;
+//   - dates that are not finite or lie outside what a Date holds (1677-09-21
+//     to 2262-04-11);
 //   - containers nested deeper than kMaxPlistDepth, reference cycles, and
 //     binary lists whose shared objects would expand far beyond their size.
 // Dates are kept to the microsecond in the binary form; the XML form (as

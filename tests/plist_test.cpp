@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -103,10 +104,25 @@ class BinaryBuilder {
   std::vector<Bytes> objects_;
 };
 
+// A binary date object: marker 0x33 and a big-endian double of seconds since
+// 2001.
+Bytes date_object(double seconds_since_2001) {
+  const auto bits = std::bit_cast<std::uint64_t>(seconds_since_2001);
+  Bytes b{0x33};
+  for (int i = 7; i >= 0; --i) b.push_back(static_cast<std::uint8_t>(bits >> (8 * i)));
+  return b;
+}
+
 Bytes ascii(std::string_view s) {
   Bytes b{static_cast<std::uint8_t>(0x50 | s.size())};
   b.insert(b.end(), s.begin(), s.end());
   return b;
+}
+
+Bytes binary_of_one(Bytes object) {
+  BinaryBuilder b;
+  b.add(std::move(object));
+  return b.build();
 }
 
 Value every_type() {
@@ -195,6 +211,19 @@ TEST(PlistRead, ForeignXml) {
             "com.tessal.private.vantrel.vantreld = 1; }; Executable = /usr/bin/vtldctl; List = ( "
             "a, ( ) ); Max = 9223372036854775807; Ratio = 0.5; When = \"2026-11-16 06:32:26 "
             "+0000\"; }");
+}
+
+TEST(PlistRead, ForeignDatesAcrossTheWholeDateRange) {
+  // Written by others, dates beyond libplist's own int32 range read exactly.
+  const struct {
+    double since_2001;
+    std::int64_t unix_seconds;
+  } cases[] = {{-9.0e9, 978307200 - 9'000'000'000}, {8.0e9, 978307200 + 8'000'000'000}};
+  for (const auto& c : cases) {
+    const auto v = plist_from_bytes(binary_of_one(date_object(c.since_2001)));
+    ASSERT_TRUE(v.has_value());
+    EXPECT_EQ(*v, Value(Date(seconds(c.unix_seconds))));
+  }
 }
 
 TEST(PlistRead, SignedIntegersInBinary) {
@@ -311,6 +340,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"BinaryRepeatedKey", binary_of({{0xD2, 1, 1, 2, 2}, ascii("k"), {0x10, 1}})},
         Malformed{"BinaryNonStringKey", binary_of({{0xD1, 1, 1}, {0x10, 1}})},
         Malformed{"BinaryNaNDate", binary_of({{0x33, 0x7F, 0xF8, 0, 0, 0, 0, 0, 0}})},
+        Malformed{"BinaryDateAfter2262", binary_of({date_object(8.3e9)})},
+        Malformed{"BinaryDateBefore1677", binary_of({date_object(-1.1e10)})},
         Malformed{"BinaryTrailerLies",
                   [] {
                     Bytes b = binary_of({{0x10, 1}});
