@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cmath>
 
 namespace vtl {
 namespace {
@@ -38,14 +37,6 @@ TEST(Value, EqualityComparesTypeAndContent) {
   EXPECT_EQ(Value(Array{Value(Dictionary{{"a", Value(Data{1, 2})}})}),
             Value(Array{Value(Dictionary{{"a", Value(Data{1, 2})}})}));
   EXPECT_NE(Value(Date(std::chrono::nanoseconds(1))), Value(Date(std::chrono::nanoseconds(2))));
-}
-
-TEST(Value, CopiesAreIndependent) {
-  Value original(Dictionary{{"List", Value(Array{Value(1)})}});
-  Value copy = original;
-  copy.dictionary()->at("List").array()->push_back(Value(2));
-  EXPECT_EQ(original.find("List")->array()->size(), 1U);
-  EXPECT_EQ(copy.find("List")->array()->size(), 2U);
 }
 
 }  // namespace
