@@ -136,7 +136,7 @@ TEST_P(NvramTest, NamesTheStoreCannotHoldAreRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, NvramTest, ::testing::Values("sim", "efivarfs"),
-                         [](const auto& info) { return std::string(info.param); });
+                         [](const auto& p) { return std::string(p.param); });
 
 // Faults only the simulated device can be told to have.
 class NvramFaultTest : public ::testing::Test {
