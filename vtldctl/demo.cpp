@@ -348,7 +348,12 @@ Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescrib
   }
   std::sort(found.begin(), found.end());
   std::string text = "    class " + classes->get(host).value_or("(none)") + ";";
-  for (const auto& [name, value] : found) text += " " + name + "=" + value;
+  for (const auto& [name, value] : found) {
+    text += ' ';
+    text += name;
+    text += '=';
+    text += value;
+  }
   if (found.empty()) text += " no extended attributes";
   auto wanted = item.xattrs;
   std::sort(wanted.begin(), wanted.end());
