@@ -2,10 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -41,6 +42,40 @@ int open_for_hashing(const std::string& path) {
     pause = std::min(pause * 2, std::chrono::milliseconds(50));
   }
 }
+
+// cachestat (Linux 6.5): how many pages of a range are in the page cache.
+// The C library of this system does not wrap it yet; its number is the same
+// on every architecture.
+constexpr long kSysCachestat = 451;
+struct CachestatRange {
+  std::uint64_t offset;
+  std::uint64_t length;
+};
+struct Cachestat {
+  std::uint64_t cache;
+  std::uint64_t dirty;
+  std::uint64_t writeback;
+  std::uint64_t evicted;
+  std::uint64_t recently_evicted;
+};
+
+// Whether every page of [offset, offset + length) within a file of `size`
+// bytes is cached. False when the kernel cannot tell.
+bool range_cached(int fd, std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
+  static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  if (offset >= size) return true;
+  const std::uint64_t end = std::min(size, offset + length);
+  const std::uint64_t pages = (end + page - 1) / page - offset / page;
+  const CachestatRange range{offset, end - offset};
+  Cachestat stat{};
+  if (::syscall(kSysCachestat, fd, &range, &stat, 0) != 0) return false;
+  return stat.cache >= pages;
+}
+
+// Chunks looked at ahead of the read position: 8 MiB, beyond the largest
+// read-ahead window the kernel opens on its own.
+constexpr std::uint64_t kResidencyLead = 32;
+constexpr std::size_t kResidencyRing = 64;  // > kResidencyLead, a power of two
 
 class Fd {
  public:
@@ -88,43 +123,49 @@ std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, Lo
     return std::nullopt;
   }
 
-  bool probe_cache = true;  // everything so far came from the page cache
-  off_t cold_from = -1;     // first offset this hasher brought into the cache
+  // Which chunks were all in the page cache before this hasher read them:
+  // those stay cached, the others are dropped once hashed. Each chunk is
+  // looked at kResidencyLead chunks ahead of the read position, farther than
+  // the kernel's read-ahead reaches, so that what the hasher's own reads
+  // bring in is never taken for somebody else's cache. A file found whole in
+  // the cache (the common warm case) costs one look in all.
+  const auto size = static_cast<std::uint64_t>(st.st_size);
+  const bool all_cached = range_cached(descriptor, 0, size, size);
+  std::array<bool, kResidencyRing> was_cached{};
+  auto look = [&](std::uint64_t chunk) {
+    was_cached[chunk % kResidencyRing] =
+        range_cached(descriptor, chunk * kHashChunkSize, kHashChunkSize, size);
+  };
+  if (!all_cached) {
+    for (std::uint64_t c = 0; c < kResidencyLead; ++c) look(c);
+  }
+  bool dropped_any = false;
   off_t offset = 0;
   for (;;) {
-    ssize_t n = -1;
-    const bool ours = !probe_cache;
-    if (probe_cache) {
-      iovec chunk{buffer_.get(), kHashChunkSize};
-      n = ::preadv2(fd.get(), &chunk, 1, offset, RWF_NOWAIT);
-      // EAGAIN: not cached. Any other error (EOPNOTSUPP where the file system
-      // cannot tell) is met again, or not, by the normal read.
-      const bool complete =
-          n >= 0 && (n == static_cast<ssize_t>(kHashChunkSize) || offset + n >= st.st_size);
-      if (!complete) {
-        probe_cache = false;
-        cold_from = offset + std::max<ssize_t>(n, 0);
-        if (n <= 0) continue;  // read normally from here
-      }
-    } else {
-      do {
-        n = ::pread(fd.get(), buffer_.get(), kHashChunkSize, offset);
-      } while (n < 0 && errno == EINTR);
-      if (n < 0) {
-        log.log(kCannotReadData, path);
-        ::posix_fadvise(fd.get(), cold_from, 0, POSIX_FADV_DONTNEED);
-        return std::nullopt;
-      }
+    const auto chunk = static_cast<std::uint64_t>(offset) / kHashChunkSize;
+    if (!all_cached) look(chunk + kResidencyLead);
+    ssize_t n = 0;
+    do {
+      n = ::pread(fd.get(), buffer_.get(), kHashChunkSize, offset);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+      log.log(kCannotReadData, path);
+      return std::nullopt;
     }
     if (n == 0) break;
     if (EVP_DigestUpdate(context_, buffer_.get(), static_cast<std::size_t>(n)) != 1) {
       log.log(kCannotReadData, path);
       return std::nullopt;
     }
-    if (ours) ::posix_fadvise(fd.get(), offset, n, POSIX_FADV_DONTNEED);
+    if (!all_cached && !was_cached[chunk % kResidencyRing]) {
+      ::posix_fadvise(fd.get(), offset, n, POSIX_FADV_DONTNEED);
+      dropped_any = true;
+    }
     offset += n;
   }
-  if (cold_from >= 0) ::posix_fadvise(fd.get(), cold_from, 0, POSIX_FADV_DONTNEED);
+  // A file that grew while it was read: what lies beyond its old end was
+  // read-ahead of ours.
+  if (dropped_any) ::posix_fadvise(fd.get(), offset, 0, POSIX_FADV_DONTNEED);
 
   Data digest(kSha1Length);
   unsigned int length = 0;

@@ -8,16 +8,17 @@
 // POSIX_FADV_DONTNEED after every read drops the pages, but also pages that
 // other processes had cached, so hashing a tree would evict the device's
 // working set. So the hasher does what F_NOCACHE means rather than what
-// either flag does:
-//   - each chunk is first read with RWF_NOWAIT, which succeeds only from the
-//     page cache: what is cached is used and left cached;
-//   - from the first chunk that is not (fully) cached, the file counts as
-//     brought in by the hasher: its chunks are read normally and their pages
-//     dropped (POSIX_FADV_DONTNEED) as soon as they are hashed, and when the
-//     file is done everything from that point to its end is dropped too,
-//     which takes the kernel's read-ahead beyond the last chunk with it.
-// A file system that refuses RWF_NOWAIT is read normally and its pages are
-// dropped: not growing the cache is the rule, a warm re-run the cost.
+// either flag does: what is cached is used and left cached, and what it
+// brings in it drops again. cachestat() (Linux 6.5) tells, chunk by chunk and
+// a fixed distance (8 MiB) ahead of the read position, beyond what read-ahead
+// reaches, whether a chunk was all in the page cache before the hasher came;
+// a chunk that was not has its pages dropped (POSIX_FADV_DONTNEED) as soon
+// as it is hashed. A file found whole in the cache costs one look; memory for
+// the answers is a few bytes, whatever the file's size.
+// (RWF_NOWAIT reads cannot stand in for cachestat: they also fail on cached
+// pages that carry a read-ahead mark, which would drop warm files.) Where the
+// kernel has no cachestat every file counts as brought in: not growing the
+// cache is the rule, a warm re-run the cost.
 //
 // Memory: one 256 KiB buffer per hasher, reused for every chunk of every
 // file; nothing grows with file size.

@@ -379,6 +379,23 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(std::string(8 << 20, 'c')));
   EXPECT_LT(resident_pages(path), total_pages / 8);
 
+  // Half warm: the half that was cached stays, the other half goes again.
+  {
+    const int half = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // No read-ahead, so that exactly the first half comes in.
+    ASSERT_EQ(::posix_fadvise(half, 0, 0, POSIX_FADV_RANDOM), 0);
+    std::string first(4 << 20, '\0');
+    ASSERT_EQ(::pread(half, first.data(), first.size(), 0), static_cast<ssize_t>(first.size()));
+    ::close(half);
+  }
+  const std::size_t before = resident_pages(path);
+  ASSERT_GE(before, total_pages / 2);
+  ASSERT_LT(before, total_pages * 3 / 4);
+  EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(std::string(8 << 20, 'c')));
+  const std::size_t after = resident_pages(path);
+  EXPECT_LE(after, before + 16);
+  EXPECT_GE(after + 16, before);
+
   // Warm: what was cached before stays cached.
   testsupport::read_file(path);
   ASSERT_EQ(resident_pages(path), total_pages);
