@@ -170,7 +170,10 @@ std::unique_ptr<PolicyData> load_policy(const std::string& directory) {
   // that a policy means the same on every device.
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
-    std::optional<std::vector<X509Ptr>> certs = read_pem_certificates(directory + "/" + name);
+    std::string path = directory;
+    path += '/';
+    path += name;
+    std::optional<std::vector<X509Ptr>> certs = read_pem_certificates(path);
     if (!certs) return nullptr;
     for (X509Ptr& cert : *certs) policy->anchors.push_back(std::move(cert));
   }

@@ -122,7 +122,7 @@ std::string now_text() {
   std::tm tm{};
   ::gmtime_r(&now, &tm);
   char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S UTC", &tm);
+  if (std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S UTC", &tm) == 0) return "?";
   return buffer;
 }
 
@@ -163,14 +163,14 @@ std::string time_text(const ASN1_TIME* time) {
   std::tm tm{};
   if (ASN1_TIME_to_tm(time, &tm) != 1) return "?";
   char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S UTC", &tm);
+  if (std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S UTC", &tm) == 0) return "?";
   return buffer;
 }
 
 std::string usage_name(const ASN1_OBJECT* usage) {
   char oid[128];
   OBJ_obj2txt(oid, sizeof oid, usage, 1);
-  const std::string text = oid;
+  std::string text = oid;
   if (text == platform::kProductionSignerUsage) return text + " (production manifest signer)";
   if (text == platform::kTestSignerUsage) return text + " (test manifest signer)";
   const int nid = OBJ_obj2nid(usage);
