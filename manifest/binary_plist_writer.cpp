@@ -163,7 +163,7 @@ void ObjectWriter::put_big_endian(std::uint64_t value, unsigned width) {
 // holding the count.
 void ObjectWriter::put_marker(std::uint8_t type, std::uint64_t count) {
   if (count < 15) {
-    sink_.put(static_cast<std::uint8_t>((type << 4) | count));
+    sink_.put(static_cast<std::uint8_t>((static_cast<std::uint64_t>(type) << 4) | count));
     return;
   }
   sink_.put(static_cast<std::uint8_t>((type << 4) | 0x0F));
