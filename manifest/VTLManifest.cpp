@@ -102,6 +102,7 @@ struct VTLManifest::Walk {
     std::string path;
     std::string key;
     int error = 0;
+    bool regular = false;  // as the directory listing saw it
     // Filled by the builder.
     bool done = false;
     bool built = false;
@@ -142,6 +143,7 @@ struct VTLManifest::Walk {
   std::condition_variable work_ready;
   std::condition_variable task_done;
   std::deque<Task*> queue;
+  Task* awaited = nullptr;  // the task the committing thread waits for
   bool stopping = false;
   std::vector<std::thread> workers;
 
@@ -175,6 +177,7 @@ struct VTLManifest::Walk {
       case Type::kDirectory:
       case Type::kSymbolicLink:
         t.kind = Task::Kind::kRecord;
+        t.regular = type == Type::kRegular;
         t.key = relative_key(t.path);
         return;
     }
@@ -221,6 +224,7 @@ struct VTLManifest::Walk {
     std::unique_ptr<Task> t = std::move(spare.back());
     spare.pop_back();
     t->done = false;
+    t->regular = false;
     t->built = false;
     t->error = 0;
     t->size = 0;
@@ -235,7 +239,7 @@ struct VTLManifest::Walk {
   void build(Task& t, manifest::RecordContext& context, manifest::RecordEncoder& encoder,
              manifest::LogSink& log) {
     if (m.before_record_) m.before_record_(t.path);
-    t.built = manifest::build_record(t.path, context, log, encoder, &t.size);
+    t.built = manifest::build_record(t.path, context, log, encoder, &t.size, t.regular);
     t.blob = encoder.take();
   }
 
@@ -256,11 +260,15 @@ struct VTLManifest::Walk {
           }
           manifest::LogSink log(&t->logs);
           build(*t, context, encoder, log);
+          bool wanted = false;
           {
             std::lock_guard<std::mutex> lock(mutex);
             t->done = true;
+            wanted = awaited == t;
           }
-          task_done.notify_one();
+          // Only the committing thread waits, and only for the task it
+          // commits next: no wake-up for any other.
+          if (wanted) task_done.notify_one();
         }
       });
     }
@@ -339,7 +347,9 @@ struct VTLManifest::Walk {
                      manifest::RecordEncoder& inline_encoder, manifest::LogSink& direct) {
     if (parallel) {
       std::unique_lock<std::mutex> lock(mutex);
+      awaited = &t;
       task_done.wait(lock, [&t] { return t.done; });
+      awaited = nullptr;
     } else {
       build(t, context, inline_encoder, direct);
     }
@@ -473,7 +483,7 @@ std::uint64_t VTLManifest::calculateTotalFileSize_skipPaths(const std::string& p
     }
     if (event.type != manifest::WalkEvent::Type::kRegular) continue;
     struct stat st {};
-    if (::lstat(event.path.c_str(), &st) != 0) {
+    if (enumeration.stat_item(&st) != 0) {
       VTLLog(kNoAttribute, event.path);
       return 0;
     }

@@ -118,12 +118,32 @@ std::optional<Id> account_id(const Dictionary& attributes, std::string_view id_k
 
 }  // namespace
 
+namespace {
+
+void fill(const struct statx& stx, ItemAttributes* out);
+
+}  // namespace
+
 int read_item_attributes(const std::string& path, ItemAttributes* out) {
   struct statx stx {};
   if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
               STATX_BASIC_STATS | STATX_BTIME, &stx) != 0) {
     return errno;
   }
+  fill(stx, out);
+  return 0;
+}
+
+int read_item_attributes(int fd, ItemAttributes* out) {
+  struct statx stx {};
+  if (::statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0) return errno;
+  fill(stx, out);
+  return 0;
+}
+
+namespace {
+
+void fill(const struct statx& stx, ItemAttributes* out) {
   out->mode = stx.stx_mode;
   out->uid = stx.stx_uid;
   out->gid = stx.stx_gid;
@@ -142,8 +162,9 @@ int read_item_attributes(const std::string& path, ItemAttributes* out) {
   if ((stx.stx_attributes_mask & STATX_ATTR_APPEND) != 0) {
     out->append_only = (stx.stx_attributes & STATX_ATTR_APPEND) != 0;
   }
-  return 0;
 }
+
+}  // namespace
 
 Known file_type_of(std::uint32_t mode) {
   switch (mode & S_IFMT) {

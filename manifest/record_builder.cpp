@@ -45,21 +45,33 @@ const platform::ProtectionClasses* protection_classes() {
 
 // listxattr without following a link, with the messages of
 // extendedAttributeKeysWithPath.
-bool list_names(const std::string& path, LogSink& log, bool* hidden_seen, std::vector<char>& buffer,
-                std::vector<std::string>& names) {
+// The item's extended attributes, through its descriptor when the caller
+// holds one (no path lookup), else by path without following a link.
+ssize_t list_xattrs(const std::string& path, int fd, char* buffer, std::size_t size) {
+  return fd >= 0 ? ::flistxattr(fd, buffer, size) : ::llistxattr(path.c_str(), buffer, size);
+}
+
+ssize_t get_xattr(const std::string& path, int fd, const std::string& name, void* buffer,
+                  std::size_t size) {
+  return fd >= 0 ? ::fgetxattr(fd, name.c_str(), buffer, size)
+                 : ::lgetxattr(path.c_str(), name.c_str(), buffer, size);
+}
+
+bool list_names(const std::string& path, int fd, LogSink& log, bool* hidden_seen,
+                std::vector<char>& buffer, std::vector<std::string>& names) {
   names.clear();
   if (hidden_seen != nullptr) *hidden_seen = false;
   buffer.resize(kFirstTry);
-  ssize_t length = ::llistxattr(path.c_str(), buffer.data(), buffer.size());
+  ssize_t length = list_xattrs(path, fd, buffer.data(), buffer.size());
   if (length < 0 && errno == ERANGE) {
-    const ssize_t size = ::llistxattr(path.c_str(), nullptr, 0);
+    const ssize_t size = list_xattrs(path, fd, nullptr, 0);
     if (size < 0) {
       log.log(kCannotListXattrs, path);
       return false;
     }
     if (size == 0) return true;
     buffer.assign(static_cast<std::size_t>(size), 0);
-    length = ::llistxattr(path.c_str(), buffer.data(), buffer.size());
+    length = list_xattrs(path, fd, buffer.data(), buffer.size());
     if (length < 1) {
       log.log(kListShrank, path);
       return false;
@@ -87,10 +99,10 @@ bool list_names(const std::string& path, LogSink& log, bool* hidden_seen, std::v
 
 // getxattr without following a link, with the messages of
 // valueForExtendedAttributesKey:forPath:.
-std::optional<Data> read_value(const std::string& name, const std::string& path, LogSink& log,
-                               std::vector<char>& buffer) {
+std::optional<Data> read_value(const std::string& name, const std::string& path, int fd,
+                               LogSink& log, std::vector<char>& buffer) {
   buffer.resize(kFirstTry);
-  ssize_t length = ::lgetxattr(path.c_str(), name.c_str(), buffer.data(), buffer.size());
+  ssize_t length = get_xattr(path, fd, name, buffer.data(), buffer.size());
   if (length >= 0) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(buffer.data());
     return Data(p, p + length);
@@ -99,13 +111,13 @@ std::optional<Data> read_value(const std::string& name, const std::string& path,
     log.log(kCannotGetXattr, path, -1);
     return std::nullopt;
   }
-  const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
+  const ssize_t size = get_xattr(path, fd, name, nullptr, 0);
   if (size < 0) {
     log.log(kCannotGetXattr, path, static_cast<int>(size));
     return std::nullopt;
   }
   Data value(static_cast<std::size_t>(size), 0);
-  length = ::lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
+  length = get_xattr(path, fd, name, value.data(), value.size());
   if (length < 0) {
     // Kept as the platform has always done it: the zero-filled buffer of the
     // size first reported.
@@ -116,46 +128,47 @@ std::optional<Data> read_value(const std::string& name, const std::string& path,
   return value;
 }
 
-// The record's hash when the caller has just seen the item's type: a
-// directory's is empty and a regular file is opened at once; anything else,
-// and any surprise, takes the full fileHashWithPath route.
-std::optional<Data> hash_for_type(const std::string& path, std::uint32_t mode, FileHasher& hasher,
-                                  LogSink& log) {
-  if (S_ISDIR(mode)) return Data{};
-  if (S_ISREG(mode)) {
-    const int fd = FileHasher::open(path);
-    if (fd >= 0) {
-      struct stat st {};
-      if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        std::optional<Data> digest = hasher.hash(fd, path, log);
-        if (!digest) {
-          log.log(kMaybeFernbox, path);
-          return Data{};
-        }
-        return digest;
-      }
-      ::close(fd);
-    }
+// The hash of the regular file open at `fd` (which this takes and closes),
+// with fileHashWithPath's rule for a file that cannot be read.
+Data hash_open_file(int fd, const std::string& path, FileHasher& hasher, LogSink& log) {
+  std::optional<Data> digest = hasher.hash(fd, path, log);
+  if (!digest) {
+    log.log(kMaybeFernbox, path);
+    return Data{};
   }
-  return file_hash_with_path(path, hasher, log);
+  return std::move(*digest);
 }
 
 }  // namespace
 
 bool build_record(const std::string& path, RecordContext& context, LogSink& log, RecordEncoder& e,
-                  std::uint64_t* size) {
+                  std::uint64_t* size, bool regular_hint) {
   ItemAttributes attributes;
-  if (int error = read_item_attributes(path, &attributes); error != 0) {
-    log.log(kGetAttributesFailed, path, error_description(error));
-    log.log(kCannotGetAttribute, path);
-    return false;
+  // An item the walk saw as a regular file is opened first and read through
+  // its descriptor: one path lookup instead of three. Anything unexpected
+  // (it cannot be opened, it is not a regular file now) takes the path route,
+  // whose messages are the record's own.
+  int fd = -1;
+  if (regular_hint) {
+    fd = FileHasher::open(path);
+    if (fd >= 0 && (read_item_attributes(fd, &attributes) != 0 || !S_ISREG(attributes.mode))) {
+      ::close(fd);
+      fd = -1;
+    }
+  }
+  if (fd < 0) {
+    if (int error = read_item_attributes(path, &attributes); error != 0) {
+      log.log(kGetAttributesFailed, path, error_description(error));
+      log.log(kCannotGetAttribute, path);
+      return false;
+    }
   }
   // The listing comes before the protection class only to learn whether the
   // class is there at all (most items have none); neither logs on success, so
   // the messages keep their order.
   bool hidden_seen = false;
   const bool names_ok =
-      list_names(path, log, &hidden_seen, context.list_buffer, context.xattr_names);
+      list_names(path, fd, log, &hidden_seen, context.list_buffer, context.xattr_names);
   if (hidden_seen || !names_ok) {
     if (const platform::ProtectionClasses* classes = protection_classes()) {
       attributes.protection_class = classes->get(path);
@@ -169,7 +182,7 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
     log.log(kNoAttributeKeys, path);
   } else {
     for (std::string& name : context.xattr_names) {
-      std::optional<Data> value = read_value(name, path, log, context.value_buffer);
+      std::optional<Data> value = read_value(name, path, fd, log, context.value_buffer);
       if (value) context.xattrs.emplace_back(std::move(name), std::move(*value));
     }
   }
@@ -179,8 +192,12 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
   std::optional<Data> hash;
   if (is_link) {
     target = link_target(path, log);
+  } else if (fd >= 0) {
+    hash = hash_open_file(fd, path, context.hasher, log);
+  } else if (S_ISDIR(attributes.mode)) {
+    hash = Data{};  // what fileHashWithPath gives a directory, without asking again
   } else {
-    hash = hash_for_type(path, attributes.mode, context.hasher, log);
+    hash = file_hash_with_path(path, context.hasher, log);
     if (!hash) return false;
   }
   *size = attributes.size;
@@ -197,7 +214,7 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
     e.data(value);
   }
   e.key(Known::kFileHash);
-  e.data(hash ? std::span<const std::uint8_t>(*hash) : std::span<const std::uint8_t>());
+  e.data(*hash);
   if (is_link && !target) return true;
   e.key(Known::kSymbolicLinkTargetFile);
   if (is_link) {
@@ -231,8 +248,8 @@ std::optional<std::vector<std::string>> extended_attribute_keys(const std::strin
                                                                 RecordContext* context) {
   std::vector<char> own_buffer;
   std::vector<std::string> names;
-  if (!list_names(path, log, hidden_seen, context != nullptr ? context->list_buffer : own_buffer,
-                  names)) {
+  if (!list_names(path, -1, log, hidden_seen,
+                  context != nullptr ? context->list_buffer : own_buffer, names)) {
     return std::nullopt;
   }
   return names;
@@ -241,7 +258,7 @@ std::optional<std::vector<std::string>> extended_attribute_keys(const std::strin
 std::optional<Data> extended_attribute_value(const std::string& name, const std::string& path,
                                              LogSink& log) {
   std::vector<char> buffer;
-  return read_value(name, path, log, buffer);
+  return read_value(name, path, -1, log, buffer);
 }
 
 std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log) {
@@ -253,7 +270,7 @@ std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& 
   Dictionary out;
   std::vector<char> buffer;
   for (const std::string& name : *names) {
-    std::optional<Data> value = read_value(name, path, log, buffer);
+    std::optional<Data> value = read_value(name, path, -1, log, buffer);
     if (value) out.insert_or_assign(name, Value(std::move(*value)));
   }
   return out;

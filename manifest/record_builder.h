@@ -36,9 +36,11 @@ struct RecordContext {
 // attribute dictionary, then the extended attributes, the hash and the link
 // target, stopping at the first that is missing) and its size into `size`.
 // False, with the reason logged, when there is no record (the item cannot be
-// read, or vanished); `e` is then to be discarded.
+// read, or vanished); `e` is then to be discarded. `regular_hint`: the walk
+// saw a regular file here, so it is opened first and read through its
+// descriptor (the record is the same either way).
 bool build_record(const std::string& path, RecordContext& context, LogSink& log, RecordEncoder& e,
-                  std::uint64_t* size);
+                  std::uint64_t* size, bool regular_hint = false);
 
 // The class operations of VTLFileMetadata, with their messages.
 

@@ -45,6 +45,11 @@ std::string child_path(const std::string& parent, const std::string& name) {
 
 }  // namespace
 
+int TreeWalk::stat_item(struct stat* st) const {
+  if (item_directory_ < 0) return ENOENT;
+  return ::fstatat(item_directory_, item_name_.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
 std::string without_trailing_slashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
@@ -121,6 +126,8 @@ bool TreeWalk::next(WalkEvent& event) {
     }
     event.kind = WalkEvent::Kind::kItem;
     event.type = type_of_dirent(entry.type);
+    item_directory_ = ::dirfd(frame.dir);
+    item_name_ = entry.name;
     if (event.type == WalkEvent::Type::kUnknown) {
       struct stat st {};
       if (::fstatat(::dirfd(frame.dir), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {

@@ -20,6 +20,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <functional>
@@ -49,6 +50,9 @@ class TreeWalk {
 
   // The next event, or false when the walk is over.
   bool next(WalkEvent& event);
+  // lstat of the item the last event reported, looked up in its directory
+  // (one name, not the whole path). 0 or an errno value.
+  int stat_item(struct stat* st) const;
 
  private:
   struct Entry {
@@ -72,6 +76,9 @@ class TreeWalk {
   // The directory just reported, to be entered on the next call.
   std::string descend_name_;
   bool descend_ = false;
+  // The item last reported: its directory's descriptor and its name.
+  int item_directory_ = -1;
+  std::string item_name_;
 };
 
 // `path` without trailing slashes ("/" stays "/").
