@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -89,56 +91,47 @@ char32_t next_code_point(std::string_view s, std::size_t& i) {
 
 // --- ByteSink ----------------------------------------------------------------
 
-ByteSink::ByteSink(int fd) : fd_(fd) { buffer_.reserve(kSinkBuffer); }
+ByteSink::ByteSink(std::vector<std::uint8_t>* memory)
+    : memory_(memory), buffer_(new std::uint8_t[kBufferSize]) {}
+
+ByteSink::ByteSink(int fd) : fd_(fd), buffer_(new std::uint8_t[kBufferSize]) {}
+
+ByteSink::~ByteSink() = default;
 
 void ByteSink::write(const void* bytes, std::size_t n) {
   const auto* p = static_cast<const std::uint8_t*>(bytes);
-  if (memory_ != nullptr) {
-    memory_->insert(memory_->end(), p, p + n);
-    return;
+  while (n > 0) {
+    if (used_ == kBufferSize) drain();
+    const std::size_t take = std::min(n, kBufferSize - used_);
+    std::memcpy(buffer_.get() + used_, p, take);
+    used_ += take;
+    p += take;
+    n -= take;
   }
-  if (buffer_.size() + n > buffer_.capacity()) {
-    drain();
-    if (n >= buffer_.capacity()) {
-      // Larger than the buffer: straight through.
-      while (n > 0 && error_ == 0) {
-        const ssize_t w = ::write(fd_, p, n);
-        if (w < 0) {
-          if (errno == EINTR) continue;
-          error_ = errno;
-          break;
-        }
-        p += w;
-        n -= static_cast<std::size_t>(w);
-        written_ += static_cast<std::uint64_t>(w);
-      }
-      written_ += n;  // what could not be written still counts as accepted
-      return;
-    }
-  }
-  buffer_.insert(buffer_.end(), p, p + n);
 }
 
 void ByteSink::drain() {
-  if (memory_ != nullptr) return;
-  const std::uint8_t* p = buffer_.data();
-  std::size_t n = buffer_.size();
-  while (n > 0 && error_ == 0) {
-    const ssize_t w = ::write(fd_, p, n);
-    if (w < 0) {
-      if (errno == EINTR) continue;
-      error_ = errno;
-      break;
+  if (memory_ != nullptr) {
+    memory_->insert(memory_->end(), buffer_.get(), buffer_.get() + used_);
+  } else {
+    const std::uint8_t* p = buffer_.get();
+    std::size_t n = used_;
+    while (n > 0 && error_ == 0) {
+      const ssize_t w = ::write(fd_, p, n);
+      if (w < 0) {
+        if (errno == EINTR) continue;
+        error_ = errno;
+        break;
+      }
+      p += w;
+      n -= static_cast<std::size_t>(w);
     }
-    p += w;
-    n -= static_cast<std::size_t>(w);
   }
-  written_ += buffer_.size();
-  buffer_.clear();
+  drained_ += used_;
+  used_ = 0;
 }
 
 int ByteSink::flush() {
-  if (memory_ != nullptr) return 0;
   drain();
   return error_;
 }
@@ -155,15 +148,84 @@ ObjectWriter::Ref ObjectWriter::begin_object() {
   return offsets_.size() - 1;
 }
 
+namespace {
+
+// Big-endian values of a width known at compile time: a byte swap and a copy.
+template <unsigned Width>
+void store_big_endian(std::uint8_t* p, std::uint64_t value) {
+  if constexpr (Width == 1) {
+    *p = static_cast<std::uint8_t>(value);
+  } else if constexpr (Width == 2) {
+    const auto v = __builtin_bswap16(static_cast<std::uint16_t>(value));
+    std::memcpy(p, &v, 2);
+  } else if constexpr (Width == 4) {
+    const auto v = __builtin_bswap32(static_cast<std::uint32_t>(value));
+    std::memcpy(p, &v, 4);
+  } else {
+    const auto v = __builtin_bswap64(value);
+    std::memcpy(p, &v, 8);
+  }
+}
+
+template <unsigned Width>
+std::uint8_t* store_refs(std::uint8_t* p, std::span<const std::uint64_t> refs) {
+  for (const std::uint64_t ref : refs) {
+    store_big_endian<Width>(p, ref);
+    p += Width;
+  }
+  return p;
+}
+
+}  // namespace
+
 void ObjectWriter::put_big_endian(std::uint64_t value, unsigned width) {
-  for (unsigned i = width; i-- > 0;) sink_.put(static_cast<std::uint8_t>(value >> (8 * i)));
+  std::uint8_t* p = sink_.reserve(width);
+  switch (width) {
+    case 1:
+      store_big_endian<1>(p, value);
+      break;
+    case 2:
+      store_big_endian<2>(p, value);
+      break;
+    case 4:
+      store_big_endian<4>(p, value);
+      break;
+    default:
+      store_big_endian<8>(p, value);
+      break;
+  }
+  sink_.commit(width);
+}
+
+// References in runs that fit the buffer.
+void ObjectWriter::put_refs(std::span<const Ref> refs) {
+  const std::size_t per_run = ByteSink::kBufferSize / 8;
+  for (std::size_t at = 0; at < refs.size(); at += per_run) {
+    const std::span<const Ref> run = refs.subspan(at, std::min(per_run, refs.size() - at));
+    std::uint8_t* p = sink_.reserve(run.size() * ref_size_);
+    switch (ref_size_) {
+      case 1:
+        store_refs<1>(p, run);
+        break;
+      case 2:
+        store_refs<2>(p, run);
+        break;
+      case 4:
+        store_refs<4>(p, run);
+        break;
+      default:
+        store_refs<8>(p, run);
+        break;
+    }
+    sink_.commit(run.size() * ref_size_);
+  }
 }
 
 // A marker byte with a count in its low nibble, or 0xF and an integer object
 // holding the count.
 void ObjectWriter::put_marker(std::uint8_t type, std::uint64_t count) {
   if (count < 15) {
-    sink_.put(static_cast<std::uint8_t>((static_cast<std::uint64_t>(type) << 4) | count));
+    sink_.put(static_cast<std::uint8_t>((type << 4) | count));
     return;
   }
   sink_.put(static_cast<std::uint8_t>((type << 4) | 0x0F));
@@ -171,8 +233,6 @@ void ObjectWriter::put_marker(std::uint8_t type, std::uint64_t count) {
   sink_.put(static_cast<std::uint8_t>(0x10 | std::countr_zero(width)));
   put_big_endian(count, width);
 }
-
-void ObjectWriter::put_ref(Ref ref) { put_big_endian(ref, ref_size_); }
 
 ObjectWriter::Ref ObjectWriter::string(std::string_view utf8) {
   const Ref ref = begin_object();
@@ -200,10 +260,7 @@ ObjectWriter::Ref ObjectWriter::string(std::string_view utf8) {
     }
   }
   put_marker(0x6, utf16_.size());
-  for (char16_t unit : utf16_) {
-    sink_.put(static_cast<std::uint8_t>(unit >> 8));
-    sink_.put(static_cast<std::uint8_t>(unit & 0xFF));
-  }
+  for (char16_t unit : utf16_) put_big_endian(unit, 2);
   return ref;
 }
 
@@ -256,15 +313,15 @@ ObjectWriter::Ref ObjectWriter::data(std::span<const std::uint8_t> bytes) {
 ObjectWriter::Ref ObjectWriter::array(std::span<const Ref> items) {
   const Ref ref = begin_object();
   put_marker(0xA, items.size());
-  for (Ref item : items) put_ref(item);
+  put_refs(items);
   return ref;
 }
 
 ObjectWriter::Ref ObjectWriter::dictionary(std::span<const Ref> keys, std::span<const Ref> values) {
   const Ref ref = begin_object();
   put_marker(0xD, keys.size());
-  for (Ref key : keys) put_ref(key);
-  for (Ref value : values) put_ref(value);
+  put_refs(keys);
+  put_refs(values);
   return ref;
 }
 

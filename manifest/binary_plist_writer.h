@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,40 +36,45 @@
 
 namespace vtl::bplist {
 
-// Buffered output to memory or to a descriptor.
+// Buffered output to memory or to a descriptor, through one 1 MiB buffer.
 class ByteSink {
  public:
   // Appends to `*memory`.
-  explicit ByteSink(std::vector<std::uint8_t>* memory)
-      : memory_(memory), memory_base_(memory->size()) {}
-  // Writes to `fd` (not owned) through a 1 MiB buffer.
+  explicit ByteSink(std::vector<std::uint8_t>* memory);
+  // Writes to `fd` (not owned).
   explicit ByteSink(int fd);
+  ~ByteSink();
+  ByteSink(const ByteSink&) = delete;
+  ByteSink& operator=(const ByteSink&) = delete;
 
   void put(std::uint8_t byte) {
-    if (memory_ != nullptr) {
-      memory_->push_back(byte);
-      return;
-    }
-    if (buffer_.size() == buffer_.capacity()) drain();
-    buffer_.push_back(byte);
+    if (used_ == kBufferSize) drain();
+    buffer_[used_++] = byte;
   }
   void write(const void* bytes, std::size_t n);
-  // Bytes accepted so far.
-  std::uint64_t position() const {
-    return memory_ != nullptr ? memory_->size() - memory_base_ : written_ + buffer_.size();
+  // Room for `n` bytes (at most the buffer's size) to be written at the
+  // returned pointer, then committed with commit(n).
+  std::uint8_t* reserve(std::size_t n) {
+    if (kBufferSize - used_ < n) drain();
+    return buffer_.get() + used_;
   }
+  void commit(std::size_t n) { used_ += n; }
+  // Bytes accepted so far.
+  std::uint64_t position() const { return drained_ + used_; }
   // Writes out what is buffered. 0 or the first errno value met.
   int flush();
+
+  static constexpr std::size_t kBufferSize = std::size_t{1} << 20;
 
  private:
   void drain();
 
   std::vector<std::uint8_t>* memory_ = nullptr;
-  std::size_t memory_base_ = 0;
   int fd_ = -1;
   int error_ = 0;
-  std::uint64_t written_ = 0;
-  std::vector<std::uint8_t> buffer_;
+  std::uint64_t drained_ = 0;
+  std::unique_ptr<std::uint8_t[]> buffer_;
+  std::size_t used_ = 0;
 };
 
 class ObjectWriter {
@@ -97,7 +103,7 @@ class ObjectWriter {
  private:
   Ref begin_object();
   void put_marker(std::uint8_t type, std::uint64_t count);
-  void put_ref(Ref ref);
+  void put_refs(std::span<const Ref> refs);
   void put_big_endian(std::uint64_t value, unsigned width);
 
   ByteSink& sink_;

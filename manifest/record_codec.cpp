@@ -51,8 +51,6 @@ constexpr std::int64_t zigzag_decode(std::uint64_t v) {
   return static_cast<std::int64_t>(v >> 1) ^ -static_cast<std::int64_t>(v & 1);
 }
 
-// Blobs are made in this process by RecordEncoder; a blob that does not parse
-// is a programming error, never input.
 [[noreturn]] void corrupt() { throw std::logic_error("manifest record blob is corrupt"); }
 
 Value decode_value(BlobReader& r, const InternTable* table) {
@@ -147,35 +145,34 @@ std::size_t InternTable::size() const {
 
 // --- RecordEncoder -----------------------------------------------------------
 
-void RecordEncoder::put_varint(std::uint64_t v) {
-  while (v >= 0x80) {
-    body_.push_back(static_cast<char>((v & 0x7F) | 0x80));
-    v >>= 7;
-  }
-  body_.push_back(static_cast<char>(v));
+void RecordEncoder::put_bytes(const void* p, std::size_t n) {
+  ensure(n);
+  std::memcpy(body_.data() + used_, p, n);
+  used_ += n;
 }
 
 void RecordEncoder::put_string(std::uint8_t interned_tag, std::uint8_t inline_tag,
                                std::string_view s) {
   if (table_ != nullptr) {
-    body_.push_back(static_cast<char>(interned_tag));
+    put_byte(static_cast<std::uint8_t>(interned_tag));
     put_varint(table_->intern(s));
   } else {
-    body_.push_back(static_cast<char>(inline_tag));
+    put_byte(static_cast<std::uint8_t>(inline_tag));
     put_varint(s.size());
-    body_.append(s);
+    put_bytes(s.data(), s.size());
   }
 }
 
 void RecordEncoder::begin_dictionary(std::size_t count) {
   ++objects_;
-  body_.push_back(static_cast<char>(table_ != nullptr ? Tag::kDictionary : Tag::kInlineDictionary));
+  put_byte(
+      static_cast<std::uint8_t>(table_ != nullptr ? Tag::kDictionary : Tag::kInlineDictionary));
   put_varint(count);
 }
 
 void RecordEncoder::begin_array(std::size_t count) {
   ++objects_;
-  body_.push_back(static_cast<char>(Tag::kArray));
+  put_byte(static_cast<std::uint8_t>(Tag::kArray));
   put_varint(count);
 }
 
@@ -186,7 +183,7 @@ void RecordEncoder::key(Known k) {
   } else {
     const std::string_view s = known_string(k);
     put_varint(s.size());
-    body_.append(s);
+    put_bytes(s.data(), s.size());
   }
 }
 
@@ -196,20 +193,20 @@ void RecordEncoder::key(std::string_view k) {
     put_varint(table_->intern(k));
   } else {
     put_varint(k.size());
-    body_.append(k);
+    put_bytes(k.data(), k.size());
   }
 }
 
 void RecordEncoder::string(Known k) {
   ++objects_;
   if (table_ != nullptr) {
-    body_.push_back(static_cast<char>(Tag::kString));
+    put_byte(static_cast<std::uint8_t>(Tag::kString));
     put_varint(static_cast<std::uint32_t>(k));
   } else {
     const std::string_view s = known_string(k);
-    body_.push_back(static_cast<char>(Tag::kInlineString));
+    put_byte(static_cast<std::uint8_t>(Tag::kInlineString));
     put_varint(s.size());
-    body_.append(s);
+    put_bytes(s.data(), s.size());
   }
 }
 
@@ -221,33 +218,33 @@ void RecordEncoder::string(std::string_view s) {
 
 void RecordEncoder::integer(std::int64_t i) {
   ++objects_;
-  body_.push_back(static_cast<char>(Tag::kInteger));
+  put_byte(static_cast<std::uint8_t>(Tag::kInteger));
   put_varint(zigzag_encode(i));
 }
 
 void RecordEncoder::real(double d) {
   ++objects_;
-  body_.push_back(static_cast<char>(Tag::kReal));
+  put_byte(static_cast<std::uint8_t>(Tag::kReal));
   const auto bits = std::bit_cast<std::uint64_t>(d);
-  for (int i = 0; i < 8; ++i) body_.push_back(static_cast<char>((bits >> (8 * i)) & 0xFF));
+  for (int i = 0; i < 8; ++i) put_byte(static_cast<std::uint8_t>((bits >> (8 * i)) & 0xFF));
 }
 
 void RecordEncoder::date(Date d) {
   ++objects_;
-  body_.push_back(static_cast<char>(Tag::kDate));
+  put_byte(static_cast<std::uint8_t>(Tag::kDate));
   put_varint(zigzag_encode(d.time_since_epoch().count()));
 }
 
 void RecordEncoder::boolean(bool b) {
   ++objects_;
-  body_.push_back(static_cast<char>(b ? Tag::kTrue : Tag::kFalse));
+  put_byte(static_cast<std::uint8_t>(b ? Tag::kTrue : Tag::kFalse));
 }
 
 void RecordEncoder::data(std::span<const std::uint8_t> bytes) {
   ++objects_;
-  body_.push_back(static_cast<char>(Tag::kData));
+  put_byte(static_cast<std::uint8_t>(Tag::kData));
   put_varint(bytes.size());
-  body_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  put_bytes(bytes.data(), bytes.size());
 }
 
 void RecordEncoder::value(const Value& v) {
@@ -275,46 +272,26 @@ void RecordEncoder::value(const Value& v) {
 }
 
 std::string RecordEncoder::take() {
-  std::string blob;
-  blob.reserve(body_.size() + 10);
+  char bound[10];
+  std::size_t n = 0;
   std::uint64_t v = objects_;
   while (v >= 0x80) {
-    blob.push_back(static_cast<char>((v & 0x7F) | 0x80));
+    bound[n++] = static_cast<char>((v & 0x7F) | 0x80);
     v >>= 7;
   }
-  blob.push_back(static_cast<char>(v));
-  blob.append(body_);
-  body_.clear();
+  bound[n++] = static_cast<char>(v);
+  std::string blob;
+  blob.reserve(n + used_);
+  blob.append(bound, n);
+  blob.append(body_.data(), used_);
+  used_ = 0;
   objects_ = 0;
   return blob;
 }
 
 // --- Reading -----------------------------------------------------------------
 
-BlobReader::BlobReader(std::string_view blob)
-    : p_(reinterpret_cast<const std::uint8_t*>(blob.data())), end_(p_ + blob.size()) {
-  static_cast<void>(varint());  // the object bound
-}
-
-BlobReader::Tag BlobReader::tag() {
-  if (p_ >= end_) corrupt();
-  const std::uint8_t t = *p_++;
-  if (t > static_cast<std::uint8_t>(Tag::kInlineDictionary)) corrupt();
-  return static_cast<Tag>(t);
-}
-
-std::uint64_t BlobReader::varint() {
-  std::uint64_t v = 0;
-  for (int shift = 0; shift < 64; shift += 7) {
-    if (p_ >= end_) corrupt();
-    const std::uint8_t b = *p_++;
-    v |= static_cast<std::uint64_t>(b & 0x7F) << shift;
-    if ((b & 0x80) == 0) return v;
-  }
-  corrupt();
-}
-
-std::int64_t BlobReader::zigzag() { return zigzag_decode(varint()); }
+void BlobReader::corrupt() { ::vtl::manifest::corrupt(); }
 
 double BlobReader::real() {
   if (end_ - p_ < 8) corrupt();
@@ -322,13 +299,6 @@ double BlobReader::real() {
   for (int i = 0; i < 8; ++i) bits |= static_cast<std::uint64_t>(p_[i]) << (8 * i);
   p_ += 8;
   return std::bit_cast<double>(bits);
-}
-
-std::string_view BlobReader::bytes(std::uint64_t length) {
-  if (static_cast<std::uint64_t>(end_ - p_) < length) corrupt();
-  const std::string_view out(reinterpret_cast<const char*>(p_), length);
-  p_ += length;
-  return out;
 }
 
 std::uint64_t blob_object_bound(std::string_view blob) {

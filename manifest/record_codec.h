@@ -28,6 +28,7 @@
 // from outside the process.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -122,11 +123,28 @@ class RecordEncoder {
   std::string take();
 
  private:
-  void put_varint(std::uint64_t v);
+  // Room for `n` more bytes at body_end().
+  void ensure(std::size_t n) {
+    if (body_.size() - used_ < n) body_.resize(std::max(body_.size() * 2, used_ + n + 256));
+  }
+  void put_byte(std::uint8_t b) {
+    ensure(1);
+    body_[used_++] = static_cast<char>(b);
+  }
+  void put_varint(std::uint64_t v) {
+    ensure(10);
+    while (v >= 0x80) {
+      body_[used_++] = static_cast<char>((v & 0x7F) | 0x80);
+      v >>= 7;
+    }
+    body_[used_++] = static_cast<char>(v);
+  }
+  void put_bytes(const void* p, std::size_t n);
   void put_string(std::uint8_t interned_tag, std::uint8_t inline_tag, std::string_view s);
 
   InternTable* table_;
-  std::string body_;
+  std::string body_;      // grown, never shrunk: reused from blob to blob
+  std::size_t used_ = 0;  // bytes of body_ in use
   std::uint64_t objects_ = 0;
 };
 
@@ -154,15 +172,42 @@ class BlobReader {
   };
 
   // Positioned at the value, after the object bound.
-  explicit BlobReader(std::string_view blob);
+  explicit BlobReader(std::string_view blob)
+      : p_(reinterpret_cast<const std::uint8_t*>(blob.data())), end_(p_ + blob.size()) {
+    static_cast<void>(varint());  // the object bound
+  }
 
-  Tag tag();
-  std::uint64_t varint();
-  std::int64_t zigzag();
+  Tag tag() {
+    if (p_ >= end_ || *p_ > static_cast<std::uint8_t>(Tag::kInlineDictionary)) corrupt();
+    return static_cast<Tag>(*p_++);
+  }
+  std::uint64_t varint() {
+    std::uint64_t v = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+      if (p_ >= end_) corrupt();
+      const std::uint8_t b = *p_++;
+      v |= static_cast<std::uint64_t>(b & 0x7F) << shift;
+      if ((b & 0x80) == 0) return v;
+    }
+    corrupt();
+  }
+  std::int64_t zigzag() {
+    const std::uint64_t v = varint();
+    return static_cast<std::int64_t>(v >> 1) ^ -static_cast<std::int64_t>(v & 1);
+  }
   double real();
-  std::string_view bytes(std::uint64_t length);
+  std::string_view bytes(std::uint64_t length) {
+    if (static_cast<std::uint64_t>(end_ - p_) < length) corrupt();
+    const std::string_view out(reinterpret_cast<const char*>(p_), length);
+    p_ += length;
+    return out;
+  }
 
  private:
+  // Blobs are made in this process by RecordEncoder; a blob that does not
+  // parse is a programming error, never input.
+  [[noreturn]] static void corrupt();
+
   const std::uint8_t* p_;
   const std::uint8_t* end_;
 };
