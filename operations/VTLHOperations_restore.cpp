@@ -2,9 +2,15 @@
 // and the promotion of a staging tree into "/var/backup".
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string_view>
+#include <thread>
 #include <unordered_set>
+#include <vector>
 
 #include "manifest/VTLManifest.h"
 #include "manifest/VTLSignedManifest.h"
@@ -120,6 +126,92 @@ std::string absolute_path(const std::string& root, std::string_view relative) {
   return path;
 }
 
+// Restoring is a handful of system calls on each of many independent files;
+// several threads overlap them. Records are decoded by the one thread that
+// reads the manifest and handed over through a short queue, so that memory
+// holds a bounded number of records whatever the count of files. After the
+// first failure no thread takes another file: files not taken keep their
+// attributes, as when one thread walks them.
+class ParallelRestore {
+ public:
+  ParallelRestore(const std::string& root, unsigned threads) : root_(root) {
+    for (unsigned i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
+  }
+  ~ParallelRestore() { finish(); }
+  ParallelRestore(const ParallelRestore&) = delete;
+  ParallelRestore& operator=(const ParallelRestore&) = delete;
+
+  // Queues one file; false once a file has failed (then nothing is queued).
+  bool submit(const std::string& relative, VTLFileMetadata record) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [this] { return queue_.size() < kQueued || failed_; });
+    if (failed_) return false;
+    queue_.emplace_back(relative, std::move(record));
+    ready_.notify_one();
+    return true;
+  }
+  // Waits for every queued file; whether all were restored.
+  bool finish() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    ready_.notify_all();
+    for (std::thread& t : threads_) {
+      if (t.joinable()) t.join();
+    }
+    return !failed_;
+  }
+  void fail() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    failed_ = true;
+    queue_.clear();
+    room_.notify_all();
+  }
+
+ private:
+  static constexpr std::size_t kQueued = 256;
+
+  void work() {
+    // Each thread remembers the directories it has found plain.
+    std::unordered_set<std::string> plain_directories;
+    for (;;) {
+      std::pair<std::string, VTLFileMetadata> item("", VTLFileMetadata(Dictionary{}));
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ready_.wait(lock, [this] { return !queue_.empty() || done_ || failed_; });
+        if (failed_ || queue_.empty()) return;
+        item = std::move(queue_.front());
+        queue_.pop_front();
+        room_.notify_one();
+      }
+      const std::string& relative = item.first;
+      if (!is_plain_path(root_, relative, &plain_directories)) {
+        VTLLog(kNotPlain, kRestoreMethod, relative);
+        fail();
+        return;
+      }
+      if (!item.second.restoreAttribuesToPath(absolute_path(root_, relative))) {
+        fail();
+        return;
+      }
+    }
+  }
+
+  const std::string& root_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::condition_variable room_;
+  std::deque<std::pair<std::string, VTLFileMetadata>> queue_;
+  bool done_ = false;
+  bool failed_ = false;
+  std::vector<std::thread> threads_;
+};
+
+// Threads for a restore: the work waits on the file system more than on a
+// core, so a few more than there are cores.
+unsigned restore_threads() { return std::clamp(2 * std::thread::hardware_concurrency(), 2U, 8U); }
+
 }  // namespace
 
 bool VTLHOperations::restoreAttributesUnder_fromManifest_containerType_identifier(
@@ -138,18 +230,17 @@ bool VTLHOperations::restoreAttributesUnder_fromManifest_containerType_identifie
 
   // Keys of the program's dictionaries are strings by type, so the
   // platform's "Got non-string value from array." case cannot arise here.
-  std::unordered_set<std::string> plain_directories;
+  if (root == nullptr) return manifest.count() == 0;
+  ParallelRestore restore(*root, restore_threads());
   for (const std::string& relative : manifest.pathSet()) {
-    // One record at a time: its Value and path live only for this turn.
     std::optional<VTLFileMetadata> record = manifest.metadataForFile(relative);
-    if (!record || root == nullptr) return false;
-    if (!is_plain_path(*root, relative, &plain_directories)) {
-      VTLLog(kNotPlain, kRestoreMethod, relative);
-      return false;
+    if (!record) {
+      restore.fail();
+      break;
     }
-    if (!record->restoreAttribuesToPath(absolute_path(*root, relative))) return false;
+    if (!restore.submit(relative, std::move(*record))) break;
   }
-  return true;
+  return restore.finish();
 }
 
 bool VTLHOperations::moveStagingToFinal(const std::string* staging) {
