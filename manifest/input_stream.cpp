@@ -64,6 +64,7 @@ std::optional<std::uint64_t> FileInputStream::remaining() const {
 
 long DataInputStream::read(std::span<std::uint8_t> buffer, int* /*error*/) {
   const std::size_t n = std::min(buffer.size(), bytes_.size() - offset_);
+  if (n == 0) return 0;  // an empty source may have no storage at all
   std::memcpy(buffer.data(), bytes_.data() + offset_, n);
   offset_ += n;
   return static_cast<long>(n);
