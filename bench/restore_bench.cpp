@@ -261,7 +261,7 @@ int main(int argc, char** argv) {
   Clock::time_point start = Clock::now();
   make_source(source, options.files, *classes);
   fmt::print("source tree: {} files in {:.1f} s\n", options.files, seconds_since(start));
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
   start = Clock::now();
   vtl::Dictionary records;
   {
