@@ -225,10 +225,10 @@ void ObjectWriter::put_refs(std::span<const Ref> refs) {
 // holding the count.
 void ObjectWriter::put_marker(std::uint8_t type, std::uint64_t count) {
   if (count < 15) {
-    sink_.put(static_cast<std::uint8_t>((type << 4) | count));
+    sink_.put(static_cast<std::uint8_t>((static_cast<std::uint64_t>(type) << 4) | count));
     return;
   }
-  sink_.put(static_cast<std::uint8_t>((type << 4) | 0x0F));
+  sink_.put(static_cast<std::uint8_t>((static_cast<std::uint64_t>(type) << 4) | 0x0F));
   const unsigned width = width_for(count);
   sink_.put(static_cast<std::uint8_t>(0x10 | std::countr_zero(width)));
   put_big_endian(count, width);

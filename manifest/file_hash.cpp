@@ -165,7 +165,9 @@ std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, Lo
   }
   // A file that grew while it was read: what lies beyond its old end was
   // read-ahead of ours.
-  if (dropped_any) ::posix_fadvise(fd.get(), offset, 0, POSIX_FADV_DONTNEED);
+  if (dropped_any && static_cast<std::uint64_t>(offset) > size) {
+    ::posix_fadvise(fd.get(), static_cast<off_t>(size), 0, POSIX_FADV_DONTNEED);
+  }
 
   Data digest(kSha1Length);
   unsigned int length = 0;
