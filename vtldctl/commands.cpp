@@ -50,6 +50,19 @@ const std::vector<Command>& command_table() {
        "moveStagingToFinal:",
        "Replace /var/backup with a staging tree, in one rename",
        {{Kind::kPositional, "PATH", nullptr, "device path of the staging tree"}}},
+      {"create-device-manifest",
+       "createDeviceManifest:",
+       "Record every file under a device path into "
+       "/private/var/VTLWorkContainer/DeviceManifest.plist (/private/var/ means the whole data "
+       "area, with progress)",
+       {{Kind::kPositional, "PATH", "Path", "device path to record"},
+        {Kind::kFlag, "--inclusive", "Inclusive", "record PATH itself too"}}},
+      {"create-hard-link",
+       "createHardLink:",
+       "Stage a file, or a directory as a new tree, by hard links instead of copies",
+       {{Kind::kPositional, "FILE", "FilePath", "device path of what to stage"},
+        {Kind::kPositional, "STAGING", "StagingPath",
+         "new device path in the staging area (must not exist)"}}},
   };
   return table;
 }

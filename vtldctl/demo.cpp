@@ -22,6 +22,7 @@
 
 #include <fmt/format.h>
 
+#include "manifest/VTLFileMetadata.h"
 #include "manifest/manifest_signer.h"
 #include "platform/accounts.h"
 #include "platform/protection_classes.h"
@@ -36,6 +37,7 @@
 #include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
 #include "vtldctl/helper_process.h"
+#include "vtldctl/manifest_tools.h"
 #include "vtldctl/reply_printer.h"
 #include "vtldctl/sim.h"
 
@@ -376,6 +378,93 @@ std::vector<Fact> prescribed_facts(const DemoDevice& d, const std::string& root)
   return facts;
 }
 
+// --- The device manifest and staging by hard links ---
+
+constexpr const char* kNotes = "/private/var/mobile/Library/Notes";
+constexpr const char* kDeviceManifest = "/private/var/VTLWorkContainer/DeviceManifest.plist";
+constexpr const char* kStagedNotes = "/private/var/VTLWorkContainer/VTL_staging/Notes";
+constexpr const char* kStagedTodo = "/private/var/VTLWorkContainer/VTL_staging/todo.txt";
+
+std::string make_notes(const DemoDevice& d) {
+  const std::string lib = "/private/var/mobile/Library";
+  for (const std::string& error :
+       {make_directory(d, std::string(kNotes) + "/archive", 0755),
+        make_directory(d, lib + "/.Trash", 0755),
+        make_file(d, std::string(kNotes) + "/todo.txt", "buy milk\nwrite the manifest\n"),
+        make_file(d, std::string(kNotes) + "/archive/2025.txt", "a year of notes\n"),
+        make_file(d, lib + "/.Trash/old.txt", "thrown away\n")}) {
+    if (!error.empty()) return error;
+  }
+  const std::string todo = d.host_path(std::string(kNotes) + "/todo.txt");
+  static_cast<void>(::chown(todo.c_str(), kMobileId, kMobileId));
+  static_cast<void>(::lsetxattr(todo.c_str(), "user.color", "blue", 4, 0));
+  static_cast<void>(platform::make_xattr_protection_classes()->set(todo, "C"));
+  std::error_code ec;
+  fs::create_symlink("todo.txt", d.host_path(std::string(kNotes) + "/latest"), ec);
+  if (ec) return "cannot link latest: " + ec.message();
+  make_directory(d, "/private/var/VTLWorkContainer/VTL_staging", 0755);
+  return "";
+}
+
+// A record of the device manifest shown as `vtldctl manifest show` shows
+// it, checked against the item itself: type, size, owner and group, mode,
+// the content's SHA-1 and a link's target.
+Fact record_fact(const DemoDevice& d, const vtl::Dictionary& manifest, const std::string& key,
+                 const std::string& item) {
+  auto it = manifest.find(key);
+  if (it == manifest.end()) return Fact{key, "not in the manifest"};
+  Fact fact{record_line(key, it->second), ""};
+  struct stat st {};
+  const std::string host = d.host_path(item);
+  if (::lstat(host.c_str(), &st) != 0) return Fact{fact.text, "the item is gone"};
+  const vtl::Value* attributes = it->second.find("VTLManifestFileAttributes");
+  const vtl::Value* size = attributes == nullptr ? nullptr : attributes->find("FileSize");
+  const vtl::Value* owner = attributes == nullptr ? nullptr : attributes->find("OwnerAccountID");
+  const vtl::Value* mode = attributes == nullptr ? nullptr : attributes->find("PosixPermissions");
+  if (size == nullptr || !(*size == vtl::Value(static_cast<std::int64_t>(st.st_size))) ||
+      owner == nullptr || !(*owner == vtl::Value(static_cast<std::int64_t>(st.st_uid))) ||
+      mode == nullptr || !(*mode == vtl::Value(static_cast<std::int64_t>(st.st_mode & 07777)))) {
+    fact.wrong = "size, owner or mode differ from the item's";
+  }
+  if (S_ISREG(st.st_mode)) {
+    const std::optional<vtl::Data> hash = vtl::VTLFileMetadata::fileHashWithPath(host);
+    const vtl::Value* recorded = it->second.find("VTLManifestFileHash");
+    if (recorded == nullptr || !hash || !(*recorded == vtl::Value(*hash))) {
+      fact.wrong = "the SHA-1 differs from the content's";
+    }
+  }
+  return fact;
+}
+
+std::vector<Fact> manifest_facts(const DemoDevice& d) {
+  std::string error;
+  const std::optional<vtl::Dictionary> manifest = read_manifest(d.host_path(kDeviceManifest), &error);
+  if (!manifest) return {Fact{kDeviceManifest, error}};
+  std::vector<Fact> facts = {Fact{fmt::format("{}: {} records, among them:", kDeviceManifest,
+                                              manifest->size()),
+                                  ""}};
+  const std::string lib = "/private/var/mobile/Library";
+  for (const char* key : {"/Notes", "/Notes/todo.txt", "/Notes/latest", "/Notes/archive/2025.txt"}) {
+    facts.push_back(record_fact(d, *manifest, key, lib + key));
+  }
+  facts.push_back(Fact{"/.Trash and what is in it: not recorded (a hidden entry of the walked folder)",
+                       manifest->contains("/.Trash") || manifest->contains("/.Trash/old.txt")
+                           ? "it is in the manifest"
+                           : ""});
+  return facts;
+}
+
+Fact shares_inode(const DemoDevice& d, const std::string& original, const std::string& staged) {
+  struct stat a {};
+  struct stat b {};
+  if (::lstat(d.host_path(original).c_str(), &a) != 0 ||
+      ::lstat(d.host_path(staged).c_str(), &b) != 0) {
+    return Fact{staged, "missing"};
+  }
+  return Fact{fmt::format("{:<10}  inode {:<9} {}", mode_string(b.st_mode), b.st_ino, staged),
+              a.st_ino == b.st_ino && a.st_dev == b.st_dev ? "" : "not the original's inode"};
+}
+
 // The story, in order. A later command joins the demo as one more step.
 std::vector<Step> demo_steps() {
   const std::string work = kWorkContainer;
@@ -476,6 +565,69 @@ std::vector<Step> demo_steps() {
       false,
       "False, as it should be, and nothing was created:",
       [](const DemoDevice& d) { return std::vector<Fact>{look(d, kRefusedLogPath, gone())}; }});
+
+  steps.push_back(Step{
+      "Record a device manifest",
+      "Before staging anything the client wants to know what is already on the device.\n"
+      "The helper walks a folder as root, hashes every file on every core, and writes\n"
+      "each item's type, size, owner, mode, protection class, extended attributes,\n"
+      "SHA-1 and link target to " +
+          std::string(kDeviceManifest) +
+          ",\n"
+          "a binary property list the client can read. Hidden entries of the folder itself\n"
+          "are left out; /private/var/ would record the whole data area, with progress.",
+      make_notes,
+      "create-device-manifest",
+      {"/private/var/mobile/Library"},
+      true,
+      "Written; a few of its records (as `vtldctl manifest show` prints them), each\n"
+      "checked against the item on disk:",
+      manifest_facts});
+
+  steps.push_back(Step{
+      "Stage a file by hard link",
+      "A file the device already has need not be copied into the staging area: the\n"
+      "helper links it there, so both names share one inode and no data moves.",
+      nullptr,
+      "create-hard-link",
+      {std::string(kNotes) + "/todo.txt", kStagedTodo},
+      true,
+      "The staged name is the same file:",
+      [](const DemoDevice& d) {
+        return std::vector<Fact>{shares_inode(d, std::string(kNotes) + "/todo.txt", kStagedTodo)};
+      }});
+
+  steps.push_back(Step{
+      "Stage a directory by hard links",
+      "A directory becomes a new directory tree in the staging area whose files (and\n"
+      "links) are hard links to the originals.",
+      nullptr,
+      "create-hard-link",
+      {kNotes, kStagedNotes},
+      true,
+      "New directories, the same files:",
+      [](const DemoDevice& d) {
+        const std::string notes = kNotes;
+        const std::string staged = kStagedNotes;
+        std::vector<Fact> facts = {look(d, staged, there())};
+        for (const char* item : {"/todo.txt", "/latest", "/archive/2025.txt"}) {
+          facts.push_back(shares_inode(d, notes + item, staged + item));
+        }
+        return facts;
+      }});
+
+  steps.push_back(Step{
+      "Refuse to stage over an existing path",
+      "The staging path must be new: linking onto one that exists fails, and what is\n"
+      "there stays as it was.",
+      nullptr,
+      "create-hard-link",
+      {std::string(kNotes) + "/archive/2025.txt", kStagedTodo},
+      false,
+      "False, as it should be; the staged todo.txt is still the original's:",
+      [](const DemoDevice& d) {
+        return std::vector<Fact>{shares_inode(d, std::string(kNotes) + "/todo.txt", kStagedTodo)};
+      }});
 
   steps.push_back(
       Step{"Remove the work container",
@@ -603,6 +755,9 @@ bool run_step(int number, const Step& step, const DemoDevice& device, krx::Clien
   }
   Arguments arguments;
   arguments.positionals = step.arguments;
+  for (const Parameter& parameter : command->parameters) {
+    if (parameter.kind == Parameter::Kind::kFlag) arguments.flags.push_back(false);
+  }
   const krx::Value request = build_request(*command, arguments);
   std::string command_line = fmt::format("$ vtldctl --root {} {}", device.root(), command->name);
   for (const std::string& argument : step.arguments) command_line += " " + argument;

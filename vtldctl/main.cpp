@@ -23,6 +23,7 @@
 #include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
 #include "vtldctl/json_request.h"
+#include "vtldctl/manifest_tools.h"
 #include "vtldctl/reply_printer.h"
 #include "vtldctl/signed_manifest.h"
 #include "vtldctl/sim.h"
@@ -201,6 +202,24 @@ int run(int argc, char** argv) {
   disk_show->add_option("DISK", disk_path, "A block device or a disk image, e.g. DIR/dev/rdisk0s1")
       ->required();
 
+  std::string manifest_a;
+  std::string manifest_b;
+  bool manifest_json = false;
+  CLI::App* manifest = app.add_subcommand("manifest", "Show and compare manifests");
+  manifest->require_subcommand(1);
+  CLI::App* device_manifest_show = manifest->add_subcommand(
+      "show", "Show a manifest (the device manifest, for one) one record per line");
+  device_manifest_show->add_option("FILE", manifest_a, "The manifest property list")->required();
+  device_manifest_show->add_flag("--json", manifest_json,
+                                 "The whole manifest as JSON (data as hex, dates as ISO 8601)");
+  CLI::App* device_manifest_diff = manifest->add_subcommand(
+      "diff", "How the records of B differ from those of A, as the helper compares them");
+  device_manifest_diff->add_option("A", manifest_a, "The first manifest")->required();
+  device_manifest_diff->add_option("B", manifest_b, "The second manifest")->required();
+  device_manifest_diff->footer(
+      "Exit status: 0 when nothing differs, 1 when something does, 4 when a file cannot be\n"
+      "read as a manifest.");
+
   vtldctl::SignedManifestCreateOptions create_options;
   std::string manifest_file;
   CLI::App* signed_manifest =
@@ -287,6 +306,12 @@ int run(int argc, char** argv) {
   }
   if (sim_create->parsed()) return vtldctl::sim_create(sim_dir, stdout, stderr);
   if (disk_show->parsed()) return vtldctl::disk_show(disk_path, stdout, stderr);
+  if (device_manifest_show->parsed()) {
+    return vtldctl::manifest_show(manifest_a, manifest_json, stdout, stderr);
+  }
+  if (device_manifest_diff->parsed()) {
+    return vtldctl::manifest_diff(manifest_a, manifest_b, stdout, stderr);
+  }
   if (manifest_create->parsed()) {
     create_options.device_root = global.root;
     return vtldctl::signed_manifest_create(create_options, stdout, stderr);
