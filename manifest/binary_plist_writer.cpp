@@ -441,8 +441,12 @@ int replace_file_with(const std::string& path, unsigned mode, int (*produce)(int
   int fd = -1;
   for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
     char suffix[17];
-    std::snprintf(suffix, sizeof suffix, "%08x%08x", random(), random());
-    temporary = directory + "/." + name + "." + suffix;
+    static_cast<void>(std::snprintf(suffix, sizeof suffix, "%08x%08x", random(), random()));
+    temporary = directory;
+    temporary += "/.";
+    temporary += name;
+    temporary += '.';
+    temporary += suffix;
     fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                 static_cast<mode_t>(mode & 07777));
     if (fd < 0 && errno != EEXIST) return errno;
