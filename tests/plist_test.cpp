@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cmath>
@@ -114,8 +115,9 @@ Bytes date_object(double seconds_since_2001) {
 }
 
 Bytes ascii(std::string_view s) {
-  Bytes b{static_cast<std::uint8_t>(0x50 | s.size())};
-  b.insert(b.end(), s.begin(), s.end());
+  Bytes b(1 + s.size());
+  b[0] = static_cast<std::uint8_t>(0x50 | s.size());
+  std::copy(s.begin(), s.end(), b.begin() + 1);
   return b;
 }
 
