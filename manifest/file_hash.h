@@ -34,6 +34,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,7 +67,11 @@ class FileHasher {
   std::optional<Data> hash(int fd, const std::string& path, LogSink& log);
 
  private:
-  std::unique_ptr<std::uint8_t[]> buffer_;
+  // Page-aligned, so freed with the alignment it was allocated with.
+  struct PageAlignedDelete {
+    void operator()(std::uint8_t* p) const { ::operator delete[](p, std::align_val_t{4096}); }
+  };
+  std::unique_ptr<std::uint8_t[], PageAlignedDelete> buffer_;
   EVP_MD_CTX* context_ = nullptr;
   EVP_MD* sha1_ = nullptr;
 };
