@@ -17,7 +17,6 @@
 namespace vtl::bplist {
 namespace {
 
-constexpr std::size_t kSinkBuffer = std::size_t{1} << 20;
 // Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
 constexpr std::int64_t kPlistEpoch = 978307200;
 
