@@ -47,10 +47,6 @@ constexpr std::uint64_t zigzag_encode(std::int64_t v) {
   return (static_cast<std::uint64_t>(v) << 1) ^ static_cast<std::uint64_t>(v >> 63);
 }
 
-constexpr std::int64_t zigzag_decode(std::uint64_t v) {
-  return static_cast<std::int64_t>(v >> 1) ^ -static_cast<std::int64_t>(v & 1);
-}
-
 [[noreturn]] void corrupt() { throw std::logic_error("manifest record blob is corrupt"); }
 
 Value decode_value(BlobReader& r, const InternTable* table) {
