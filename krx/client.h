@@ -15,8 +15,7 @@ class Client {
  public:
   // Connects to <run_dir>/<service_name>. nullopt and `error` set on failure.
   static std::optional<Client> connect_service(const std::string& run_dir,
-                                               const std::string& service_name,
-                                               std::string* error);
+                                               const std::string& service_name, std::string* error);
   static std::optional<Client> connect_path(const std::string& socket_path, std::string* error);
   // Over an already-connected stream socket (takes ownership).
   static Client from_socket(int fd);

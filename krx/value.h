@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -64,9 +65,8 @@ class Value {
                                std::string, Uuid, Fd, Array, Dictionary>;
 
   Value() = default;  // null
-  template <typename T>
-    requires std::is_constructible_v<Storage, T&&>
-  Value(T&& v) : storage_(std::forward<T>(v)) {}  // NOLINT(google-explicit-constructor)
+  template <typename T, std::enable_if_t<std::is_constructible_v<Storage, T&&>, int> = 0>
+  Value(T&& v) : storage_(std::forward<T>(v)) {}      // NOLINT(google-explicit-constructor)
   Value(const char* s) : storage_(std::string(s)) {}  // NOLINT(google-explicit-constructor)
 
   Type type() const { return static_cast<Type>(kTypes[storage_.index()]); }

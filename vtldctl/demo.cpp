@@ -438,19 +438,21 @@ Fact record_fact(const DemoDevice& d, const vtl::Dictionary& manifest, const std
 
 std::vector<Fact> manifest_facts(const DemoDevice& d) {
   std::string error;
-  const std::optional<vtl::Dictionary> manifest = read_manifest(d.host_path(kDeviceManifest), &error);
+  const std::optional<vtl::Dictionary> manifest =
+      read_manifest(d.host_path(kDeviceManifest), &error);
   if (!manifest) return {Fact{kDeviceManifest, error}};
-  std::vector<Fact> facts = {Fact{fmt::format("{}: {} records, among them:", kDeviceManifest,
-                                              manifest->size()),
-                                  ""}};
+  std::vector<Fact> facts = {
+      Fact{fmt::format("{}: {} records, among them:", kDeviceManifest, manifest->size()), ""}};
   const std::string lib = "/private/var/mobile/Library";
-  for (const char* key : {"/Notes", "/Notes/todo.txt", "/Notes/latest", "/Notes/archive/2025.txt"}) {
+  for (const char* key :
+       {"/Notes", "/Notes/todo.txt", "/Notes/latest", "/Notes/archive/2025.txt"}) {
     facts.push_back(record_fact(d, *manifest, key, lib + key));
   }
-  facts.push_back(Fact{"/.Trash and what is in it: not recorded (a hidden entry of the walked folder)",
-                       manifest->contains("/.Trash") || manifest->contains("/.Trash/old.txt")
-                           ? "it is in the manifest"
-                           : ""});
+  facts.push_back(
+      Fact{"/.Trash and what is in it: not recorded (a hidden entry of the walked folder)",
+           manifest->contains("/.Trash") || manifest->contains("/.Trash/old.txt")
+               ? "it is in the manifest"
+               : ""});
   return facts;
 }
 
@@ -566,23 +568,23 @@ std::vector<Step> demo_steps() {
       "False, as it should be, and nothing was created:",
       [](const DemoDevice& d) { return std::vector<Fact>{look(d, kRefusedLogPath, gone())}; }});
 
-  steps.push_back(Step{
-      "Record a device manifest",
-      "Before staging anything the client wants to know what is already on the device.\n"
-      "The helper walks a folder as root, hashes every file on every core, and writes\n"
-      "each item's type, size, owner, mode, protection class, extended attributes,\n"
-      "SHA-1 and link target to " +
-          std::string(kDeviceManifest) +
-          ",\n"
-          "a binary property list the client can read. Hidden entries of the folder itself\n"
-          "are left out; /private/var/ would record the whole data area, with progress.",
-      make_notes,
-      "create-device-manifest",
-      {"/private/var/mobile/Library"},
-      true,
-      "Written; a few of its records (as `vtldctl manifest show` prints them), each\n"
-      "checked against the item on disk:",
-      manifest_facts});
+  steps.push_back(
+      Step{"Record a device manifest",
+           "Before staging anything the client wants to know what is already on the device.\n"
+           "The helper walks a folder as root, hashes every file on every core, and writes\n"
+           "each item's type, size, owner, mode, protection class, extended attributes,\n"
+           "SHA-1 and link target to " +
+               std::string(kDeviceManifest) +
+               ",\n"
+               "a binary property list the client can read. Hidden entries of the folder itself\n"
+               "are left out; /private/var/ would record the whole data area, with progress.",
+           make_notes,
+           "create-device-manifest",
+           {"/private/var/mobile/Library"},
+           true,
+           "Written; a few of its records (as `vtldctl manifest show` prints them), each\n"
+           "checked against the item on disk:",
+           manifest_facts});
 
   steps.push_back(Step{
       "Stage a file by hard link",
@@ -597,24 +599,24 @@ std::vector<Step> demo_steps() {
         return std::vector<Fact>{shares_inode(d, std::string(kNotes) + "/todo.txt", kStagedTodo)};
       }});
 
-  steps.push_back(Step{
-      "Stage a directory by hard links",
-      "A directory becomes a new directory tree in the staging area whose files (and\n"
-      "links) are hard links to the originals.",
-      nullptr,
-      "create-hard-link",
-      {kNotes, kStagedNotes},
-      true,
-      "New directories, the same files:",
-      [](const DemoDevice& d) {
-        const std::string notes = kNotes;
-        const std::string staged = kStagedNotes;
-        std::vector<Fact> facts = {look(d, staged, there())};
-        for (const char* item : {"/todo.txt", "/latest", "/archive/2025.txt"}) {
-          facts.push_back(shares_inode(d, notes + item, staged + item));
-        }
-        return facts;
-      }});
+  steps.push_back(
+      Step{"Stage a directory by hard links",
+           "A directory becomes a new directory tree in the staging area whose files (and\n"
+           "links) are hard links to the originals.",
+           nullptr,
+           "create-hard-link",
+           {kNotes, kStagedNotes},
+           true,
+           "New directories, the same files:",
+           [](const DemoDevice& d) {
+             const std::string notes = kNotes;
+             const std::string staged = kStagedNotes;
+             std::vector<Fact> facts = {look(d, staged, there())};
+             for (const char* item : {"/todo.txt", "/latest", "/archive/2025.txt"}) {
+               facts.push_back(shares_inode(d, notes + item, staged + item));
+             }
+             return facts;
+           }});
 
   steps.push_back(Step{
       "Refuse to stage over an existing path",
