@@ -214,7 +214,8 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
     e.data(value);
   }
   e.key(Known::kFileHash);
-  e.data(*hash);
+  // A link has no hash of its own: its record carries empty data.
+  e.data(hash ? std::span<const std::uint8_t>(*hash) : std::span<const std::uint8_t>());
   if (is_link && !target) return true;
   e.key(Known::kSymbolicLinkTargetFile);
   if (is_link) {

@@ -142,6 +142,7 @@ std::size_t InternTable::size() const {
 // --- RecordEncoder -----------------------------------------------------------
 
 void RecordEncoder::put_bytes(const void* p, std::size_t n) {
+  if (n == 0) return;  // empty data may come without a buffer at all
   ensure(n);
   std::memcpy(body_.data() + used_, p, n);
   used_ += n;
