@@ -733,25 +733,29 @@ int bind_listener(std::string_view service_name) {
   if (!socket_address(path, &addr)) return -1;
   struct stat st {};
   if (lstat(path.c_str(), &st) == 0) {
-    // Only a socket left behind by an earlier run is removed; any other file
-    // there is not ours to delete, and bind below reports it.
-    if (S_ISSOCK(st.st_mode)) {
-      if (someone_listens(addr)) return -1;
-      unlink(path.c_str());
-    }
+    // Only a socket left behind by an earlier run is replaced; any other file
+    // there is not ours to delete.
+    if (!S_ISSOCK(st.st_mode) || someone_listens(addr)) return -1;
   }
+  // The socket is made under a hidden name and moved into place once it
+  // listens: a client that finds the service's socket can always connect.
+  const std::string staging =
+      run_directory() + "/." + std::string(service_name) + "." + std::to_string(getpid());
+  sockaddr_un staging_addr{};
+  if (!socket_address(staging, &staging_addr)) return -1;
+  unlink(staging.c_str());
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&staging_addr), sizeof staging_addr) != 0) {
     close(fd);
     return -1;
   }
   // Any local user may connect: who may do what is decided per message from
-  // the peer's entitlements, not by the socket's mode. Set before listen(),
-  // so no client ever sees a narrower mode.
-  if (chmod(path.c_str(), 0666) != 0 || listen(fd, SOMAXCONN) != 0) {
+  // the peer's entitlements, not by the socket's mode.
+  if (chmod(staging.c_str(), 0666) != 0 || listen(fd, SOMAXCONN) != 0 ||
+      rename(staging.c_str(), path.c_str()) != 0) {
     close(fd);
-    unlink(path.c_str());
+    unlink(staging.c_str());
     return -1;
   }
   return fd;

@@ -223,6 +223,13 @@ TEST_F(KrxConnectionTest, ListenerSocketIsOpenToEveryLocalUser) {
   ASSERT_EQ(lstat(socket_path().c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   EXPECT_EQ(st.st_mode & 0777, 0666u);
+  // The socket is made under another name and moved into place; nothing of
+  // that is left behind.
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+    names.push_back(entry.path().filename().string());
+  }
+  EXPECT_EQ(names, std::vector<std::string>{name_});
 }
 
 TEST_F(KrxConnectionTest, ListenerCannotBeCreated) {
