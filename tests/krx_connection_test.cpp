@@ -403,17 +403,21 @@ TEST_F(KrxConnectionTest, DescriptorsSentAlongAreClosedUnused) {
 }
 
 TEST_F(KrxConnectionTest, EventsOfAllConnectionsRunOneAtATime) {
-  std::atomic<int> inside{0};
-  std::atomic<int> most_inside{0};
-  server_->on_message = [&inside, &most_inside](const std::shared_ptr<Connection>& c,
-                                                const Event& e) {
-    const int now = ++inside;
-    int seen = most_inside.load();
-    while (now > seen && !most_inside.compare_exchange_weak(seen, now)) {
+  // Shared with the handler, which may still be finishing its last request
+  // when the test has seen every reply.
+  struct Counters {
+    std::atomic<int> inside{0};
+    std::atomic<int> most_inside{0};
+  };
+  auto counters = std::make_shared<Counters>();
+  server_->on_message = [counters](const std::shared_ptr<Connection>& c, const Event& e) {
+    const int now = ++counters->inside;
+    int seen = counters->most_inside.load();
+    while (now > seen && !counters->most_inside.compare_exchange_weak(seen, now)) {
     }
     std::this_thread::sleep_for(5ms);
     c->send_message(make_dictionary("Reply", e.message()));  // the reply is part of the request
-    --inside;
+    --counters->inside;
   };
   ASSERT_NE(server_->listen(name_), nullptr);
   constexpr int kClients = 3;
@@ -434,7 +438,7 @@ TEST_F(KrxConnectionTest, EventsOfAllConnectionsRunOneAtATime) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(replies.load(), kClients * kRequests);
-  EXPECT_EQ(most_inside.load(), 1);
+  EXPECT_EQ(counters->most_inside.load(), 1);
 
   // One queue thread for every connection, and not the caller's.
   const auto records = server_->records();
@@ -442,7 +446,6 @@ TEST_F(KrxConnectionTest, EventsOfAllConnectionsRunOneAtATime) {
     EXPECT_EQ(r.thread, records.front().thread);
   }
   EXPECT_NE(records.front().thread, std::this_thread::get_id());
-  server_->on_message = [](const std::shared_ptr<Connection>&, const Event&) {};
 }
 
 TEST_F(KrxConnectionTest, NewConnectionIsSilentUntilResumed) {
