@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -63,19 +64,29 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   testsupport::Device device;
   const std::string socket = device.socket_path();
   const std::string helper = testsupport::program_path("vtld_helper");
-  const std::string root = device.root();
+  const std::string& root = device.root();
   const std::string log = root + ".activated.stderr";
+  // The activator hands its children only the environment it is told to:
+  // the sanitizer build's helper, confined without /proc, cannot check for
+  // leaks.
+  const std::vector<std::string> args = {*activate,
+                                         "-l",
+                                         socket,
+                                         "-E",
+                                         "ASAN_OPTIONS=detect_leaks=0",
+                                         "--fdname=com.tessal.vantreldhelper",
+                                         helper,
+                                         "--root",
+                                         root};
+  std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
   const pid_t pid = ::fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
-    std::freopen(log.c_str(), "w", stderr);
-    // The activator hands its children only the environment it is told to:
-    // the sanitizer build's helper, confined without /proc, cannot check for
-    // leaks.
-    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-    ::execl(activate->c_str(), activate->c_str(), "-l", socket.c_str(), "-E", "ASAN_OPTIONS",
-            "--fdname=com.tessal.vantreldhelper", helper.c_str(), "--root", root.c_str(),
-            static_cast<char*>(nullptr));
+    if (std::freopen(log.c_str(), "w", stderr) == nullptr) ::_exit(127);
+    ::execv(argv[0], argv.data());
     ::_exit(127);
   }
   // The activator binds the socket; the helper starts only once a client is
