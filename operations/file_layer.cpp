@@ -55,8 +55,8 @@ int set_mode(const std::string& path, mode_t mode) {
     error = errno;
   } else if (opened.st_ino != seen.st_ino || opened.st_dev != seen.st_dev) {
     error = ESTALE;  // replaced between the look and the open
-  } else if (::fchmod(fd, mode) != 0) {
-    error = errno;
+  } else {
+    error = ::fchmod(fd, mode) == 0 ? 0 : errno;
   }
   ::close(fd);
   return error;

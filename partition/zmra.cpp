@@ -30,6 +30,7 @@ void report(const char* format, ...) {
   char line[256];
   va_list args;
   va_start(args, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
   const int n = std::vsnprintf(line, sizeof line, format, args);
   va_end(args);
   if (n < 0) return;

@@ -55,7 +55,7 @@ std::string json_name(const std::array<std::uint8_t, kZmraNameBytes>& name) {
       out += static_cast<char>(unit);
     } else {
       char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04X", unit);
+      static_cast<void>(std::snprintf(escape, sizeof escape, "\\u%04X", unit));
       out += escape;
     }
   }

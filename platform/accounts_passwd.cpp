@@ -42,7 +42,7 @@ void scan(const std::string& path, Reader reader, const std::function<bool(const
 
 class PasswdAccounts final : public Accounts {
  public:
-  explicit PasswdAccounts(std::string root)
+  explicit PasswdAccounts(const std::string& root)
       : passwd_(under_root(root, "/etc/passwd")), group_(under_root(root, "/etc/group")) {}
 
   std::optional<uid_t> user_id(std::string_view name) const override {

@@ -137,7 +137,7 @@ class ExecutableTask final : public CodeSigning::Task {
 
 class EntitlementFiles final : public CodeSigning {
  public:
-  EntitlementFiles(std::string root, int proc_dir_fd)
+  EntitlementFiles(const std::string& root, int proc_dir_fd)
       : dir_(under_root(root, kEntitlementsDirectory)), proc_(proc_dir_fd) {}
 
   std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token) override {

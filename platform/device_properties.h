@@ -33,7 +33,7 @@ class DeviceProperties {
 // <root>/sim/device-properties.plist, read on every question, so a test or a
 // developer can change them while the helper runs. The simulated file
 // system's resize keeps "DiskUsage" in step with the data volume.
-std::unique_ptr<DeviceProperties> make_sim_device_properties(std::string root);
+std::unique_ptr<DeviceProperties> make_sim_device_properties(const std::string& root);
 
 // Linux host: "DiskUsage" from statvfs of the data volume mounted at
 // `data_volume` (capacity: all blocks; available: the blocks an

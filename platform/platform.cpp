@@ -12,7 +12,8 @@ Platform* g_current = nullptr;
 Platform& current() {
   if (g_current == nullptr) {
     // A programming error, not a runtime condition: say so loudly.
-    std::fputs("platform::current() called before platform::install()\n", stderr);
+    static_cast<void>(
+        std::fputs("platform::current() called before platform::install()\n", stderr));
     std::abort();
   }
   return *g_current;

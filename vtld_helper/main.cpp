@@ -47,7 +47,7 @@ constexpr const char* kUsage =
     "               block device node, the data volume a file system mounted in DIR\n";
 
 [[noreturn]] void fail(const std::string& message) {
-  std::fprintf(stderr, "vtld_helper: %s\n", message.c_str());
+  static_cast<void>(std::fprintf(stderr, "vtld_helper: %s\n", message.c_str()));
   std::exit(1);
 }
 
@@ -79,10 +79,10 @@ int main(int argc, char** argv) {
     } else if (arg == "--host-disks") {
       host_disks = true;
     } else if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
+      static_cast<void>(std::fputs(kUsage, stdout));
       return 0;
     } else {
-      std::fputs(kUsage, stderr);
+      static_cast<void>(std::fputs(kUsage, stderr));
       return 2;
     }
   }
@@ -91,7 +91,7 @@ int main(int argc, char** argv) {
   // creates should inherit a caller's looser mask.
   ::umask(022);
   // A client that goes away mid-reply must not take the helper with it.
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 
   std::unique_ptr<platform::SystemLog> system_log;
   int proc_fd = -1;

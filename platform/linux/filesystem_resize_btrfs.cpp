@@ -20,7 +20,8 @@ class BtrfsFileSystemResize final : public FileSystemResize {
     const int fd = ::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return errno;
     btrfs_ioctl_vol_args args{};
-    std::snprintf(args.name, sizeof args.name, "%llu", static_cast<unsigned long long>(new_size));
+    static_cast<void>(std::snprintf(args.name, sizeof args.name, "%llu",
+                                    static_cast<unsigned long long>(new_size)));
     const int error = ::ioctl(fd, BTRFS_IOC_RESIZE, &args) == 0 ? 0 : errno;
     ::close(fd);
     return error;

@@ -134,14 +134,11 @@ class LinuxDiskDevice final : public DiskDevice {
       const std::uint64_t length = (last - first + 1) * *size;
       const int error = blkpg(fd_, BLKPG_RESIZE_PARTITION, number, start, length);
       if (error == 0) continue;
-      if (error == ENXIO) {
-        pending.push_back({number, start, length, true});
-      } else if (error == EINVAL && blkpg(fd_, BLKPG_DEL_PARTITION, number, 0, 0) == 0) {
-        // It moved: only a partition nobody uses can be taken out.
-        pending.push_back({number, start, length, true});
-      } else {
-        pending.push_back({number, start, length, false});
-      }
+      // Not there yet: added below. It moved: only a partition nobody uses
+      // can be taken out, and is added again below. Otherwise resized again.
+      const bool add =
+          error == ENXIO || (error == EINVAL && blkpg(fd_, BLKPG_DEL_PARTITION, number, 0, 0) == 0);
+      pending.push_back({number, start, length, add});
     }
     for (const bool adding : {false, true}) {
       for (const Pending& p : pending) {

@@ -23,7 +23,7 @@ class SimDeviceProperties final : public DeviceProperties {
 
 }  // namespace
 
-std::unique_ptr<DeviceProperties> make_sim_device_properties(std::string root) {
+std::unique_ptr<DeviceProperties> make_sim_device_properties(const std::string& root) {
   return std::make_unique<SimDeviceProperties>(root);
 }
 

@@ -12,7 +12,7 @@ constexpr DeviceRegistry::Entry kOptionsNode = 1;
 
 class SimRegistry final : public DeviceRegistry {
  public:
-  explicit SimRegistry(std::string root)
+  explicit SimRegistry(const std::string& root)
       : store_(under_root(root, "/sim/nvram.plist")),
         faults_path_(under_root(root, "/sim/registry-faults.plist")) {}
 

@@ -15,7 +15,7 @@ namespace {
 
 class SimPower final : public Power {
  public:
-  explicit SimPower(std::string root) : path_(under_root(root, "/sim/reboots.plist")) {}
+  explicit SimPower(const std::string& root) : path_(under_root(root, "/sim/reboots.plist")) {}
 
   void reboot(int howto) override {
     vtl::Array reboots;
