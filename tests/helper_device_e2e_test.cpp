@@ -37,7 +37,7 @@ int unix_socket(int type, const std::string& path) {
   const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  static_cast<void>(std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str()));
   if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return -1;
   return fd;
 }

@@ -44,7 +44,7 @@ std::string sha256_file(const std::string& path) {
   std::string hex;
   for (unsigned i = 0; i < size; ++i) {
     char b[3];
-    std::snprintf(b, sizeof b, "%02x", digest[i]);
+    static_cast<void>(std::snprintf(b, sizeof b, "%02x", digest[i]));
     hex += b;
   }
   return hex;

@@ -132,7 +132,7 @@ class LogModelTest : public ::testing::Test {
     model().setLogFP(nullptr);
     model().setClock(nullptr);
     model().setSystemLog(nullptr);
-    for (FILE* fp : streams_) std::fclose(fp);
+    for (FILE* fp : streams_) static_cast<void>(std::fclose(fp));
   }
   static VTLLogModel& model() { return VTLLogModel::sharedInstance(); }
   void remember_stream() {
@@ -295,8 +295,9 @@ TEST_F(LogModelTest, EntriesExpireStrictlyAfterTheGivenDays) {
     remember_stream();
     EXPECT_EQ(fs::exists(old_log), step.kept) << date_description(step.now);
     const std::string cutoff = date_description(step.now - seconds(5 * kDay));
-    EXPECT_TRUE(
-        log_.contains("Checking existing log file (full path) " + old_log + " against " + cutoff));
+    std::string checking = "Checking existing log file (full path) ";
+    checking.append(old_log).append(" against ").append(cutoff);
+    EXPECT_TRUE(log_.contains(checking));
   }
   EXPECT_TRUE(log_.contains("Removing " + old_log + " whose creation date is " +
                             date_description(created) + "."));
@@ -362,6 +363,7 @@ TEST_F(LogModelTest, ConcurrentLinesNeverInterleave) {
   constexpr int kThreads = 8;
   constexpr int kLines = 400;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < kLines; ++i) {

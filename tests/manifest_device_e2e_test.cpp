@@ -205,14 +205,16 @@ TEST_F(DeviceManifestTest, PythonsPlistlibReadsTheManifest) {
     std::string hex;
     for (std::uint8_t b : *r.find("VTLManifestFileHash")->data()) {
       char two[3];
-      std::snprintf(two, sizeof two, "%02x", b);
+      static_cast<void>(std::snprintf(two, sizeof two, "%02x", b));
       hex += two;
     }
     const auto days = std::chrono::floor<std::chrono::days>(*a.find("ModificationDate")->date());
-    expected += k + "|" + *a.find("FileType")->string() + "|" +
-                std::to_string(*a.find("FileSize")->integer()) + "|" + hex + "|" +
-                *r.find("VTLManifestSymbolicLinkTargetFile")->string() + "|" +
-                std::to_string(static_cast<int>(std::chrono::year_month_day(days).year())) + "\n";
+    expected.append(k).append("|").append(*a.find("FileType")->string()).append("|");
+    expected.append(std::to_string(*a.find("FileSize")->integer())).append("|");
+    expected.append(hex).append("|");
+    expected.append(*r.find("VTLManifestSymbolicLinkTargetFile")->string()).append("|");
+    expected.append(std::to_string(static_cast<int>(std::chrono::year_month_day(days).year())));
+    expected.append("\n");
   }
   EXPECT_EQ(output, expected);
   EXPECT_GT(manifest.size(), 300u);
@@ -293,7 +295,7 @@ TEST_F(DeviceManifestTest, AFileRemovedDuringTheWalkEndsItEarlyWithTheEarlierRec
   const std::size_t between = vtl::VTLManifest::kLookAhead + 100;
   char name[32];
   for (std::size_t i = 0; i < between; ++i) {
-    std::snprintf(name, sizeof name, "/b_%05zu", i);
+    static_cast<void>(std::snprintf(name, sizeof name, "/b_%05zu", i));
     write_file(dir + name, "");
   }
   write_file(dir + "/c_victim", "removed");
@@ -333,7 +335,7 @@ TEST_F(DeviceManifestTest, AFileRemovedDuringTheWalkEndsItEarlyWithTheEarlierRec
   const Dictionary manifest = read_manifest();
   EXPECT_EQ(manifest.size(), between + 1);
   EXPECT_TRUE(manifest.contains("/a_gate"));
-  std::snprintf(name, sizeof name, "/b_%05zu", between - 1);
+  static_cast<void>(std::snprintf(name, sizeof name, "/b_%05zu", between - 1));
   EXPECT_TRUE(manifest.contains(name));
   EXPECT_FALSE(manifest.contains("/c_victim"));
   EXPECT_FALSE(manifest.contains("/d_after"));

@@ -428,7 +428,7 @@ TEST_F(FileMetadataTest, GettersOfTruncatedAndMistypedRecords) {
 
 // --- compareWith ----------------------------------------------------------------------
 
-Dictionary file_record(Dictionary attributes_override = {}, Dictionary xattrs = {},
+Dictionary file_record(const Dictionary& attributes_override = {}, Dictionary xattrs = {},
                        Data hash = bytes("h1"), std::string target = "") {
   Dictionary attributes = {{"FileType", Value("Regular")},
                            {"OwnerAccountID", Value(501)},
@@ -436,11 +436,11 @@ Dictionary file_record(Dictionary attributes_override = {}, Dictionary xattrs = 
                            {"PosixPermissions", Value(0644)},
                            {"FileSize", Value(3)},
                            {"ProtectionClass", Value("C")}};
-  for (auto& [k, v] : attributes_override) attributes.insert_or_assign(k, v);
-  return {{"VTLManifestFileAttributes", Value(attributes)},
-          {"VTLManifestFileExtendedAttributes", Value(xattrs)},
-          {"VTLManifestFileHash", Value(hash)},
-          {"VTLManifestSymbolicLinkTargetFile", Value(target)}};
+  for (const auto& [k, v] : attributes_override) attributes.insert_or_assign(k, v);
+  return {{"VTLManifestFileAttributes", Value(std::move(attributes))},
+          {"VTLManifestFileExtendedAttributes", Value(std::move(xattrs))},
+          {"VTLManifestFileHash", Value(std::move(hash))},
+          {"VTLManifestSymbolicLinkTargetFile", Value(std::move(target))}};
 }
 
 Dictionary without(Dictionary d, const std::string& key) {

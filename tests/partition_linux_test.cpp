@@ -43,7 +43,7 @@ using namespace std::chrono_literals;
 
 std::string find_tool(const std::string& name) {
   for (const char* dir : {"/usr/sbin", "/sbin", "/usr/bin", "/bin", "/usr/local/sbin"}) {
-    const std::string path = std::string(dir) + "/" + name;
+    std::string path = std::string(dir) + "/" + name;
     if (::access(path.c_str(), X_OK) == 0) return path;
   }
   return "";
@@ -59,6 +59,7 @@ int run(const std::vector<std::string>& args, std::string* output = nullptr) {
     ::dup2(pipe_fds[1], 1);
     ::dup2(pipe_fds[1], 2);
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     ::execv(argv[0], argv.data());

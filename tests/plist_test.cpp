@@ -286,10 +286,9 @@ Bytes nested_binary(int depth) {
   Bytes trailer(32, 0);
   trailer[6] = 4;
   trailer[7] = 4;
-  for (int i = 0; i < 4; ++i) {
-    trailer[static_cast<std::size_t>(12 + i)] =
-        static_cast<std::uint8_t>(static_cast<std::uint32_t>(depth) >> (24 - 8 * i));
-    trailer[static_cast<std::size_t>(28 + i)] = static_cast<std::uint8_t>(table >> (24 - 8 * i));
+  for (std::size_t i = 0; i < 4; ++i) {
+    trailer[12 + i] = static_cast<std::uint8_t>(static_cast<std::uint32_t>(depth) >> (24 - 8 * i));
+    trailer[28 + i] = static_cast<std::uint8_t>(table >> (24 - 8 * i));
   }
   out.insert(out.end(), trailer.begin(), trailer.end());
   return out;

@@ -24,7 +24,7 @@ class StderrToFile {
     std::string pattern = "/tmp/vtl_system_log_XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) std::abort();
     dir_ = pattern;
-    std::fflush(stderr);
+    static_cast<void>(std::fflush(stderr));
     saved_ = ::dup(STDERR_FILENO);
     const int fd =
         ::open((dir_ + "/stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -67,6 +67,7 @@ TEST(StderrSystemLog, ConcurrentMessagesStayWhole) {
   constexpr int kThreads = 8;
   constexpr int kMessages = 300;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&log, t] {
       for (int i = 0; i < kMessages; ++i) {

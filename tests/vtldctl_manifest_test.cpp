@@ -53,12 +53,12 @@ TEST(VtldctlManifestCommands, RowsBuildTheHelpersRequests) {
 class Output {
  public:
   Output() : file_(std::tmpfile()) {}
-  ~Output() { std::fclose(file_); }
+  ~Output() { static_cast<void>(std::fclose(file_)); }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
   std::FILE* get() { return file_; }
   std::string text() {
-    std::fflush(file_);
+    static_cast<void>(std::fflush(file_));
     std::rewind(file_);
     std::string s;
     char buffer[4096];

@@ -137,6 +137,7 @@ void Device::start(const std::vector<std::string>& extra_args) {
   if (pid_ == 0) {
     prepare_child(stderr_path_);
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     ::execv(helper.c_str(), argv.data());
@@ -223,8 +224,8 @@ std::string Device::log_file() const {
   std::tm local{};
   ::localtime_r(&now, &local);
   char name[64];
-  std::snprintf(name, sizeof name, "/vtld_helper-%04d%02d%02d.log", local.tm_year + 1900,
-                local.tm_mon + 1, local.tm_mday);
+  static_cast<void>(std::snprintf(name, sizeof name, "/vtld_helper-%04d%02d%02d.log",
+                                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday));
   std::ifstream in(path("/private/var/logs/vtld") + name);
   std::stringstream ss;
   ss << in.rdbuf();
