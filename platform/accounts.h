@@ -23,6 +23,6 @@ class Accounts {
 
 // Reads <root>/etc/passwd and <root>/etc/group afresh on every lookup, so an
 // edit takes effect at once. `root` is "/" inside the helper.
-std::unique_ptr<Accounts> make_passwd_accounts(std::string root);
+std::unique_ptr<Accounts> make_passwd_accounts(const std::string& root);
 
 }  // namespace platform

@@ -92,8 +92,8 @@ class PasswdAccounts final : public Accounts {
 
 }  // namespace
 
-std::unique_ptr<Accounts> make_passwd_accounts(std::string root) {
-  return std::make_unique<PasswdAccounts>(std::move(root));
+std::unique_ptr<Accounts> make_passwd_accounts(const std::string& root) {
+  return std::make_unique<PasswdAccounts>(root);
 }
 
 }  // namespace platform

@@ -46,7 +46,7 @@ class CodeSigning {
 // Entitlements files under <root>/etc/krx/entitlements.d/. `proc_dir_fd` is an
 // open descriptor of the host's /proc, taken before any confinement (the
 // helper keeps it across its chroot); it is borrowed, not owned.
-std::unique_ptr<CodeSigning> make_entitlement_files(std::string root, int proc_dir_fd);
+std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd);
 
 // Where entitlement files live, relative to the device root.
 inline constexpr std::string_view kEntitlementsDirectory = "/etc/krx/entitlements.d";

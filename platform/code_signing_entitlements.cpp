@@ -168,8 +168,8 @@ class EntitlementFiles final : public CodeSigning {
 
 }  // namespace
 
-std::unique_ptr<CodeSigning> make_entitlement_files(std::string root, int proc_dir_fd) {
-  return std::make_unique<EntitlementFiles>(std::move(root), proc_dir_fd);
+std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd) {
+  return std::make_unique<EntitlementFiles>(root, proc_dir_fd);
 }
 
 }  // namespace platform

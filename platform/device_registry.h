@@ -46,7 +46,7 @@ inline constexpr std::string_view kNvramSyncNowProperty = "IONVRAM-SYNCNOW-PROPE
 //   NoMasterPort       bool   master_port() fails
 //   NoOptionsNode      bool   the options node does not resolve
 //   RefusedProperties  array  property names whose setting is refused
-std::unique_ptr<DeviceRegistry> make_sim_registry(std::string root);
+std::unique_ptr<DeviceRegistry> make_sim_registry(const std::string& root);
 
 // Linux host: EFI variables in efivarfs, all under the vendor GUID below.
 // A variable file holds the 4-byte attribute word (non-volatile, boot-service

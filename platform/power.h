@@ -17,7 +17,7 @@ class Power {
 // Simulated device: appends the request to <root>/sim/reboots.plist, then ends
 // the helper the way a restart ends it: at once, by SIGKILL, with no reply and
 // no clean-up.
-std::unique_ptr<Power> make_sim_power(std::string root);
+std::unique_ptr<Power> make_sim_power(const std::string& root);
 // Linux host: sync(2), then reboot(2) with RB_AUTOBOOT. Linux's reboot does
 // not flush file systems itself (the handset's kernel does), so the sync is
 // what makes this an ordinary restart rather than a power cut.

@@ -82,8 +82,8 @@ class SimRegistry final : public DeviceRegistry {
 
 }  // namespace
 
-std::unique_ptr<DeviceRegistry> make_sim_registry(std::string root) {
-  return std::make_unique<SimRegistry>(std::move(root));
+std::unique_ptr<DeviceRegistry> make_sim_registry(const std::string& root) {
+  return std::make_unique<SimRegistry>(root);
 }
 
 }  // namespace platform

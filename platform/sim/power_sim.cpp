@@ -44,8 +44,8 @@ class SimPower final : public Power {
 
 }  // namespace
 
-std::unique_ptr<Power> make_sim_power(std::string root) {
-  return std::make_unique<SimPower>(std::move(root));
+std::unique_ptr<Power> make_sim_power(const std::string& root) {
+  return std::make_unique<SimPower>(root);
 }
 
 }  // namespace platform
