@@ -1,7 +1,7 @@
 // Turns arbitrary bytes into a Value that a property list can hold exactly:
 // strings are UTF-8 without NUL (code points from the whole Unicode range,
 // astral planes included, so that UTF-16 surrogate pairs are written), dates
-// are whole microseconds within a few centuries of 2001, reals are not NaN,
+// are whole microseconds within about 125 years of 2001, reals are not NaN,
 // nesting stays shallow. Shared by the writer's fuzz target and the test that
 // replays its corpus, so that both build the same value from the same bytes.
 #pragma once
@@ -36,8 +36,10 @@ class ValueSource {
         return vtl::Value(std::isnan(d) ? 0.0 : d);
       }
       case 4: {
-        // Whole microseconds, about 200 years either side of 2001.
-        constexpr std::int64_t kSpan = std::int64_t{6'300'000'000} * 1'000'000;
+        // Whole microseconds, about 125 years either side of 2001: a date is
+        // a double of seconds since 2001, and beyond 2^32 seconds its step
+        // nears a microsecond, so that whole microseconds no longer survive.
+        constexpr std::int64_t kSpan = std::int64_t{4'000'000'000} * 1'000'000;
         const auto micros = static_cast<std::int64_t>(word() % (2 * kSpan)) - kSpan;
         return vtl::Value(
             vtl::Date(std::chrono::seconds(978307200) + std::chrono::microseconds(micros)));
