@@ -15,12 +15,13 @@
 #include <string_view>
 #include <type_traits>
 
+#include "krx/utf8.h"
+#include "service/binary_plist_reader.h"
+
 namespace vtl {
 namespace {
 
-constexpr std::string_view kBinaryMagic = "bplist00";
 constexpr std::size_t kBinaryHeaderSize = 8;
-constexpr std::size_t kBinaryTrailerSize = 32;
 
 // Seconds from 1970-01-01 to 2001-01-01, the epoch of property-list dates.
 constexpr std::int64_t kPlistEpochOffset = 978307200;
@@ -43,222 +44,15 @@ std::uint64_t read_big_endian(const std::uint8_t* p, std::size_t n) {
   return v;
 }
 
-// Well-formed UTF-8 (no overlong forms, no surrogates, nothing above
-// U+10FFFF) without NUL: the same text rule as the helper's messages.
 bool is_text(std::string_view s) {
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const std::size_t n = s.size();
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned c = p[i];
-    if (c == 0) return false;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t extra = 0;
-    std::uint32_t cp = 0;
-    std::uint32_t min = 0;
-    if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = c & 0x1F;
-      min = 0x80;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = c & 0x0F;
-      min = 0x800;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = c & 0x07;
-      min = 0x10000;
-    } else {
-      return false;
-    }
-    if (n - i <= extra) return false;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3F);
-    }
-    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    i += extra + 1;
-  }
-  return true;
+  return krx::is_text(reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
 }
 
 // ---------------------------------------------------------------------------
-// Shape checks made before libplist sees a document.
-//
-// libplist 2.2 reads a binary property list recursively, one stack frame per
-// level of nesting, and frees every tree recursively; it also expands an
-// object referenced from several places once per reference. A few hundred
-// bytes of hostile input could therefore overflow the stack or expand into
-// billions of nodes. So the object graph of a binary list is walked here first,
-// without recursion, and a document is refused when its containers nest deeper
-// than kMaxPlistDepth, when it has a reference cycle, or when it would expand
-// into more nodes than a document of its size can honestly hold. The XML
-// reader is iterative, but the tree it builds is freed recursively, so its
-// nesting is bounded the same way.
-
-// Property-list writers share leaf objects (strings, numbers) between
-// references but write every array and dictionary out, so a binary list holds
-// at most one node per reference, i.e. per byte. Twice that, plus room for
-// tiny documents, is generous for real lists and stops expansion bombs.
-std::uint64_t max_expanded_nodes(std::size_t size) { return 2 * std::uint64_t{size} + 4096; }
-
-class BinaryShape {
- public:
-  explicit BinaryShape(std::span<const std::uint8_t> bytes) : b_(bytes) {}
-
-  bool acceptable() {
-    if (b_.size() < kBinaryHeaderSize + 1 + kBinaryTrailerSize) return false;
-    const std::uint8_t* trailer = b_.data() + b_.size() - kBinaryTrailerSize;
-    offset_size_ = trailer[6];
-    ref_size_ = trailer[7];
-    const std::uint64_t object_count = read_big_endian(trailer + 8, 8);
-    const std::uint64_t root = read_big_endian(trailer + 16, 8);
-    table_ = read_big_endian(trailer + 24, 8);
-    const std::uint64_t table_end = b_.size() - kBinaryTrailerSize;
-    if (offset_size_ < 1 || offset_size_ > 8 || ref_size_ < 1 || ref_size_ > 8) return false;
-    if (table_ <= kBinaryHeaderSize || table_ >= table_end) return false;
-    // Every object takes at least one byte between the header and the table.
-    if (object_count == 0 || object_count > (table_end - table_) / offset_size_ ||
-        object_count > table_ - kBinaryHeaderSize || root >= object_count) {
-      return false;
-    }
-    object_count_ = object_count;
-    state_.assign(object_count, kUnseen);
-    depth_.assign(object_count, 0);
-    nodes_.assign(object_count, 0);
-    node_limit_ = max_expanded_nodes(b_.size());
-    return walk(root);
-  }
-
- private:
-  static constexpr std::uint8_t kUnseen = 0, kOpen = 1, kDone = 2;
-
-  struct Frame {
-    std::uint64_t object;
-    std::uint64_t refs;       // offset of the first reference
-    std::uint64_t ref_count;  // references in all (a dictionary's keys, then values)
-    std::uint64_t key_count;  // the first key_count references are keys
-    std::uint64_t next = 0;
-    std::uint32_t deepest_child = 0;
-    std::uint64_t nodes = 1;
-  };
-
-  // Reads a length: the low nibble of the marker, or 0xF and an integer object
-  // after it.
-  bool read_length(std::uint64_t marker_at, std::uint64_t& length, std::uint64_t& after) const {
-    length = b_[marker_at] & 0x0F;
-    after = marker_at + 1;
-    if (length != 0x0F) return true;
-    if (after >= table_) return false;
-    const std::uint8_t int_marker = b_[after];
-    if ((int_marker >> 4) != 0x1 || (int_marker & 0x0F) > 3) return false;
-    const std::size_t width = std::size_t{1} << (int_marker & 0x0F);
-    if (table_ - after - 1 < width) return false;
-    length = read_big_endian(b_.data() + after + 1, width);
-    after += 1 + width;
-    return true;
-  }
-
-  bool offset_of(std::uint64_t object, std::uint64_t& offset) const {
-    offset = read_big_endian(b_.data() + table_ + object * offset_size_, offset_size_);
-    return offset >= kBinaryHeaderSize && offset < table_;
-  }
-
-  static bool is_container(std::uint8_t marker) {
-    const unsigned type = marker >> 4;
-    return type == 0xA || type == 0xC || type == 0xD;
-  }
-
-  // A leaf: strings (keys among them) must not hold a NUL, which libplist
-  // would silently cut them at; a dictionary key must be a string at all.
-  bool check_leaf(std::uint64_t offset, bool is_key) const {
-    const unsigned type = b_[offset] >> 4;
-    if (type != 0x5 && type != 0x6) return !is_key;
-    std::uint64_t length = 0;
-    std::uint64_t start = 0;
-    if (!read_length(offset, length, start)) return false;
-    const std::uint64_t unit = type == 0x6 ? 2 : 1;
-    if (length > (table_ - start) / unit) return false;
-    const std::uint8_t* p = b_.data() + start;
-    for (std::uint64_t i = 0; i < length; ++i) {
-      if (unit == 1 ? p[i] == 0 : (p[2 * i] == 0 && p[2 * i + 1] == 0)) return false;
-    }
-    return true;
-  }
-
-  bool open_container(std::uint64_t object, std::uint64_t offset, std::vector<Frame>& stack) {
-    if (stack.size() >= kMaxPlistDepth) return false;
-    std::uint64_t count = 0;
-    std::uint64_t refs = 0;
-    if (!read_length(offset, count, refs)) return false;
-    const bool dictionary = (b_[offset] >> 4) == 0xD;
-    const std::uint64_t per_entry = dictionary ? 2 : 1;
-    if (count > (table_ - refs) / ref_size_ / per_entry) return false;
-    state_[object] = kOpen;
-    stack.push_back(Frame{object, refs, count * per_entry, dictionary ? count : 0});
-    return true;
-  }
-
-  void add_child(Frame& parent, std::uint64_t child) {
-    parent.deepest_child = std::max(parent.deepest_child, depth_[child]);
-    parent.nodes = std::min(parent.nodes + nodes_[child], node_limit_ + 1);
-  }
-
-  bool walk(std::uint64_t root) {
-    std::uint64_t offset = 0;
-    if (!offset_of(root, offset)) return false;
-    if (!is_container(b_[offset])) return check_leaf(offset, false);
-    std::vector<Frame> stack;
-    if (!open_container(root, offset, stack)) return false;
-    while (!stack.empty()) {
-      Frame& frame = stack.back();
-      if (frame.next == frame.ref_count) {
-        const Frame done = frame;
-        stack.pop_back();
-        depth_[done.object] = done.deepest_child + 1;
-        nodes_[done.object] = done.nodes;
-        state_[done.object] = kDone;
-        if (done.nodes > node_limit_) return false;
-        if (!stack.empty()) add_child(stack.back(), done.object);
-        continue;
-      }
-      const bool is_key = frame.next < frame.key_count;
-      const std::uint64_t child =
-          read_big_endian(b_.data() + frame.refs + frame.next * ref_size_, ref_size_);
-      ++frame.next;
-      if (child >= object_count_ || state_[child] == kOpen) return false;  // bad ref or cycle
-      if (!offset_of(child, offset)) return false;
-      if (is_key && is_container(b_[offset])) return false;
-      if (state_[child] == kDone) {
-        add_child(frame, child);
-        continue;
-      }
-      if (is_container(b_[offset])) {
-        if (!open_container(child, offset, stack)) return false;  // `frame` is invalid now
-        continue;
-      }
-      if (!check_leaf(offset, is_key)) return false;
-      state_[child] = kDone;
-      depth_[child] = 0;
-      nodes_[child] = 1;
-      add_child(frame, child);
-    }
-    return true;
-  }
-
-  std::span<const std::uint8_t> b_;
-  std::size_t offset_size_ = 0;
-  std::size_t ref_size_ = 0;
-  std::uint64_t table_ = 0;
-  std::uint64_t object_count_ = 0;
-  std::uint64_t node_limit_ = 0;
-  std::vector<std::uint8_t> state_;
-  std::vector<std::uint32_t> depth_;
-  std::vector<std::uint64_t> nodes_;
-};
+// The nesting check made before libplist's XML reader sees a document: the
+// reader is iterative, but the tree it builds is freed recursively, one stack
+// frame per level. (Binary lists are read by our own reader, which checks
+// their shape itself.)
 
 // Upper bound of the array and dictionary nesting libplist's XML reader can
 // build from `text`. It errs only on the high side: opening tags are counted
@@ -349,17 +143,10 @@ std::optional<Value> date_from(plist_t node) {
   if (!binary || binary->size() < kBinaryHeaderSize + 9 || (*binary)[kBinaryHeaderSize] != 0x33) {
     return std::nullopt;
   }
-  const double seconds =
-      std::bit_cast<double>(read_big_endian(binary->data() + kBinaryHeaderSize + 1, 8));
-  // Kept to the microsecond: a double of seconds since 2001 holds no more for
-  // present-day dates. Refused when outside what a Date can hold, 1677-09-21
-  // to 2262-04-11 (nanoseconds since 1970 in 64 bits).
-  const double micros = std::round(seconds * 1e6);
-  if (!std::isfinite(micros) || std::fabs(micros) > 1e16) return std::nullopt;
-  const std::int64_t since_1970 = static_cast<std::int64_t>(micros) + kPlistEpochOffset * 1'000'000;
-  constexpr std::int64_t kLimit = std::numeric_limits<std::int64_t>::max() / 1000;
-  if (since_1970 > kLimit || since_1970 < -kLimit) return std::nullopt;
-  return Value(Date(std::chrono::microseconds(since_1970)));
+  std::optional<Date> date = bplist::date_from_plist_seconds(
+      std::bit_cast<double>(read_big_endian(binary->data() + kBinaryHeaderSize + 1, 8)));
+  if (!date) return std::nullopt;
+  return Value(*date);
 }
 
 std::optional<Value> value_from(plist_t node, std::size_t depth) {
@@ -520,13 +307,13 @@ std::optional<Value> plist_from_bytes(std::span<const std::uint8_t> bytes) {
   const auto* chars = reinterpret_cast<const char*>(bytes.data());
   const auto length = static_cast<std::uint32_t>(bytes.size());
   plist_t root = nullptr;
-  if (std::string_view(chars, bytes.size()).starts_with(kBinaryMagic)) {
-    if (!BinaryShape(bytes).acceptable()) return std::nullopt;
-    plist_from_bin(chars, length, &root);
-  } else {
-    if (!xml_nesting_acceptable(std::string_view(chars, bytes.size()))) return std::nullopt;
-    plist_from_xml(chars, length, &root);
+  if (bplist::is_binary_plist(bytes)) {
+    std::optional<bplist::Document> document = bplist::Document::open(bytes);
+    if (!document) return std::nullopt;
+    return bplist::to_value(document->root());
   }
+  if (!xml_nesting_acceptable(std::string_view(chars, bytes.size()))) return std::nullopt;
+  plist_from_xml(chars, length, &root);
   if (root == nullptr) return std::nullopt;
   PlistPtr owned(root);
   return value_from(root, 0);
