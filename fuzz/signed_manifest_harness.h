@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -106,9 +107,16 @@ class SignedManifestHarness {
     if (!manifest) return false;
     // What the attribute restore asks of an accepted manifest.
     static_cast<void>(manifest->getVersion());
-    for (const Value* part : {manifest->getManifest(), manifest->getAppDataList(),
-                              manifest->getGroupDataList(), manifest->getPlugInDataList()}) {
-      if (part != nullptr) static_cast<void>(part->dictionary());
+    std::string key;
+    for (const std::optional<bplist::Object>& part :
+         {manifest->getManifest(), manifest->getAppDataList(), manifest->getGroupDataList(),
+          manifest->getPlugInDataList()}) {
+      if (!part) continue;
+      for (std::size_t i = 0; i < part->size() && part->type() == bplist::Object::Type::kDictionary;
+           ++i) {
+        static_cast<void>(part->key(i).text(&key));
+        static_cast<void>(bplist::to_value(part->value(i)));
+      }
     }
     return true;
   }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "manifest/binary_plist_writer.h"
 #include "platform/device_properties.h"
 #include "platform/platform.h"
 #include "service/VTLLog.h"
@@ -92,23 +93,33 @@ std::string errno_description(int error) {
   return ::strerror_r(error, buffer, sizeof buffer);
 }
 
-// Parses `bytes` as a property list of any supported encoding.
-std::optional<Value> parse_property_list(std::span<const std::uint8_t> bytes, ReadError* error) {
-  std::optional<Value> value = plist_from_bytes(bytes);
-  if (!value) *error = {kNotPropertyList, kPropertyListReadCorruptError};
-  return value;
+// A property list of any supported encoding, read in place when it is
+// binary. Anything else is read, then written out in binary form into
+// `*converted`, which the document then reads.
+std::optional<bplist::Document> parse_property_list(std::span<const std::uint8_t> bytes,
+                                                    std::vector<std::uint8_t>* converted,
+                                                    ReadError* error) {
+  std::optional<bplist::Document> document;
+  if (bplist::is_binary_plist(bytes)) {
+    document = bplist::Document::open(bytes);
+  } else if (std::optional<Value> value = plist_from_bytes(bytes)) {
+    *converted = bplist::to_binary(*value);
+    document = bplist::Document::open(*converted);
+  }
+  if (!document) *error = {kNotPropertyList, kPropertyListReadCorruptError};
+  return document;
 }
 
 // Walks the certificate array into certificates, stopping at the first
 // element that is not one. Its own name is the one its message carries.
 std::optional<std::vector<std::unique_ptr<CertificateServices::Certificate>>>
-certificateArrayApplier(CertificateServices* services, const Array& certificates) {
+certificateArrayApplier(CertificateServices* services, const bplist::Object& certificates) {
   std::vector<std::unique_ptr<CertificateServices::Certificate>> list;
   list.reserve(certificates.size());
-  for (const Value& element : certificates) {
-    const Data* der = element.data();
+  for (std::size_t i = 0; i < certificates.size(); ++i) {
+    const std::optional<std::span<const std::uint8_t>> der = certificates.element(i).data();
     std::unique_ptr<CertificateServices::Certificate> cert;
-    if (der != nullptr && services != nullptr) cert = services->create_certificate(*der);
+    if (der && services != nullptr) cert = services->create_certificate(*der);
     if (!cert) {
       VTLLog(kCannotLoadCertificate, __func__);
       return std::nullopt;
@@ -138,16 +149,16 @@ std::int32_t saturate(std::int64_t v) {
 
 }  // namespace
 
-std::int32_t VTLSignedManifest::int_value(const Value& value) {
-  if (const std::int64_t* i = value.integer()) return saturate(*i);
-  if (const bool* b = value.boolean()) return *b ? 1 : 0;
-  if (const double* d = value.real()) {
+std::int32_t VTLSignedManifest::int_value(const Object& value) {
+  if (const std::optional<std::int64_t> i = value.integer()) return saturate(*i);
+  if (const std::optional<bool> b = value.boolean()) return *b ? 1 : 0;
+  if (const std::optional<double> d = value.real()) {
     if (std::isnan(*d)) return 0;
     if (*d >= 2147483647.0) return std::numeric_limits<std::int32_t>::max();
     if (*d <= -2147483648.0) return std::numeric_limits<std::int32_t>::min();
     return static_cast<std::int32_t>(*d);
   }
-  if (const std::string* s = value.string()) {
+  if (const std::optional<std::string> s = value.text()) {
     std::string_view text = *s;
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t' || text.front() == '\n')) {
       text.remove_prefix(1);
@@ -172,98 +183,109 @@ std::unique_ptr<VTLSignedManifest> VTLSignedManifest::signedManifestWithNSStream
 std::unique_ptr<VTLSignedManifest> VTLSignedManifest::initWithNSStream(InputStream& stream) {
   StreamContents contents = read_whole_stream(stream, kMaxSignedManifestBytes);
   ReadError error;
-  std::optional<Value> envelope_value;
+  std::vector<std::uint8_t> converted_envelope;
+  std::optional<bplist::Document> envelope_document;
   if (contents.error != 0) {
     error = {errno_description(contents.error), contents.error};
   } else {
-    envelope_value = parse_property_list(contents.bytes, &error);
+    envelope_document = parse_property_list(contents.bytes, &converted_envelope, &error);
   }
-  // The file's bytes are no longer needed: the payload lives on in the
-  // envelope, and a large manifest should not be held twice.
-  contents.bytes = {};
-  if (!envelope_value) {
+  if (!envelope_document) {
     VTLLog(kCannotConvert, kInitMethod, error.description, error.code);
     return nullptr;
   }
-  const Dictionary* envelope = envelope_value->dictionary();
-  if (envelope == nullptr) {
+  const Object envelope = envelope_document->root();
+  if (envelope.type() != Object::Type::kDictionary) {
     VTLLog(kFormatNotCorrect, kInitMethod);
     return nullptr;
   }
 
-  const auto version = envelope->find(kVersionKey);
-  if (version == envelope->end()) {
+  const std::optional<Object> version = envelope.find(kVersionKey);
+  if (!version) {
     VTLLog(kVersionNotFound, kInitMethod);
     return nullptr;
   }
-  if (const std::int32_t v = int_value(version->second); v != kEnvelopeVersion) {
+  if (const std::int32_t v = int_value(*version); v != kEnvelopeVersion) {
     VTLLog(kEnvelopeVersionUnsupported, kInitMethod, v);
     return nullptr;
   }
 
-  const Data* payload_bytes = verifyManifestSignature(*envelope);
-  if (payload_bytes == nullptr) return nullptr;
+  const std::optional<Bytes> payload_bytes = verifyManifestSignature(envelope);
+  if (!payload_bytes) return nullptr;
   VTLLog(kPassedSignatureCheck);
 
   // verifyManifestSignature has already insisted on the payload; the check
   // stays so that this step never depends on how that one is written.
-  if (envelope->find(kPayloadKey) == envelope->end()) {
+  if (!envelope.find(kPayloadKey)) {
     VTLLog(kPayloadNotFound, kInitMethod);
     return nullptr;
   }
-  std::optional<Value> raw = parse_property_list(*payload_bytes, &error);
-  envelope_value.reset();
+  // The payload is read where it lies, inside the envelope's bytes; only a
+  // payload that is not binary gets bytes of its own.
+  std::vector<std::uint8_t> converted_payload;
+  std::optional<bplist::Document> raw =
+      parse_property_list(*payload_bytes, &converted_payload, &error);
   if (!raw) {
     VTLLog(kCannotConvert, kInitMethod, error.description, error.code);
     return nullptr;
   }
-  Dictionary* payload = raw->dictionary();
-  if (payload == nullptr) {
+  const Object payload = raw->root();
+  if (payload.type() != Object::Type::kDictionary) {
     VTLLog(kPayloadFormatNotCorrect, kInitMethod);
     return nullptr;
   }
 
-  const auto raw_version = payload->find(kVersionKey);
-  if (raw_version == payload->end()) {
+  const std::optional<Object> raw_version = payload.find(kVersionKey);
+  if (!raw_version) {
     VTLLog(kVersionNotFound, kInitMethod);
     return nullptr;
   }
-  if (const std::int32_t v = int_value(raw_version->second);
+  if (const std::int32_t v = int_value(*raw_version);
       v < kOldestRawVersion || v > kNewestRawVersion) {
-    VTLLog(kRawVersionUnsupported, kInitMethod, raw_version->second);
+    VTLLog(kRawVersionUnsupported, kInitMethod, bplist::to_value(*raw_version));
     return nullptr;
   }
   for (std::string_view key : {kInfoKey, kBackupKey, kAppKey, kAppDataKey}) {
-    if (payload->find(key) == payload->end()) {
+    if (!payload.find(key)) {
       VTLLog(kRequiredKeyNotFound, kInitMethod);
       return nullptr;
     }
   }
-  return std::unique_ptr<VTLSignedManifest>(new VTLSignedManifest(std::move(*payload)));
+  // Whichever bytes the payload lies in are kept; moving a vector keeps its
+  // storage where it is, so the payload's Objects stay valid.
+  std::vector<std::uint8_t> kept = !converted_payload.empty()    ? std::move(converted_payload)
+                                   : !converted_envelope.empty() ? std::move(converted_envelope)
+                                                                 : std::move(contents.bytes);
+  return std::unique_ptr<VTLSignedManifest>(new VTLSignedManifest(std::move(kept), payload));
 }
 
-const Value* VTLSignedManifest::lookup(std::string_view key) const {
-  const auto it = payload_.find(key);
-  return it == payload_.end() ? nullptr : &it->second;
+std::optional<bplist::Object> VTLSignedManifest::lookup(std::string_view key) const {
+  return payload_.find(key);
 }
 
 std::int32_t VTLSignedManifest::getVersion() const {
-  const Value* version = lookup(kVersionKey);
-  return version == nullptr ? 0 : int_value(*version);
+  const std::optional<Object> version = lookup(kVersionKey);
+  return version ? int_value(*version) : 0;
 }
-const Value* VTLSignedManifest::getInfo() const { return lookup(kInfoKey); }
-const Value* VTLSignedManifest::getAppList() const { return lookup(kAppKey); }
-const Value* VTLSignedManifest::getAppDataList() const { return lookup(kAppDataKey); }
-const Value* VTLSignedManifest::getGroupDataList() const { return lookup(kGroupDataKey); }
-const Value* VTLSignedManifest::getPlugInDataList() const { return lookup(kExtensionDataKey); }
-const Value* VTLSignedManifest::getManifest() const { return lookup(kBackupKey); }
+std::optional<bplist::Object> VTLSignedManifest::getInfo() const { return lookup(kInfoKey); }
+std::optional<bplist::Object> VTLSignedManifest::getAppList() const { return lookup(kAppKey); }
+std::optional<bplist::Object> VTLSignedManifest::getAppDataList() const {
+  return lookup(kAppDataKey);
+}
+std::optional<bplist::Object> VTLSignedManifest::getGroupDataList() const {
+  return lookup(kGroupDataKey);
+}
+std::optional<bplist::Object> VTLSignedManifest::getPlugInDataList() const {
+  return lookup(kExtensionDataKey);
+}
+std::optional<bplist::Object> VTLSignedManifest::getManifest() const { return lookup(kBackupKey); }
 
-const Data* VTLSignedManifest::verifyManifestSignature(const Dictionary& envelope) {
-  const auto certificates = envelope.find(kCertificateKey);
-  const Array* chain = certificates == envelope.end() ? nullptr : certificates->second.array();
-  if (chain == nullptr) {
+std::optional<VTLSignedManifest::Bytes> VTLSignedManifest::verifyManifestSignature(
+    const Object& envelope) {
+  const std::optional<Object> chain = envelope.find(kCertificateKey);
+  if (!chain || chain->type() != Object::Type::kArray) {
     VTLLog(kCertificatesNotFound, kVerifyMethod);
-    return nullptr;
+    return std::nullopt;
   }
 
   std::unique_ptr<PublicKey> key = createPublicKeyForStrongSigning(*chain);
@@ -272,30 +294,30 @@ const Data* VTLSignedManifest::verifyManifestSignature(const Dictionary& envelop
     // Production-fused hardware takes only the production signer.
     if (!is_development_hardware()) {
       VTLLog(kCertificateNotValid, kVerifyMethod);
-      return nullptr;
+      return std::nullopt;
     }
     VTLTrace(kTryingDevelopmentSigning);
     key = createPublicKeyForDevelopmentSigning(*chain);
     if (!key) {
       VTLLog(kCertificateNotValid, kVerifyMethod);
-      return nullptr;
+      return std::nullopt;
     }
   }
 
-  const auto payload = envelope.find(kPayloadKey);
-  const Data* payload_bytes = payload == envelope.end() ? nullptr : payload->second.data();
-  if (payload_bytes == nullptr) {
+  const std::optional<Object> payload = envelope.find(kPayloadKey);
+  const std::optional<Bytes> payload_bytes = payload ? payload->data() : std::nullopt;
+  if (!payload_bytes) {
     VTLLog(kManifestFormatNotCorrect, kVerifyMethod);
-    return nullptr;
+    return std::nullopt;
   }
-  const auto signature = envelope.find(kSignatureKey);
-  const Data* signature_bytes = signature == envelope.end() ? nullptr : signature->second.data();
-  if (!verifySignature_forData_withKey(signature_bytes, *payload_bytes, *key)) return nullptr;
+  if (!verifySignature_forData_withKey(envelope.find(kSignatureKey), *payload_bytes, *key)) {
+    return std::nullopt;
+  }
   return payload_bytes;
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKeyForStrongSigning(
-    const Array& certificates) {
+    const Object& certificates) {
   CertificateServices* services = certificate_services();
   std::unique_ptr<Policy> policy =
       services != nullptr ? services->create_production_signer_policy() : nullptr;
@@ -308,13 +330,13 @@ std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey>
-VTLSignedManifest::createPublicKeyForDevelopmentSigning(const Array& certificates) {
+VTLSignedManifest::createPublicKeyForDevelopmentSigning(const Object& certificates) {
   VTLLog(kVerifingDevelopmentSigning);
   return createPublicKeyForDevelopmentSigningStandard(certificates);
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey>
-VTLSignedManifest::createPublicKeyForDevelopmentSigningStandard(const Array& certificates) {
+VTLSignedManifest::createPublicKeyForDevelopmentSigningStandard(const Object& certificates) {
   CertificateServices* services = certificate_services();
   std::unique_ptr<Policy> policy =
       services != nullptr ? services->create_test_signer_policy() : nullptr;
@@ -326,7 +348,7 @@ VTLSignedManifest::createPublicKeyForDevelopmentSigningStandard(const Array& cer
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey_usingPolicy(
-    const Array& certificates, std::unique_ptr<Policy> policy) {
+    const Object& certificates, std::unique_ptr<Policy> policy) {
   CertificateServices* services = certificate_services();
   auto list = certificateArrayApplier(services, certificates);
   if (!list) return nullptr;  // the policy goes with this scope
@@ -354,8 +376,8 @@ std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey
   return key;
 }
 
-bool VTLSignedManifest::verifySignature_forData_withKey(const Data* signature, const Data& data,
-                                                        const PublicKey& key) {
+bool VTLSignedManifest::verifySignature_forData_withKey(const std::optional<Object>& signature,
+                                                        Bytes data, const PublicKey& key) {
   VTLTrace(kVerifySignatureCalled);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digest_length = 0;
@@ -364,9 +386,10 @@ bool VTLSignedManifest::verifySignature_forData_withKey(const Data* signature, c
   const bool hashed =
       EVP_Digest(data.data(), data.size(), digest, &digest_length, EVP_sha1(), nullptr) == 1;
   CertificateServices* services = certificate_services();
+  const std::optional<Bytes> signature_bytes = signature ? signature->data() : std::nullopt;
   const bool good =
-      hashed && signature != nullptr && services != nullptr &&
-      services->verify_sha1_signature(key, std::span(digest, digest_length), *signature);
+      hashed && signature_bytes && services != nullptr &&
+      services->verify_sha1_signature(key, std::span(digest, digest_length), *signature_bytes);
   if (!good) {
     VTLTrace(kFailedVerifyingSignature, kVerifySignatureMethod, -1L);
     return false;

@@ -33,16 +33,25 @@
 // (truncated) as numbers, a string by its leading decimal digits, anything
 // else as 0.
 //
-// Threads: no shared state; an object is used by one request at a time.
+// Memory: the manifest is read in place (service/binary_plist_reader.h): an
+// object holds the file's bytes and nothing per file record, so that a
+// restore over tens of thousands of files decodes one record at a time. An
+// XML envelope or payload is turned into the binary form once, when read.
+//
+// Threads: no shared state; an object is used by one request at a time, and
+// the Objects its getters return may be read on any thread while it lives.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
+#include <vector>
 
 #include "manifest/input_stream.h"
 #include "platform/certificate_services.h"
+#include "service/binary_plist_reader.h"
 #include "service/value.h"
 
 namespace vtl {
@@ -54,50 +63,58 @@ class VTLSignedManifest {
  public:
   using PublicKey = platform::CertificateServices::PublicKey;
   using Policy = platform::CertificateServices::Policy;
+  using Object = bplist::Object;
+  using Bytes = std::span<const std::uint8_t>;
 
   // The manifest read from `stream` (open, at its start) when it is well
   // formed and its signature is good; nullptr otherwise, the reason logged.
   static std::unique_ptr<VTLSignedManifest> signedManifestWithNSStream(InputStream& stream);
   static std::unique_ptr<VTLSignedManifest> initWithNSStream(InputStream& stream);
 
-  // The raw manifest's entries; nullptr for an absent optional key.
+  // The raw manifest's entries; nullopt for an absent optional key. They
+  // read the manifest in place and live as long as this object.
   std::int32_t getVersion() const;
-  const Value* getInfo() const;
-  const Value* getAppList() const;
-  const Value* getAppDataList() const;
-  const Value* getGroupDataList() const;
-  const Value* getPlugInDataList() const;
-  const Value* getManifest() const;
-  const Dictionary& payload() const { return payload_; }
+  std::optional<Object> getInfo() const;
+  std::optional<Object> getAppList() const;
+  std::optional<Object> getAppDataList() const;
+  std::optional<Object> getGroupDataList() const;
+  std::optional<Object> getPlugInDataList() const;
+  std::optional<Object> getManifest() const;
+  // The raw manifest dictionary.
+  const Object& payload() const { return payload_; }
 
   // The steps of the check, each usable on its own.
 
-  // The envelope's "Payload" (inside `envelope`) when its chain is trusted
-  // and its signature good; nullptr otherwise.
-  static const Data* verifyManifestSignature(const Dictionary& envelope);
-  // The signer's public key when `certificates` is trusted under the
-  // production policy, the test policy, or the test policy by its own
+  // The bytes of the envelope's "Payload" when its chain is trusted and its
+  // signature good; nullopt otherwise.
+  static std::optional<Bytes> verifyManifestSignature(const Object& envelope);
+  // The signer's public key when the array `certificates` is trusted under
+  // the production policy, the test policy, or the test policy by its own
   // name; nullptr otherwise.
-  static std::unique_ptr<PublicKey> createPublicKeyForStrongSigning(const Array& certificates);
-  static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigning(const Array& certificates);
+  static std::unique_ptr<PublicKey> createPublicKeyForStrongSigning(const Object& certificates);
+  static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigning(
+      const Object& certificates);
   static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigningStandard(
-      const Array& certificates);
+      const Object& certificates);
   // Takes `policy` and releases it before returning, whatever the outcome.
-  static std::unique_ptr<PublicKey> createPublicKey_usingPolicy(const Array& certificates,
+  static std::unique_ptr<PublicKey> createPublicKey_usingPolicy(const Object& certificates,
                                                                 std::unique_ptr<Policy> policy);
   // Whether `signature` signs the SHA-1 of `data` under `key`. A missing
-  // signature is a bad one.
-  static bool verifySignature_forData_withKey(const Data* signature, const Data& data,
+  // signature, or one that is not data, is a bad one.
+  static bool verifySignature_forData_withKey(const std::optional<Object>& signature, Bytes data,
                                               const PublicKey& key);
 
   // A number's int value as described above.
-  static std::int32_t int_value(const Value& value);
+  static std::int32_t int_value(const Object& value);
 
  private:
-  explicit VTLSignedManifest(Dictionary payload) : payload_(std::move(payload)) {}
-  const Value* lookup(std::string_view key) const;
+  VTLSignedManifest(std::vector<std::uint8_t> bytes, const Object& payload)
+      : bytes_(std::move(bytes)), payload_(payload) {}
+  std::optional<Object> lookup(std::string_view key) const;
 
-  Dictionary payload_;
+  // What payload_ reads: the file as read, or the payload in binary form.
+  std::vector<std::uint8_t> bytes_;
+  Object payload_;
 };
 
 }  // namespace vtl

@@ -3,21 +3,22 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <deque>
+#include <atomic>
 #include <memory>
-#include <mutex>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <vector>
 
-#include "manifest/VTLManifest.h"
+#include "manifest/VTLFileMetadata.h"
 #include "manifest/VTLSignedManifest.h"
 #include "manifest/input_stream.h"
 #include "operations/VTLHOperations.h"
 #include "operations/file_layer.h"
 #include "service/VTLLog.h"
+#include "service/binary_plist_reader.h"
 
 namespace vtl {
 namespace {
@@ -41,30 +42,33 @@ constexpr const char* kStagingLooksWrong = "Staging path %@ looks wrong.";
 constexpr const char* kCouldNotMove = "Could not move %@ to %@ with error - %@";
 
 // The file-record dictionary the container type and identifier select;
-// nullptr after logging why there is none. A missing type or identifier
+// nullopt after logging why there is none. A missing type or identifier
 // always selects the backup's records.
-const Dictionary* select_records(const VTLSignedManifest& manifest, const std::string* type,
-                                 const std::string* identifier) {
-  const Value* records = nullptr;
+std::optional<bplist::Object> select_records(const VTLSignedManifest& manifest,
+                                             const std::string* type,
+                                             const std::string* identifier) {
+  std::optional<bplist::Object> records;
   if (type == nullptr || identifier == nullptr) {
     records = manifest.getManifest();
   } else if (*type == kAppDataType) {
-    const Value* list = manifest.getAppDataList();
-    const Value* entry = list != nullptr ? list->find(*identifier) : nullptr;
-    if (entry == nullptr) {
+    const std::optional<bplist::Object> list = manifest.getAppDataList();
+    const std::optional<bplist::Object> entry = list ? list->find(*identifier) : std::nullopt;
+    if (!entry) {
       VTLLog(kNoContainerData, type, identifier);
-      return nullptr;
+      return std::nullopt;
     }
     // Only application data wraps its records under "Manifest".
     records = entry->find(kManifestKey);
   } else if (*type == kGroupDataType || *type == kExtensionDataType) {
-    const Value* list =
+    const std::optional<bplist::Object> list =
         *type == kGroupDataType ? manifest.getGroupDataList() : manifest.getPlugInDataList();
-    records = list != nullptr ? list->find(*identifier) : nullptr;
+    records = list ? list->find(*identifier) : std::nullopt;
   }
-  const Dictionary* dictionary = records != nullptr ? records->dictionary() : nullptr;
-  if (dictionary == nullptr) VTLLog(kNoManifestDict, type, identifier);
-  return dictionary;
+  if (!records || records->type() != bplist::Object::Type::kDictionary) {
+    VTLLog(kNoManifestDict, type, identifier);
+    return std::nullopt;
+  }
+  return records;
 }
 
 // The signed manifest at `path`, or nothing (logged). The stream is closed
@@ -127,85 +131,68 @@ std::string absolute_path(const std::string& root, std::string_view relative) {
 }
 
 // Restoring is a handful of system calls on each of many independent files;
-// several threads overlap them. Records are decoded by the one thread that
-// reads the manifest and handed over through a short queue, so that memory
-// holds a bounded number of records whatever the count of files. After the
-// first failure no thread takes another file: files not taken keep their
-// attributes, as when one thread walks them.
+// several threads overlap them. The records are read in place from the
+// signed manifest: each thread takes the next few entries of the record
+// dictionary, turns one record at a time into a VTLFileMetadata and restores
+// it, so memory holds the manifest's bytes and a record per thread, whatever
+// the count of files. After the first failure no thread takes another file:
+// files not taken keep their attributes, as when one thread walks them.
 class ParallelRestore {
  public:
-  ParallelRestore(const std::string& root, unsigned threads) : root_(root) {
-    for (unsigned i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
-  }
-  ~ParallelRestore() { finish(); }
-  ParallelRestore(const ParallelRestore&) = delete;
-  ParallelRestore& operator=(const ParallelRestore&) = delete;
+  ParallelRestore(const std::string& root, const bplist::Object& records)
+      : root_(root), records_(records) {}
 
-  // Queues one file; false once a file has failed (then nothing is queued).
-  bool submit(const std::string& relative, VTLFileMetadata record) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [this] { return queue_.size() < kQueued || failed_; });
-    if (failed_) return false;
-    queue_.emplace_back(relative, std::move(record));
-    ready_.notify_one();
-    return true;
-  }
-  // Waits for every queued file; whether all were restored.
-  bool finish() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_ = true;
-    }
-    ready_.notify_all();
-    for (std::thread& t : threads_) {
-      if (t.joinable()) t.join();
-    }
-    return !failed_;
-  }
-  void fail() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    failed_ = true;
-    queue_.clear();
-    room_.notify_all();
+  // Restores every record on `threads` threads; whether all were restored.
+  bool run(unsigned threads) {
+    std::vector<std::thread> workers;
+    for (unsigned i = 1; i < threads; ++i) workers.emplace_back([this] { work(); });
+    work();
+    for (std::thread& t : workers) t.join();
+    return !failed_.load();
   }
 
  private:
-  static constexpr std::size_t kQueued = 256;
+  // Entries taken at a time: neighbours in the dictionary are neighbours in
+  // the tree, whose directories a thread then finds already looked at.
+  static constexpr std::size_t kBatch = 32;
 
   void work() {
     // Each thread remembers the directories it has found plain.
     std::unordered_set<std::string> plain_directories;
+    std::string relative;
+    const std::size_t count = records_.size();
     for (;;) {
-      std::pair<std::string, VTLFileMetadata> item("", VTLFileMetadata(Dictionary{}));
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ready_.wait(lock, [this] { return !queue_.empty() || done_ || failed_; });
-        if (failed_ || queue_.empty()) return;
-        item = std::move(queue_.front());
-        queue_.pop_front();
-        room_.notify_one();
-      }
-      const std::string& relative = item.first;
-      if (!is_plain_path(root_, relative, &plain_directories)) {
-        VTLLog(kNotPlain, kRestoreMethod, relative);
-        fail();
-        return;
-      }
-      if (!item.second.restoreAttribuesToPath(absolute_path(root_, relative))) {
-        fail();
-        return;
+      const std::size_t begin = next_.fetch_add(kBatch);
+      if (begin >= count) return;
+      for (std::size_t i = begin; i < std::min(count, begin + kBatch); ++i) {
+        if (failed_.load(std::memory_order_relaxed)) return;
+        static_cast<void>(records_.key(i).text(&relative));  // keys are strings
+        if (!restore_one(relative, records_.value(i), &plain_directories)) {
+          failed_.store(true);
+          return;
+        }
       }
     }
   }
 
+  bool restore_one(const std::string& relative, const bplist::Object& record,
+                   std::unordered_set<std::string>* plain_directories) {
+    // An entry that is not a dictionary has no metadata.
+    if (record.type() != bplist::Object::Type::kDictionary) return false;
+    if (!is_plain_path(root_, relative, plain_directories)) {
+      VTLLog(kNotPlain, kRestoreMethod, relative);
+      return false;
+    }
+    Value value = bplist::to_value(record);
+    const VTLFileMetadata metadata =
+        VTLFileMetadata::fileMetaDataWithMetadataDictionary(std::move(*value.dictionary()));
+    return metadata.restoreAttribuesToPath(absolute_path(root_, relative));
+  }
+
   const std::string& root_;
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  std::condition_variable room_;
-  std::deque<std::pair<std::string, VTLFileMetadata>> queue_;
-  bool done_ = false;
-  bool failed_ = false;
-  std::vector<std::thread> threads_;
+  const bplist::Object& records_;
+  std::atomic<std::size_t> next_{0};
+  std::atomic<bool> failed_{false};
 };
 
 // Threads for a restore: the work waits on the file system more than on a
@@ -221,26 +208,14 @@ bool VTLHOperations::restoreAttributesUnder_fromManifest_containerType_identifie
   std::unique_ptr<VTLSignedManifest> signed_manifest = load_signed_manifest(manifestPath);
   if (!signed_manifest) return false;
 
-  const Dictionary* records = select_records(*signed_manifest, containerType, identifier);
-  if (records == nullptr) return false;
-  // The records are copied into the manifest's compact form; the parsed
-  // payload, the largest thing held, goes before the walk starts.
-  const VTLManifest manifest(*records);
-  signed_manifest.reset();
+  const std::optional<bplist::Object> records =
+      select_records(*signed_manifest, containerType, identifier);
+  if (!records) return false;
 
   // Keys of the program's dictionaries are strings by type, so the
   // platform's "Got non-string value from array." case cannot arise here.
-  if (root == nullptr) return manifest.count() == 0;
-  ParallelRestore restore(*root, restore_threads());
-  for (const std::string& relative : manifest.pathSet()) {
-    std::optional<VTLFileMetadata> record = manifest.metadataForFile(relative);
-    if (!record) {
-      restore.fail();
-      break;
-    }
-    if (!restore.submit(relative, std::move(*record))) break;
-  }
-  return restore.finish();
+  if (root == nullptr) return records->size() == 0;
+  return ParallelRestore(*root, *records).run(restore_threads());
 }
 
 bool VTLHOperations::moveStagingToFinal(const std::string* staging) {

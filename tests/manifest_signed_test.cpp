@@ -30,6 +30,7 @@ using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLSignedManifest;
+using vtl::bplist::to_value;
 
 constexpr const char* kStrong = "Verifing strong signing";
 constexpr const char* kDevelopment = "Verifing development signing";
@@ -536,19 +537,19 @@ TEST_F(SignedManifestTest, TheGettersServeThePayload) {
   std::unique_ptr<VTLSignedManifest> manifest = read(good_envelope(raw));
   ASSERT_NE(manifest, nullptr);
   EXPECT_EQ(manifest->getVersion(), 4);
-  EXPECT_EQ(*manifest->getManifest(), Value(backup));
-  EXPECT_EQ(*manifest->getInfo(), raw.at("Info"));
-  EXPECT_EQ(*manifest->getAppList(), raw.at("App"));
-  EXPECT_EQ(*manifest->getAppDataList(), raw.at("AppData"));
-  EXPECT_EQ(*manifest->getGroupDataList(), raw.at("GroupData"));
-  EXPECT_EQ(*manifest->getPlugInDataList(), raw.at("ExtensionData"));
-  EXPECT_EQ(manifest->payload(), raw);
+  EXPECT_EQ(to_value(*manifest->getManifest()), Value(backup));
+  EXPECT_EQ(to_value(*manifest->getInfo()), raw.at("Info"));
+  EXPECT_EQ(to_value(*manifest->getAppList()), raw.at("App"));
+  EXPECT_EQ(to_value(*manifest->getAppDataList()), raw.at("AppData"));
+  EXPECT_EQ(to_value(*manifest->getGroupDataList()), raw.at("GroupData"));
+  EXPECT_EQ(to_value(*manifest->getPlugInDataList()), raw.at("ExtensionData"));
+  EXPECT_EQ(to_value(manifest->payload()), Value(raw));
 
   // The optional parts may be missing.
   manifest = read(good_envelope(testsupport::raw_manifest()));
   ASSERT_NE(manifest, nullptr);
-  EXPECT_EQ(manifest->getGroupDataList(), nullptr);
-  EXPECT_EQ(manifest->getPlugInDataList(), nullptr);
+  EXPECT_FALSE(manifest->getGroupDataList());
+  EXPECT_FALSE(manifest->getPlugInDataList());
   EXPECT_EQ(manifest->getVersion(), 3);
 }
 
