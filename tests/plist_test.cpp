@@ -1,5 +1,6 @@
 // Property lists: what round-trips, what is refused, and files written whole.
 #include "service/plist.h"
+#include "service/binary_plist_reader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -343,6 +344,18 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"BinaryNaNDate", binary_of({{0x33, 0x7F, 0xF8, 0, 0, 0, 0, 0, 0}})},
         Malformed{"BinaryDateAfter2262", binary_of({date_object(8.3e9)})},
         Malformed{"BinaryDateBefore1677", binary_of({date_object(-1.1e10)})},
+        Malformed{"BinaryUnpairedSurrogate", binary_of({{0x61, 0xD8, 0x3D}})},
+        Malformed{"BinaryLoneTrailSurrogate", binary_of({{0x62, 0, 'a', 0xDC, 0x00}})},
+        Malformed{"BinaryNulInUtf16", binary_of({{0x61, 0, 0}})},
+        Malformed{"BinarySixteenByteIntegerWithHighBits",
+                  binary_of({{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 5}})},
+        Malformed{"BinaryThirtyTwoByteInteger", binary_of({{0x15, 1}})},
+        Malformed{"BinaryTwoByteReal", binary_of({{0x21, 0x3C, 0x00}})},
+        Malformed{"BinaryFourByteDate", binary_of({{0x32, 0, 0, 0, 0}})},
+        Malformed{"BinaryNull", binary_of({{0x00}})},
+        Malformed{"BinaryFill", binary_of({{0xA1, 1}, {0x0F}})},
+        Malformed{"BinaryRepeatedKeyInTwoEncodings",
+                  binary_of({{0xD2, 1, 2, 3, 3}, ascii("k"), {0x61, 0, 'k'}, {0x10, 1}})},
         Malformed{"BinaryTrailerLies",
                   [] {
                     Bytes b = binary_of({{0x10, 1}});
@@ -350,6 +363,46 @@ INSTANTIATE_TEST_SUITE_P(
                     return b;
                   }()}),
     [](const auto& case_info) { return std::string(case_info.param.name); });
+
+TEST(PlistRead, BinaryFormsBeyondWhatOurWriterUses) {
+  BinaryBuilder b;
+  b.add({0xA5, 1, 2, 3, 4, 5});
+  b.add({0x64, 0, 'c', 0, 0xE9, 0xD8, 0x3D, 0xDE, 0x00});         // "c", U+00E9, U+1F600 (a pair)
+  b.add({0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7});  // 16 bytes: 7
+  b.add({0x22, 0x3F, 0xC0, 0, 0});                                // float 1.5
+  b.add({0xC2, 2, 3});                                            // a set: read as an array
+  b.add({0x09});
+  EXPECT_EQ(plist_from_bytes(b.build()),
+            Value(Array{Value("c\xC3\xA9\xF0\x9F\x98\x80"), Value(7), Value(1.5),
+                        Value(Array{Value(7), Value(1.5)}), Value(true)}));
+}
+
+TEST(PlistRead, ObjectsAreReadInPlace) {
+  // { "é": <data 01 02 03>, "n": 5 }, the first key in UTF-16.
+  const Bytes document =
+      binary_of({{0xD2, 1, 2, 3, 4}, {0x61, 0, 0xE9}, ascii("n"), {0x43, 1, 2, 3}, {0x10, 5}});
+  const std::optional<vtl::bplist::Document> d = vtl::bplist::Document::open(document);
+  ASSERT_TRUE(d);
+  const vtl::bplist::Object root = d->root();
+  EXPECT_EQ(root.type(), vtl::bplist::Object::Type::kDictionary);
+  ASSERT_EQ(root.size(), 2U);
+  EXPECT_EQ(root.key(0).text(), "\xC3\xA9");
+  EXPECT_TRUE(root.key(0).equals("\xC3\xA9"));
+  EXPECT_FALSE(root.key(0).equals("e"));
+
+  const std::optional<vtl::bplist::Object> data = root.find("\xC3\xA9");
+  ASSERT_TRUE(data);
+  const std::span<const std::uint8_t> bytes = *data->data();
+  EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), (Bytes{1, 2, 3}));
+  // A view into the document, not a copy.
+  EXPECT_GE(bytes.data(), document.data());
+  EXPECT_LT(bytes.data(), document.data() + document.size());
+
+  EXPECT_EQ(root.find("n")->integer(), 5);
+  EXPECT_EQ(root.find("n")->text(), std::nullopt);  // typed access refuses other types
+  EXPECT_EQ(root.find("missing"), std::nullopt);
+  EXPECT_EQ(root.value(1).find("n"), std::nullopt);  // not a dictionary
+}
 
 TEST(PlistRead, NestingUpToTheLimitIsAccepted) {
   EXPECT_TRUE(plist_from_bytes(nested_xml(512)).has_value());
