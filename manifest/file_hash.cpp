@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -108,74 +109,188 @@ FileHasher::~FileHasher() {
 int FileHasher::open(const std::string& path) { return open_for_hashing(path); }
 
 std::optional<Data> FileHasher::fileHash(const std::string& path, LogSink& log) {
-  return hash(open_for_hashing(path), path, log);
+  return hash(open_for_hashing(path), path, log, std::nullopt);
 }
 
-std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, LogSink& log) {
+std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, LogSink& log,
+                                     std::optional<std::uint64_t> known_size) {
   Fd fd(descriptor);
-  struct stat st {};
-  if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-    log.log(kCannotRead, path);
-    return std::nullopt;
+  std::uint64_t size = 0;
+  if (known_size) {
+    size = *known_size;
+  } else {
+    struct stat st {};
+    if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      log.log(kCannotRead, path);
+      return std::nullopt;
+    }
+    size = static_cast<std::uint64_t>(st.st_size);
   }
   if (EVP_DigestInit_ex2(context_, sha1_, nullptr) != 1) {
     log.log(kCannotReadData, path);
     return std::nullopt;
   }
-
-  // Which chunks were all in the page cache before this hasher read them:
-  // those stay cached, the others are dropped once hashed. Each chunk is
-  // looked at kResidencyLead chunks ahead of the read position, farther than
-  // the kernel's read-ahead reaches, so that what the hasher's own reads
-  // bring in is never taken for somebody else's cache. A file found whole in
-  // the cache (the common warm case) costs one look in all.
-  const auto size = static_cast<std::uint64_t>(st.st_size);
-  const bool all_cached = range_cached(descriptor, 0, size, size);
-  std::array<bool, kResidencyRing> was_cached{};
-  auto look = [&](std::uint64_t chunk) {
-    was_cached[chunk % kResidencyRing] =
-        range_cached(descriptor, chunk * kHashChunkSize, kHashChunkSize, size);
-  };
-  if (!all_cached) {
-    for (std::uint64_t c = 0; c < kResidencyLead; ++c) look(c);
-  }
-  bool dropped_any = false;
-  off_t offset = 0;
-  for (;;) {
-    const auto chunk = static_cast<std::uint64_t>(offset) / kHashChunkSize;
-    if (!all_cached) look(chunk + kResidencyLead);
-    ssize_t n = 0;
-    do {
-      n = ::pread(fd.get(), buffer_.get(), kHashChunkSize, offset);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0) {
-      log.log(kCannotReadData, path);
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    if (EVP_DigestUpdate(context_, buffer_.get(), static_cast<std::size_t>(n)) != 1) {
-      log.log(kCannotReadData, path);
-      return std::nullopt;
-    }
-    if (!all_cached && !was_cached[chunk % kResidencyRing]) {
-      ::posix_fadvise(fd.get(), offset, n, POSIX_FADV_DONTNEED);
-      dropped_any = true;
-    }
-    offset += n;
-  }
-  // A file that grew while it was read: what lies beyond its old end was
-  // read-ahead of ours.
-  if (dropped_any && static_cast<std::uint64_t>(offset) > size) {
-    ::posix_fadvise(fd.get(), static_cast<off_t>(size), 0, POSIX_FADV_DONTNEED);
-  }
-
+  const bool read =
+      size >= kPipelineThreshold ? hash_pipelined(fd.get(), size) : hash_chunks(fd.get(), size);
   Data digest(kSha1Length);
   unsigned int length = 0;
-  if (EVP_DigestFinal_ex(context_, digest.data(), &length) != 1 || length != kSha1Length) {
+  if (!read || EVP_DigestFinal_ex(context_, digest.data(), &length) != 1 || length != kSha1Length) {
     log.log(kCannotReadData, path);
     return std::nullopt;
   }
   return digest;
+}
+
+// Which chunks were all in the page cache before this hasher read them:
+// those stay cached, the others are dropped once hashed. Each chunk is looked
+// at kResidencyLead chunks ahead of the read position, farther than the
+// kernel's read-ahead reaches, so that what the hasher's own reads bring in is
+// never taken for somebody else's cache. A file found whole in the cache (the
+// common warm case) costs one look in all.
+class FileHasher::Residency {
+ public:
+  Residency(int fd, std::uint64_t size)
+      : fd_(fd), size_(size), all_cached_(range_cached(fd, 0, size, size)) {
+    if (!all_cached_) {
+      for (std::uint64_t c = 0; c < kResidencyLead; ++c) look(c);
+    }
+  }
+  // Before chunk `chunk` is read: looks at the one kResidencyLead ahead, and
+  // says whether `chunk` is to be dropped once hashed.
+  bool drop_after_reading(std::uint64_t chunk) {
+    if (all_cached_) return false;
+    look(chunk + kResidencyLead);
+    return !was_cached_[chunk % kResidencyRing];
+  }
+  // After the last chunk, when any was dropped: what lies beyond the file's
+  // old end (it grew while it was read) was read-ahead of ours.
+  void finish(std::uint64_t end, bool dropped_any) const {
+    if (dropped_any && end > size_) {
+      ::posix_fadvise(fd_, static_cast<off_t>(size_), 0, POSIX_FADV_DONTNEED);
+    }
+  }
+
+ private:
+  void look(std::uint64_t chunk) {
+    was_cached_[chunk % kResidencyRing] =
+        range_cached(fd_, chunk * kHashChunkSize, kHashChunkSize, size_);
+  }
+  int fd_;
+  std::uint64_t size_;
+  bool all_cached_;
+  std::array<bool, kResidencyRing> was_cached_{};
+};
+
+namespace {
+
+// One chunk read at `offset` into `buffer`: the bytes read, 0 at the end, -1
+// for a failed read.
+ssize_t read_chunk(int fd, std::uint8_t* buffer, off_t offset) {
+  ssize_t n = 0;
+  do {
+    n = ::pread(fd, buffer, kHashChunkSize, offset);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+}  // namespace
+
+bool FileHasher::hash_chunks(int fd, std::uint64_t size) {
+  Residency residency(fd, size);
+  bool dropped_any = false;
+  off_t offset = 0;
+  for (;;) {
+    const auto chunk = static_cast<std::uint64_t>(offset) / kHashChunkSize;
+    const bool drop = residency.drop_after_reading(chunk);
+    const ssize_t n = read_chunk(fd, buffer_.get(), offset);
+    if (n < 0) return false;
+    if (n == 0) break;
+    if (EVP_DigestUpdate(context_, buffer_.get(), static_cast<std::size_t>(n)) != 1) return false;
+    if (drop) {
+      ::posix_fadvise(fd, offset, n, POSIX_FADV_DONTNEED);
+      dropped_any = true;
+    }
+    offset += n;
+    // A short read is the end of a regular file: no read for the zero that
+    // would follow.
+    if (static_cast<std::size_t>(n) < kHashChunkSize) break;
+  }
+  residency.finish(static_cast<std::uint64_t>(offset), dropped_any);
+  return true;
+}
+
+bool FileHasher::hash_pipelined(int fd, std::uint64_t size) {
+  if (!ring_) ring_.reset(new (std::align_val_t{4096}) std::uint8_t[kRingChunks * kHashChunkSize]);
+  struct Slot {
+    ssize_t length = 0;
+    bool drop = false;
+  };
+  std::array<Slot, kRingChunks> slots{};
+  // Chunks the reader has put into the ring, and chunks hashed and given back.
+  std::atomic<std::uint32_t> filled{0};
+  std::atomic<std::uint32_t> consumed{0};
+  std::atomic<bool> stop{false};
+
+  // The reader copies chunks out of the page cache (or waits for the disk)
+  // ahead of this thread's hashing, at most the ring's size ahead, and ends
+  // after the last chunk, a failed read, or when told to stop.
+  std::thread reader([&] {
+    Residency residency(fd, size);
+    for (std::uint32_t c = 0;; ++c) {
+      for (std::uint32_t seen = consumed.load(); c - seen >= kRingChunks; seen = consumed.load()) {
+        if (stop.load()) return;
+        consumed.wait(seen);
+      }
+      if (stop.load()) return;
+      Slot& slot = slots[c % kRingChunks];
+      slot.drop = residency.drop_after_reading(c);
+      slot.length = read_chunk(fd, ring_.get() + (c % kRingChunks) * kHashChunkSize,
+                               static_cast<off_t>(std::uint64_t{c} * kHashChunkSize));
+      filled.store(c + 1);
+      filled.notify_one();
+      if (slot.length <= 0 || static_cast<std::size_t>(slot.length) < kHashChunkSize) return;
+    }
+  });
+
+  bool good = true;
+  bool dropped_any = false;
+  std::uint64_t offset = 0;
+  for (std::uint32_t c = 0;; ++c) {
+    for (std::uint32_t have = filled.load(); have == c; have = filled.load()) filled.wait(have);
+    const Slot& slot = slots[c % kRingChunks];
+    if (slot.length < 0) {
+      good = false;
+      break;
+    }
+    if (slot.length == 0) break;
+    const auto n = static_cast<std::size_t>(slot.length);
+    if (EVP_DigestUpdate(context_, ring_.get() + (c % kRingChunks) * kHashChunkSize, n) != 1) {
+      good = false;
+      break;
+    }
+    if (slot.drop) {
+      ::posix_fadvise(fd, static_cast<off_t>(offset), static_cast<off_t>(n), POSIX_FADV_DONTNEED);
+      dropped_any = true;
+    }
+    offset += n;
+    // The reader is woken only when half the ring is free again, so that it
+    // copies in bursts instead of once per chunk.
+    consumed.store(c + 1);
+    if ((c + 1) % (kRingChunks / 2) == 0) consumed.notify_one();
+    if (n < kHashChunkSize) break;
+  }
+  // The reader may be waiting for room: a change of `consumed` wakes it to
+  // see `stop`.
+  stop.store(true);
+  consumed.fetch_add(1);
+  consumed.notify_one();
+  reader.join();
+  // What lies beyond the file's old end (it grew while it was read) was
+  // read-ahead of ours.
+  if (dropped_any && offset > size) {
+    ::posix_fadvise(fd, static_cast<off_t>(size), 0, POSIX_FADV_DONTNEED);
+  }
+  return good;
 }
 
 std::optional<Data> fileHash(const std::string& path) {

@@ -21,7 +21,11 @@
 // cache is the rule, a warm re-run the cost.
 //
 // Memory: one 256 KiB buffer per hasher, reused for every chunk of every
-// file; nothing grows with file size.
+// file, and a ring of eight more once it has met a file of 8 MiB or more;
+// nothing grows with file size.
+//
+// Threads: a hasher is used by one thread at a time; for a large file it
+// starts a reader thread of its own and joins it before returning.
 //
 // Safety: the file is opened without following a link, without blocking
 // (a FIFO put in a regular file's place must not hang the walk) and without
@@ -62,16 +66,33 @@ class FileHasher {
 
   // The two halves of fileHash, for callers that know the item is a regular
   // file and open it first: open() gives a descriptor or -1 (nothing logged);
-  // hash() reads it (and closes it) and logs as fileHash does.
+  // hash() reads it (and closes it) and logs as fileHash does. `known_size`:
+  // the size a statx of `fd` has just given, which also showed a regular
+  // file (else hash() looks itself).
   static int open(const std::string& path);
-  std::optional<Data> hash(int fd, const std::string& path, LogSink& log);
+  std::optional<Data> hash(int fd, const std::string& path, LogSink& log,
+                           std::optional<std::uint64_t> known_size);
 
  private:
+  class Residency;
+  // The digest of the file's chunks read one after the other by this thread;
+  // false when a read fails.
+  bool hash_chunks(int fd, std::uint64_t size);
+  // The same with a second thread reading ahead: copying a chunk out of the
+  // page cache costs about a fifth of hashing it, and overlaps it this way,
+  // so that a large warm file hashes at the digest's own speed.
+  bool hash_pipelined(int fd, std::uint64_t size);
+  // Files from this size on are hashed pipelined: below it, starting the
+  // reader costs more than the overlap gains.
+  static constexpr std::uint64_t kPipelineThreshold = std::uint64_t{8} << 20;
+  static constexpr std::uint32_t kRingChunks = 8;  // 2 MiB, even
+
   // Page-aligned, so freed with the alignment it was allocated with.
   struct PageAlignedDelete {
     void operator()(std::uint8_t* p) const { ::operator delete[](p, std::align_val_t{4096}); }
   };
   std::unique_ptr<std::uint8_t[], PageAlignedDelete> buffer_;
+  std::unique_ptr<std::uint8_t[], PageAlignedDelete> ring_;  // made at the first large file
   EVP_MD_CTX* context_ = nullptr;
   EVP_MD* sha1_ = nullptr;
 };

@@ -130,8 +130,9 @@ std::optional<Data> read_value(const std::string& name, const std::string& path,
 
 // The hash of the regular file open at `fd` (which this takes and closes),
 // with fileHashWithPath's rule for a file that cannot be read.
-Data hash_open_file(int fd, const std::string& path, FileHasher& hasher, LogSink& log) {
-  std::optional<Data> digest = hasher.hash(fd, path, log);
+Data hash_open_file(int fd, const std::string& path, std::uint64_t size, FileHasher& hasher,
+                    LogSink& log) {
+  std::optional<Data> digest = hasher.hash(fd, path, log, size);
   if (!digest) {
     log.log(kMaybeFernbox, path);
     return Data{};
@@ -193,7 +194,7 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
   if (is_link) {
     target = link_target(path, log);
   } else if (fd >= 0) {
-    hash = hash_open_file(fd, path, context.hasher, log);
+    hash = hash_open_file(fd, path, attributes.size, context.hasher, log);
   } else if (S_ISDIR(attributes.mode)) {
     hash = Data{};  // what fileHashWithPath gives a directory, without asking again
   } else {
