@@ -10,6 +10,7 @@
 #include "manifest/attribute_keys.h"
 #include "manifest/file_attributes.h"
 #include "manifest/record_builder.h"
+#include "platform/item_at.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 #include "service/VTLLog.h"
@@ -210,17 +211,24 @@ Dictionary VTLFileMetadata::fileAttributesAllowSet(const Dictionary& attributes)
 }
 
 bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
+  return restoreAttribuesToPath(platform::ItemAt::by_path(path));
+}
+
+bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const {
+  const std::string& path = item.path;
   const Dictionary* attributes = getFileAttributes();
   const std::string* type = getFileType();
   bool result = false;
   if (type != nullptr && *type == keys::kTypeSymbolicLink) {
     // Results ignored: a link that cannot be re-owned keeps its owner.
-    static_cast<void>(::lchown(path.c_str(), id_or_keep<uid_t>(attributes, keys::kOwnerAccountID),
-                               id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID)));
+    static_cast<void>(::fchownat(item.directory, item.name,
+                                 id_or_keep<uid_t>(attributes, keys::kOwnerAccountID),
+                                 id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID),
+                                 AT_SYMLINK_NOFOLLOW));
   } else {
     const Dictionary settable =
         fileAttributesAllowSet(attributes != nullptr ? *attributes : Dictionary{});
-    if (int error = manifest::set_attributes(path, settable); error != 0) {
+    if (int error = manifest::set_attributes(item, settable); error != 0) {
       VTLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path,
              manifest::error_description(error), Value(settable));
       return false;
@@ -233,7 +241,7 @@ bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
         protection.emplace(it->first, it->second);
       }
     }
-    if (int error = manifest::set_attributes(path, protection); error != 0) {
+    if (int error = manifest::set_attributes(item, protection); error != 0) {
       VTLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path,
              manifest::error_description(error), recorded_class);
       return false;
@@ -253,7 +261,8 @@ bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
       return result;
     }
     const bool reserved = classes != nullptr && classes->hides_attribute(name);
-    if (reserved || ::lsetxattr(path.c_str(), name.c_str(), bytes->data(), bytes->size(), 0) != 0) {
+    if (reserved ||
+        platform::set_xattr(item, name.c_str(), bytes->data(), bytes->size()) != 0) {
       VTLLog("Could not set extended attributes on %@", path);
       return result;
     }

@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/item_at.h"
 #include "service/value.h"
 
 namespace vtl {
@@ -108,6 +109,8 @@ class VTLFileMetadata {
   // item, whose attributes and class were applied: a partial restore of
   // extended attributes is not reported as a failure.
   bool restoreAttribuesToPath(const std::string& path) const;
+  // The same for an item named relative to an open directory.
+  bool restoreAttribuesToPath(const platform::ItemAt& item) const;
 
  private:
   Dictionary dict_;

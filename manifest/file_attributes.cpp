@@ -60,10 +60,11 @@ int open_item(const std::string& path, const struct stat& seen) {
   return fd;
 }
 
-int set_mode_no_follow(const std::string& path, mode_t mode) {
-  if (::syscall(kSysFchmodat2, AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+int set_mode_no_follow(const platform::ItemAt& item, mode_t mode) {
+  if (::syscall(kSysFchmodat2, item.directory, item.name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
   if (errno != ENOSYS) return errno;
   // Older kernels: through a descriptor of the item itself.
+  const std::string& path = item.path;
   struct stat seen {};
   if (::lstat(path.c_str(), &seen) != 0) return errno;
   Fd fd(open_item(path, seen));
@@ -83,9 +84,9 @@ int set_immutable(const std::string& path, bool immutable) {
   return ::ioctl(fd.get(), FS_IOC_SETFLAGS, &wanted) == 0 ? 0 : errno;
 }
 
-std::optional<bool> current_immutable(const std::string& path) {
+std::optional<bool> current_immutable(const platform::ItemAt& item) {
   struct statx stx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &stx) != 0) {
+  if (::statx(item.directory, item.name, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &stx) != 0) {
     return std::nullopt;
   }
   if ((stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) == 0) return std::nullopt;
@@ -260,6 +261,11 @@ const std::string* AccountNames::group(gid_t gid) {
 }
 
 int set_attributes(const std::string& path, const Dictionary& attributes) {
+  return set_attributes(platform::ItemAt::by_path(path), attributes);
+}
+
+int set_attributes(const platform::ItemAt& item, const Dictionary& attributes) {
+  const std::string& path = item.path;
   const platform::Accounts* accounts = platform::current().accounts;
   int error = 0;
 
@@ -271,7 +277,7 @@ int set_attributes(const std::string& path, const Dictionary& attributes) {
     const bool* b = it->second.boolean();
     if (b == nullptr) return EINVAL;
     immutable = *b;
-    change_immutable = current_immutable(path).value_or(false) != immutable;
+    change_immutable = current_immutable(item).value_or(false) != immutable;
   }
   if (change_immutable && !immutable) {
     if (int e = set_immutable(path, false); e != 0) return e;
@@ -292,8 +298,8 @@ int set_attributes(const std::string& path, const Dictionary& attributes) {
       &error);
   if (error != 0) return error;
   if (uid || gid) {
-    if (::lchown(path.c_str(), uid.value_or(static_cast<uid_t>(-1)),
-                 gid.value_or(static_cast<gid_t>(-1))) != 0) {
+    if (::fchownat(item.directory, item.name, uid.value_or(static_cast<uid_t>(-1)),
+                   gid.value_or(static_cast<gid_t>(-1)), AT_SYMLINK_NOFOLLOW) != 0) {
       return errno;
     }
   }
@@ -301,7 +307,7 @@ int set_attributes(const std::string& path, const Dictionary& attributes) {
   if (auto it = attributes.find(keys::kPosixPermissions); it != attributes.end()) {
     const std::int64_t* mode = it->second.integer();
     if (mode == nullptr) return EINVAL;
-    if (int e = set_mode_no_follow(path, static_cast<mode_t>(*mode & 07777)); e != 0) return e;
+    if (int e = set_mode_no_follow(item, static_cast<mode_t>(*mode & 07777)); e != 0) return e;
   }
 
   if (auto it = attributes.find(keys::kModificationDate); it != attributes.end()) {
@@ -313,7 +319,7 @@ int set_attributes(const std::string& path, const Dictionary& attributes) {
     const timespec times[2] = {
         {0, UTIME_OMIT},
         {static_cast<time_t>(seconds), static_cast<long>(ns - seconds * 1'000'000'000)}};
-    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    if (::utimensat(item.directory, item.name, times, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   }
 
   if (auto it = attributes.find(keys::kProtectionClass); it != attributes.end()) {
@@ -321,7 +327,7 @@ int set_attributes(const std::string& path, const Dictionary& attributes) {
     if (protection == nullptr) return EINVAL;
     const platform::ProtectionClasses* classes = platform::current().protection_classes;
     if (classes == nullptr) return ENOTSUP;
-    if (int e = classes->set(path, *protection); e != 0) return e;
+    if (int e = classes->set_at(item, *protection); e != 0) return e;
   }
 
   if (change_immutable && immutable) {

@@ -31,6 +31,7 @@
 #include <unordered_map>
 
 #include "manifest/record_codec.h"
+#include "platform/item_at.h"
 #include "service/value.h"
 
 namespace vtl::manifest {
@@ -97,5 +98,7 @@ class AccountNames {
 // A value of the wrong type is EINVAL. Stops at the first failure and returns
 // its errno value; 0 when everything was applied.
 int set_attributes(const std::string& path, const Dictionary& attributes);
+// The same for an item named relative to an open directory.
+int set_attributes(const platform::ItemAt& item, const Dictionary& attributes);
 
 }  // namespace vtl::manifest

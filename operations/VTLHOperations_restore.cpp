@@ -1,6 +1,12 @@
 // Finishing an installation: the attribute restore from the signed manifest,
 // and the promotion of a staging tree into "/var/backup".
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <atomic>
@@ -88,7 +94,8 @@ std::unique_ptr<VTLSignedManifest> load_signed_manifest(const std::string* path)
 }
 
 // Whether `relative` names a place inside the staging root that is reached
-// without passing a symbolic link or a "." or ".." component.
+// without passing a symbolic link or a "." or ".." component: the look made
+// where the kernel has no openat2 (ItemFinder below).
 //
 // The client owns the staging tree: a directory it swaps for a link would
 // otherwise send root's chown, chmod and setxattr wherever the link points.
@@ -130,6 +137,101 @@ std::string absolute_path(const std::string& root, std::string_view relative) {
   return path;
 }
 
+// Where a restoring thread finds the items of its records: each item's
+// directory is opened beneath the staging root without passing a symbolic
+// link (openat2 with RESOLVE_BENEATH and RESOLVE_NO_SYMLINKS), once for all
+// the neighbouring records in it, and the item is then named in it. So every
+// call on an item resolves one name, and a directory the client swaps for a
+// link is never passed, before the look or after it.
+class ItemFinder {
+ public:
+  explicit ItemFinder(const std::string& root)
+      : root_(root), root_fd_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+  ~ItemFinder() {
+    close_directory();
+    if (root_fd_ >= 0) ::close(root_fd_);
+  }
+  ItemFinder(const ItemFinder&) = delete;
+  ItemFinder& operator=(const ItemFinder&) = delete;
+
+  // Restores `record` onto the item at `relative`; false after the first
+  // failure, logged.
+  bool restore(const std::string& relative, const VTLFileMetadata& record) {
+    const std::string path = absolute_path(root_, relative);
+    std::string_view name;
+    switch (find(relative, &name)) {
+      case Found::kOutside:
+        VTLLog(kNotPlain, kRestoreMethod, relative);
+        return false;
+      case Found::kByPath:
+        return record.restoreAttribuesToPath(path);
+      case Found::kInDirectory:
+        name_.assign(name);
+        return record.restoreAttribuesToPath(platform::ItemAt{directory_fd_, name_.c_str(), path});
+    }
+    return false;
+  }
+
+ private:
+  enum class Found { kInDirectory, kByPath, kOutside };
+
+  // Splits `relative` into its directory (opened into directory_fd_) and the
+  // item's name there. kByPath for the staging root itself, and where the
+  // directory cannot be opened for another reason than a link or an escape:
+  // the item then fails on its own, with its own message.
+  Found find(std::string_view relative, std::string_view* name) {
+    parent_.clear();
+    name->remove_prefix(name->size());
+    for (std::size_t start = 0; start <= relative.size();) {
+      std::size_t end = relative.find('/', start);
+      if (end == std::string_view::npos) end = relative.size();
+      const std::string_view component = relative.substr(start, end - start);
+      start = end + 1;
+      if (component.empty()) continue;
+      if (component == "." || component == "..") return Found::kOutside;
+      if (!name->empty()) {
+        if (!parent_.empty()) parent_ += '/';
+        parent_ += *name;
+      }
+      *name = component;
+    }
+    if (name->empty() || root_fd_ < 0) return Found::kByPath;
+    if (directory_fd_ >= 0 && parent_ == directory_) return Found::kInDirectory;
+    close_directory();
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, root_fd_, parent_.empty() ? "." : parent_.c_str(),
+                              &how, sizeof how);
+    if (fd < 0) {
+      if (errno == ELOOP || errno == EXDEV) return Found::kOutside;
+      if (errno == ENOSYS) {
+        // Kernels before openat2: every directory is looked at first.
+        return is_plain_path(root_, relative, &plain_directories_) ? Found::kByPath
+                                                                   : Found::kOutside;
+      }
+      return Found::kByPath;
+    }
+    directory_fd_ = static_cast<int>(fd);
+    directory_ = parent_;
+    return Found::kInDirectory;
+  }
+
+  void close_directory() {
+    if (directory_fd_ >= 0) ::close(directory_fd_);
+    directory_fd_ = -1;
+  }
+
+  const std::string& root_;
+  const int root_fd_;
+  int directory_fd_ = -1;
+  std::string directory_;  // what directory_fd_ is, relative to the root
+  // Scratch, reused from record to record.
+  std::string parent_;
+  std::string name_;
+  std::unordered_set<std::string> plain_directories_;  // without openat2 only
+};
+
 // Restoring is a handful of system calls on each of many independent files;
 // several threads overlap them. The records are read in place from the
 // signed manifest: each thread takes the next few entries of the record
@@ -153,12 +255,11 @@ class ParallelRestore {
 
  private:
   // Entries taken at a time: neighbours in the dictionary are neighbours in
-  // the tree, whose directories a thread then finds already looked at.
+  // the tree, whose directory a thread then has open already.
   static constexpr std::size_t kBatch = 32;
 
   void work() {
-    // Each thread remembers the directories it has found plain.
-    std::unordered_set<std::string> plain_directories;
+    ItemFinder items(root_);
     std::string relative;
     const std::size_t count = records_.size();
     for (;;) {
@@ -167,26 +268,20 @@ class ParallelRestore {
       for (std::size_t i = begin; i < std::min(count, begin + kBatch); ++i) {
         if (failed_.load(std::memory_order_relaxed)) return;
         static_cast<void>(records_.key(i).text(&relative));  // keys are strings
-        if (!restore_one(relative, records_.value(i), &plain_directories)) {
+        const bplist::Object record = records_.value(i);
+        // An entry that is not a dictionary has no metadata.
+        bool restored = record.type() == bplist::Object::Type::kDictionary;
+        if (restored) {
+          Value value = bplist::to_value(record);
+          restored = items.restore(relative, VTLFileMetadata::fileMetaDataWithMetadataDictionary(
+                                                 std::move(*value.dictionary())));
+        }
+        if (!restored) {
           failed_.store(true);
           return;
         }
       }
     }
-  }
-
-  bool restore_one(const std::string& relative, const bplist::Object& record,
-                   std::unordered_set<std::string>* plain_directories) {
-    // An entry that is not a dictionary has no metadata.
-    if (record.type() != bplist::Object::Type::kDictionary) return false;
-    if (!is_plain_path(root_, relative, plain_directories)) {
-      VTLLog(kNotPlain, kRestoreMethod, relative);
-      return false;
-    }
-    Value value = bplist::to_value(record);
-    const VTLFileMetadata metadata =
-        VTLFileMetadata::fileMetaDataWithMetadataDictionary(std::move(*value.dictionary()));
-    return metadata.restoreAttribuesToPath(absolute_path(root_, relative));
   }
 
   const std::string& root_;

@@ -22,6 +22,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/item_at.h"
+
 namespace platform {
 
 class ProtectionClasses {
@@ -32,11 +34,14 @@ class ProtectionClasses {
   // component. nullopt when the item has none, when the file system cannot
   // keep one, or when what is kept there is not a class name.
   virtual std::optional<std::string> get(const std::string& path) const = 0;
-  // Gives the item at `path` the class `protection_class` (one of the five
-  // names), never following a link in the final component. Returns 0 or an
-  // errno value: EINVAL for any other name, ENOTSUP where the file system
-  // cannot keep a class.
-  virtual int set(const std::string& path, std::string_view protection_class) const = 0;
+  // Gives the item the class `protection_class` (one of the five names),
+  // never following a link in the final component. Returns 0 or an errno
+  // value: EINVAL for any other name, ENOTSUP where the file system cannot
+  // keep a class.
+  virtual int set_at(const ItemAt& item, std::string_view protection_class) const = 0;
+  int set(const std::string& path, std::string_view protection_class) const {
+    return set_at(ItemAt::by_path(path), protection_class);
+  }
   // Whether `name`, as listxattr reports it, is this backend's own storage and
   // must be left out of listings of extended attributes.
   virtual bool hides_attribute(std::string_view name) const = 0;

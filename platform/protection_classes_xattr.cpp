@@ -23,13 +23,9 @@ class XattrProtectionClasses final : public ProtectionClasses {
     return value;
   }
 
-  int set(const std::string& path, std::string_view protection_class) const override {
+  int set_at(const ItemAt& item, std::string_view protection_class) const override {
     if (!is_protection_class_name(protection_class)) return EINVAL;
-    if (::lsetxattr(path.c_str(), kAttributeName, protection_class.data(), protection_class.size(),
-                    0) != 0) {
-      return errno;
-    }
-    return 0;
+    return set_xattr(item, kAttributeName, protection_class.data(), protection_class.size());
   }
 
   bool hides_attribute(std::string_view name) const override { return name == kAttributeName; }
