@@ -221,27 +221,24 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
   bool result = false;
   if (type != nullptr && *type == keys::kTypeSymbolicLink) {
     // Results ignored: a link that cannot be re-owned keeps its owner.
-    static_cast<void>(::fchownat(item.directory, item.name,
-                                 id_or_keep<uid_t>(attributes, keys::kOwnerAccountID),
-                                 id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID),
-                                 AT_SYMLINK_NOFOLLOW));
+    static_cast<void>(
+        ::fchownat(item.directory, item.name, id_or_keep<uid_t>(attributes, keys::kOwnerAccountID),
+                   id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID), AT_SYMLINK_NOFOLLOW));
   } else {
-    const Dictionary settable =
-        fileAttributesAllowSet(attributes != nullptr ? *attributes : Dictionary{});
-    if (int error = manifest::set_attributes(item, settable); error != 0) {
+    // set_attributes reads nothing but the settable keys and the protection
+    // class, so the recorded dictionary applied without its class is its
+    // settable subset applied; the subset is made only for a message.
+    const Dictionary none;
+    const Dictionary& recorded = attributes != nullptr ? *attributes : none;
+    if (int error = manifest::set_attributes(item, recorded, manifest::WithProtectionClass::kNo);
+        error != 0) {
       VTLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path,
-             manifest::error_description(error), Value(settable));
+             manifest::error_description(error), Value(fileAttributesAllowSet(recorded)));
       return false;
     }
-    Dictionary protection;
-    const Value* recorded_class = nullptr;
-    if (attributes != nullptr) {
-      if (auto it = attributes->find(keys::kProtectionClass); it != attributes->end()) {
-        recorded_class = &it->second;
-        protection.emplace(it->first, it->second);
-      }
-    }
-    if (int error = manifest::set_attributes(item, protection); error != 0) {
+    const auto it = recorded.find(keys::kProtectionClass);
+    const Value* recorded_class = it != recorded.end() ? &it->second : nullptr;
+    if (int error = manifest::set_protection_class(item, recorded_class); error != 0) {
       VTLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path,
              manifest::error_description(error), recorded_class);
       return false;
@@ -261,8 +258,7 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
       return result;
     }
     const bool reserved = classes != nullptr && classes->hides_attribute(name);
-    if (reserved ||
-        platform::set_xattr(item, name.c_str(), bytes->data(), bytes->size()) != 0) {
+    if (reserved || platform::set_xattr(item, name.c_str(), bytes->data(), bytes->size()) != 0) {
       VTLLog("Could not set extended attributes on %@", path);
       return result;
     }

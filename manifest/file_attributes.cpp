@@ -261,10 +261,20 @@ const std::string* AccountNames::group(gid_t gid) {
 }
 
 int set_attributes(const std::string& path, const Dictionary& attributes) {
-  return set_attributes(platform::ItemAt::by_path(path), attributes);
+  return set_attributes(platform::ItemAt::by_path(path), attributes, WithProtectionClass::kYes);
 }
 
-int set_attributes(const platform::ItemAt& item, const Dictionary& attributes) {
+int set_protection_class(const platform::ItemAt& item, const Value* protection_class) {
+  if (protection_class == nullptr) return 0;
+  const std::string* name = protection_class->string();
+  if (name == nullptr) return EINVAL;
+  const platform::ProtectionClasses* classes = platform::current().protection_classes;
+  if (classes == nullptr) return ENOTSUP;
+  return classes->set_at(item, *name);
+}
+
+int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
+                   WithProtectionClass with_class) {
   const std::string& path = item.path;
   const platform::Accounts* accounts = platform::current().accounts;
   int error = 0;
@@ -322,12 +332,12 @@ int set_attributes(const platform::ItemAt& item, const Dictionary& attributes) {
     if (::utimensat(item.directory, item.name, times, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   }
 
-  if (auto it = attributes.find(keys::kProtectionClass); it != attributes.end()) {
-    const std::string* protection = it->second.string();
-    if (protection == nullptr) return EINVAL;
-    const platform::ProtectionClasses* classes = platform::current().protection_classes;
-    if (classes == nullptr) return ENOTSUP;
-    if (int e = classes->set_at(item, *protection); e != 0) return e;
+  if (with_class == WithProtectionClass::kYes) {
+    const auto it = attributes.find(keys::kProtectionClass);
+    if (int e = set_protection_class(item, it != attributes.end() ? &it->second : nullptr);
+        e != 0) {
+      return e;
+    }
   }
 
   if (change_immutable && immutable) {

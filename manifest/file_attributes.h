@@ -98,7 +98,14 @@ class AccountNames {
 // A value of the wrong type is EINVAL. Stops at the first failure and returns
 // its errno value; 0 when everything was applied.
 int set_attributes(const std::string& path, const Dictionary& attributes);
-// The same for an item named relative to an open directory.
-int set_attributes(const platform::ItemAt& item, const Dictionary& attributes);
+// The same for an item named relative to an open directory; with kNo, the
+// ProtectionClass entry is left out.
+enum class WithProtectionClass : bool { kNo, kYes };
+int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
+                   WithProtectionClass with_class);
+// Gives the item the class named by `protection_class`: nothing for nullptr,
+// EINVAL for a value that is not a string or not a class name, ENOTSUP
+// without a place to keep classes. 0 or an errno value.
+int set_protection_class(const platform::ItemAt& item, const Value* protection_class);
 
 }  // namespace vtl::manifest
