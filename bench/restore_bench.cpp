@@ -35,6 +35,7 @@
 
 #include "krx/value.h"
 #include "manifest/VTLManifest.h"
+#include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_signer.h"
 #include "platform/accounts.h"
 #include "platform/platform.h"
@@ -283,8 +284,8 @@ int main(int argc, char** argv) {
       {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
   if (!signer) die(error);
   std::optional<vtl::Dictionary> envelope =
-      signer->envelope(vtl::plist_to_binary(vtl::Value(std::move(raw))));
-  const vtl::Data envelope_bytes = vtl::plist_to_binary(vtl::Value(std::move(*envelope)));
+      signer->envelope(vtl::bplist::to_binary(vtl::Value(std::move(raw))));
+  const vtl::Data envelope_bytes = vtl::bplist::to_binary(vtl::Value(std::move(*envelope)));
   if (vtl::write_file_atomically(device + kManifestDevicePath, envelope_bytes) != 0) {
     die("cannot write the signed manifest");
   }
