@@ -144,6 +144,18 @@ struct VTLManifest::Walk {
   std::condition_variable task_done;
   std::deque<Task*> queue;
   Task* awaited = nullptr;  // the task the committing thread waits for
+  std::size_t done_while_awaited = 0;
+  // Tasks finished while the committing thread waits for one, before it is
+  // woken: waking it for every task would cost a sleep and a wake-up per
+  // item whenever the builders are the slower side.
+  static constexpr std::size_t kWakeStride = 64;
+  // Whether the awaited task is done and the committing thread is worth
+  // waking: a stretch of tasks has finished since, or nothing is left queued
+  // (it produces the tasks, so while it waits the queue only shrinks).
+  // REQUIRES: mutex held, awaited set.
+  bool committable() const {
+    return awaited->done && (done_while_awaited >= kWakeStride || queue.empty());
+  }
   bool stopping = false;
   std::vector<std::thread> workers;
 
@@ -264,10 +276,13 @@ struct VTLManifest::Walk {
           {
             std::lock_guard<std::mutex> lock(mutex);
             t->done = true;
-            wanted = awaited == t;
+            if (awaited != nullptr) {
+              ++done_while_awaited;
+              wanted = committable();
+            }
           }
-          // Only the committing thread waits, and only for the task it
-          // commits next: no wake-up for any other.
+          // Only the committing thread waits, and is woken only once a
+          // stretch of tasks is ready for it: no wake-up for any other.
           if (wanted) task_done.notify_one();
         }
       });
@@ -347,9 +362,12 @@ struct VTLManifest::Walk {
                      manifest::RecordEncoder& inline_encoder, manifest::LogSink& direct) {
     if (parallel) {
       std::unique_lock<std::mutex> lock(mutex);
-      awaited = &t;
-      task_done.wait(lock, [&t] { return t.done; });
-      awaited = nullptr;
+      if (!t.done) {
+        awaited = &t;
+        done_while_awaited = 0;
+        task_done.wait(lock, [this] { return committable(); });
+        awaited = nullptr;
+      }
     } else {
       build(t, context, inline_encoder, direct);
     }
@@ -444,7 +462,12 @@ bool VTLManifest::walk(const std::string& path, const std::string& base,
     return false;
   }
   root_path_ = base;
-  const std::uint64_t total = calculateTotalFileSize_skipPaths(path, skip);
+  // Without a progress updater the total goes nowhere: the enumeration still
+  // runs, for what it logs of directories it cannot read, but no file's size
+  // is looked up for it (a file removed between the enumeration and that
+  // look is then not reported by this pass; the walk reports it anyway).
+  const std::uint64_t total = calculateTotalFileSize_skipPaths(
+      path, skip, progress_ != nullptr ? Sizes::kSum : Sizes::kSkip);
   if (progress_ != nullptr)
     progress_->initializePercentageWithTotal(static_cast<std::int64_t>(total));
   Walk walk(*this, path, base, skip, inclusive, handler);
@@ -466,7 +489,8 @@ std::vector<std::string> VTLManifest::immediateHiddenFilesUnderPath(const std::s
 }
 
 std::uint64_t VTLManifest::calculateTotalFileSize_skipPaths(const std::string& path,
-                                                            const std::vector<std::string>& skip) {
+                                                            const std::vector<std::string>& skip,
+                                                            Sizes sizes) {
   manifest::TreeWalk enumeration(
       path, [&skip](const std::string& dir) { return skips_subtree(skip, dir); });
   manifest::WalkEvent event;
@@ -481,7 +505,7 @@ std::uint64_t VTLManifest::calculateTotalFileSize_skipPaths(const std::string& p
       VTLLog(kNoResource, kIsRegularFileKey);
       return 0;
     }
-    if (event.type != manifest::WalkEvent::Type::kRegular) continue;
+    if (event.type != manifest::WalkEvent::Type::kRegular || sizes == Sizes::kSkip) continue;
     struct stat st {};
     if (enumeration.stat_item(&st) != 0) {
       VTLLog(kNoAttribute, event.path);

@@ -87,9 +87,12 @@ class VTLManifest {
   // "."; empty when it cannot be listed.
   static std::vector<std::string> immediateHiddenFilesUnderPath(const std::string& path);
   // Bytes of the regular files under `path` (links not counted, nor the path
-  // itself), skipping `skip`. 0 when an item cannot be read.
+  // itself), skipping `skip`. 0 when an item cannot be read. With kSkip the
+  // tree is enumerated (and its errors logged) but no size is looked up: 0.
+  enum class Sizes : bool { kSkip, kSum };
   static std::uint64_t calculateTotalFileSize_skipPaths(const std::string& path,
-                                                        const std::vector<std::string>& skip);
+                                                        const std::vector<std::string>& skip,
+                                                        Sizes sizes = Sizes::kSum);
   // The item's own size, a link not followed; 0 when unreadable.
   static std::uint64_t fileSizeToAdjustPercentage(const std::string& path);
 
