@@ -531,6 +531,11 @@ int VTLManifest::writeBinaryPropertyListToFile(const std::string& path) const {
   return bplist::replace_file(path, 0644, [this](int fd) { return writeBinaryPropertyList(fd); });
 }
 
-unsigned VTLManifest::worker_count() { return std::max(2U, std::thread::hardware_concurrency()); }
+// Measured on two cores over 100,000 items: warm 1.7 s with 2 builders, 1.5 s
+// with 4, 2.4 s with 8 (they queue for the task lock); cold 7.2 s, 5.6 s and
+// 4.6 s.
+unsigned VTLManifest::worker_count() {
+  return std::max(4U, 2 * std::thread::hardware_concurrency());
+}
 
 }  // namespace vtl
