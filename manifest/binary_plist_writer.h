@@ -5,7 +5,7 @@
 // device-manifest records take 0.35 s, 100,000 take 45 s and 830 MB). A device
 // manifest of half a million files must be written in seconds, so this writer
 // is linear in time and holds nothing per object but its 8-byte offset.
-// libplist stays the reader, and the XML writer.
+// libplist stays the XML reader and writer.
 //
 // Objects are written as they are added, children before the containers that
 // refer to them, and numbered in that order; the offset table and the trailer

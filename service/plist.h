@@ -1,4 +1,6 @@
-// Property lists (XML and binary) to and from Value, through libplist.
+// Property lists (XML and binary) to and from Value: XML read and written
+// through libplist, binary read by our own reader (binary_plist_reader.h)
+// and written through libplist (large manifests: binary_plist_writer.h).
 //
 // Types: string, boolean, integer, real, date, data, array and dictionary map
 // one to one. What a Value cannot hold faithfully is refused, not bent:
@@ -28,8 +30,9 @@
 namespace vtl {
 
 // Deepest nesting of arrays and dictionaries read. Deeper documents are
-// refused before libplist sees them: its binary reader and its tree release
-// recurse once per level. Writing assumes values no deeper than this.
+// refused before they are turned into Values (which, like libplist's XML
+// tree, are built and released recursively). Writing assumes values no
+// deeper than this.
 inline constexpr std::size_t kMaxPlistDepth = 512;
 
 // Parses an XML or binary property list (binary when it starts with
