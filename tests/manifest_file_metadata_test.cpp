@@ -312,9 +312,14 @@ TEST_F(FileMetadataTest, LinkWithUnreadableTargetHasNoTargetEntry) {
 // --- Hashing ---------------------------------------------------------------------
 
 TEST_F(FileMetadataTest, HashOfFilesAcrossChunkBoundaries) {
-  for (std::size_t size : {std::size_t{0}, std::size_t{1}, vtl::manifest::kHashChunkSize - 1,
-                           vtl::manifest::kHashChunkSize, vtl::manifest::kHashChunkSize + 1,
-                           3 * vtl::manifest::kHashChunkSize + 17}) {
+  constexpr std::size_t kChunk = vtl::manifest::kHashChunkSize;
+  // From 8 MiB on, a second thread reads ahead through a ring of chunks: the
+  // content differs from chunk to chunk, so that a chunk hashed out of order
+  // or twice shows.
+  constexpr std::size_t kReadAhead = std::size_t{8} << 20;
+  for (std::size_t size :
+       {std::size_t{0}, std::size_t{1}, kChunk - 1, kChunk, kChunk + 1, 3 * kChunk + 17, kReadAhead,
+        kReadAhead + 1, kReadAhead + 13 * kChunk + 5}) {
     std::string content(size, '\0');
     for (std::size_t i = 0; i < size; ++i) content[i] = static_cast<char>((i * 31) ^ (i >> 9));
     write_file(at("f"), content);
