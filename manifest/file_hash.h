@@ -11,7 +11,8 @@
 // either flag does: what is cached is used and left cached, and what it
 // brings in it drops again. cachestat() (Linux 6.5) tells, chunk by chunk and
 // a fixed distance (8 MiB) ahead of the read position, beyond what read-ahead
-// reaches, whether a chunk was all in the page cache before the hasher came;
+// reaches, whether a chunk was in the page cache before the hasher came (all
+// of it but a few stray pages, at most an eighth, that the kernel evicted);
 // a chunk that was not has its pages dropped (POSIX_FADV_DONTNEED) as soon
 // as it is hashed. A file found whole in the cache costs one look; memory for
 // the answers is a few bytes, whatever the file's size.
