@@ -109,6 +109,9 @@ class VTLManifest {
   // cores, four threads read a cold tree about a third faster than two, and
   // hash a warm one as fast).
   static unsigned worker_count();
+  // And as many more while the files met are not in the page cache, to have
+  // more reads in flight.
+  static unsigned cold_worker_count();
   // How many items an add may build ahead of the one it commits next.
   static constexpr std::size_t kLookAhead = 512;
 

@@ -118,6 +118,7 @@ std::optional<Data> FileHasher::fileHash(const std::string& path, LogSink& log) 
 std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, LogSink& log,
                                      std::optional<std::uint64_t> known_size) {
   Fd fd(descriptor);
+  last_was_cached_ = true;
   std::uint64_t size = 0;
   if (known_size) {
     size = *known_size;
@@ -165,6 +166,7 @@ class FileHasher::Residency {
     look(chunk + kResidencyLead);
     return !was_cached_[chunk % kResidencyRing];
   }
+  bool all_cached() const { return all_cached_; }
   // After the last chunk, when any was dropped: what lies beyond the file's
   // old end (it grew while it was read) was read-ahead of ours.
   void finish(std::uint64_t end, bool dropped_any) const {
@@ -200,6 +202,7 @@ ssize_t read_chunk(int fd, std::uint8_t* buffer, off_t offset) {
 
 bool FileHasher::hash_chunks(int fd, std::uint64_t size) {
   Residency residency(fd, size);
+  last_was_cached_ = residency.all_cached();
   bool dropped_any = false;
   off_t offset = 0;
   for (;;) {
@@ -239,6 +242,7 @@ bool FileHasher::hash_pipelined(int fd, std::uint64_t size) {
   // after the last chunk, a failed read, or when told to stop.
   std::thread reader([&] {
     Residency residency(fd, size);
+    last_was_cached_ = residency.all_cached();  // read after the join
     for (std::uint32_t c = 0;; ++c) {
       for (std::uint32_t seen = consumed.load(); c - seen >= kRingChunks; seen = consumed.load()) {
         if (stop.load()) return;

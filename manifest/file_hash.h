@@ -74,6 +74,10 @@ class FileHasher {
   std::optional<Data> hash(int fd, const std::string& path, LogSink& log,
                            std::optional<std::uint64_t> known_size);
 
+  // Whether the last file hashed was found whole in the page cache (true
+  // also when none was read).
+  bool last_was_cached() const { return last_was_cached_; }
+
  private:
   class Residency;
   // The digest of the file's chunks read one after the other by this thread;
@@ -96,6 +100,7 @@ class FileHasher {
   std::unique_ptr<std::uint8_t[], PageAlignedDelete> ring_;  // made at the first large file
   EVP_MD_CTX* context_ = nullptr;
   EVP_MD* sha1_ = nullptr;
+  bool last_was_cached_ = true;
 };
 
 // The file-URL extension of the platform: `fileHash` with a hasher of its own,
