@@ -109,8 +109,8 @@ class VTLManifest {
   // cores, four threads read a cold tree about a third faster than two, and
   // hash a warm one as fast).
   static unsigned worker_count();
-  // And as many more while the files met are not in the page cache, to have
-  // more reads in flight.
+  // And more while the files met are not in the page cache, to have more
+  // reads in flight: as many again, at least twelve.
   static unsigned cold_worker_count();
   // How many items an add may build ahead of the one it commits next.
   static constexpr std::size_t kLookAhead = 512;
