@@ -164,8 +164,8 @@ struct VTLManifest::Walk {
   // walk meets files that are not in the page cache: there most of a
   // builder's time is a wait for the disk, and more reads in flight shorten
   // the walk, where on a warm tree more builders than that only queue for the
-  // cores. Cold means a regular file not found whole in the cache among the
-  // last kColdSpan that were hashed.
+  // cores. Cold means a regular file not found in the cache (as the hasher
+  // counts it) among the last kColdSpan that were hashed.
   static constexpr std::uint32_t kColdSpan = 64;
   std::condition_variable cold_work_ready;  // where the extra builders wait
   std::atomic<std::uint32_t> found_cached_since_miss{kColdSpan};

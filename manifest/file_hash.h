@@ -74,8 +74,9 @@ class FileHasher {
   std::optional<Data> hash(int fd, const std::string& path, LogSink& log,
                            std::optional<std::uint64_t> known_size);
 
-  // Whether the last file hashed was found whole in the page cache (true
-  // also when none was read).
+  // Whether the last file hashed was found in the page cache, as the rule
+  // above counts it (a few stray pages may be missing); true also when none
+  // was read.
   bool last_was_cached() const { return last_was_cached_; }
 
  private:
