@@ -112,8 +112,11 @@ class VTLManifest {
   // And more while the files met are not in the page cache, to have more
   // reads in flight: as many again, at least twelve.
   static unsigned cold_worker_count();
-  // How many items an add may build ahead of the one it commits next.
-  static constexpr std::size_t kLookAhead = 512;
+  // How many items an add may build ahead of the one it commits next. On
+  // two cores over 100,000 warm items: 2.0 s with 512, 1.8 s with 2,048 or
+  // 4,096 (the builders less often find the queue empty while the next item
+  // to commit is still being built); cold, no difference within the noise.
+  static constexpr std::size_t kLookAhead = 2048;
 
   // Test seam: called on the building thread just before each record is built.
   void set_before_record_for_testing(std::function<void(const std::string&)> hook) {
