@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -134,8 +135,21 @@ std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, Lo
     log.log(kCannotReadData, path);
     return std::nullopt;
   }
-  const bool read =
-      size >= kPipelineThreshold ? hash_pipelined(fd.get(), size) : hash_chunks(fd.get(), size);
+  bool read = false;
+  switch (probe_small(fd.get(), size)) {
+    case Probe::kHashed:
+      read = true;
+      break;
+    case Probe::kFailed:
+      break;
+    case Probe::kNotCached:
+      read = hash_chunks(fd.get(), size, /*not_cached=*/true);
+      break;
+    case Probe::kUnanswered:
+      read =
+          size >= kPipelineThreshold ? hash_pipelined(fd.get(), size) : hash_chunks(fd.get(), size);
+      break;
+  }
   Data digest(kSha1Length);
   unsigned int length = 0;
   if (!read || EVP_DigestFinal_ex(context_, digest.data(), &length) != 1 || length != kSha1Length) {
@@ -153,9 +167,14 @@ std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, Lo
 // common warm case) costs one look in all.
 class FileHasher::Residency {
  public:
-  Residency(int fd, std::uint64_t size)
-      : fd_(fd), size_(size), all_cached_(range_cached(fd, 0, size, size)) {
-    if (!all_cached_) {
+  // `not_cached`: known not to be in the cache; nothing is looked at and
+  // every chunk is dropped.
+  Residency(int fd, std::uint64_t size, bool not_cached = false)
+      : fd_(fd),
+        size_(size),
+        all_cached_(!not_cached && range_cached(fd, 0, size, size)),
+        not_cached_(not_cached) {
+    if (!all_cached_ && !not_cached_) {
       for (std::uint64_t c = 0; c < kResidencyLead; ++c) look(c);
     }
   }
@@ -163,6 +182,7 @@ class FileHasher::Residency {
   // says whether `chunk` is to be dropped once hashed.
   bool drop_after_reading(std::uint64_t chunk) {
     if (all_cached_) return false;
+    if (not_cached_) return true;
     look(chunk + kResidencyLead);
     return !was_cached_[chunk % kResidencyRing];
   }
@@ -183,6 +203,7 @@ class FileHasher::Residency {
   int fd_;
   std::uint64_t size_;
   bool all_cached_;
+  bool not_cached_;
   std::array<bool, kResidencyRing> was_cached_{};
 };
 
@@ -200,8 +221,23 @@ ssize_t read_chunk(int fd, std::uint8_t* buffer, off_t offset) {
 
 }  // namespace
 
-bool FileHasher::hash_chunks(int fd, std::uint64_t size) {
-  Residency residency(fd, size);
+FileHasher::Probe FileHasher::probe_small(int fd, std::uint64_t size) {
+  static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  if (size == 0 || size >= kProbePages * page) return Probe::kUnanswered;
+  iovec into{buffer_.get(), kHashChunkSize};
+  const ssize_t n = ::preadv2(fd, &into, 1, 0, RWF_NOWAIT);
+  if (n < 0) return errno == EAGAIN ? Probe::kNotCached : Probe::kUnanswered;
+  if (static_cast<std::uint64_t>(n) < size) return Probe::kNotCached;
+  // Longer: the file grew since its size was taken, and is read as any other.
+  if (static_cast<std::uint64_t>(n) > size) return Probe::kUnanswered;
+  last_was_cached_ = true;
+  return EVP_DigestUpdate(context_, buffer_.get(), static_cast<std::size_t>(n)) == 1
+             ? Probe::kHashed
+             : Probe::kFailed;
+}
+
+bool FileHasher::hash_chunks(int fd, std::uint64_t size, bool not_cached) {
+  Residency residency(fd, size, not_cached);
   last_was_cached_ = residency.all_cached();
   bool dropped_any = false;
   off_t offset = 0;

@@ -432,6 +432,39 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   EXPECT_GE(after + stray, before) << "a warm chunk was dropped";
 }
 
+TEST_F(FileMetadataTest, SmallFilesAreKeptInTheCacheOnlyWhenFoundThereWhole) {
+  // A file of a few pages is either all in the cache, and stays, or misses a
+  // page, and goes: an eighth of five pages is less than one.
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  std::string content(5 * page - 100, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + i / 4096);
+  const struct {
+    const char* name;
+    std::size_t pages_read_before;  // from the start, one page at a time
+  } cases[] = {{"cold", 0}, {"first page only", 1}, {"all but the last", 4}, {"warm", 5}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = at(std::string("small-") + c.name);
+    write_file(path, content);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(::fdatasync(fd), 0);
+    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
+    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM), 0);
+    std::string one(page, '\0');
+    for (std::size_t i = 0; i < c.pages_read_before; ++i) {
+      ASSERT_GT(::pread(fd, one.data(), page, static_cast<off_t>(i * page)), 0);
+    }
+    ::close(fd);
+    const std::size_t before = resident_pages(path);
+    ASSERT_LE(before, c.pages_read_before);
+
+    EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(content));
+    // A page the kernel took back on its own just before would make a warm
+    // file partly cold: the rule is applied to what was there.
+    EXPECT_EQ(resident_pages(path), before == 5 ? 5U : 0U);
+  }
+}
+
 // --- Records from dictionaries, and truncated ones --------------------------------
 
 TEST_F(FileMetadataTest, GettersOfTruncatedAndMistypedRecords) {
