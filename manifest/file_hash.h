@@ -15,11 +15,15 @@
 // of it but a few stray pages, at most an eighth, that the kernel evicted);
 // a chunk that was not has its pages dropped (POSIX_FADV_DONTNEED) as soon
 // as it is hashed. A file found whole in the cache costs one look; memory for
-// the answers is a few bytes, whatever the file's size.
-// (RWF_NOWAIT reads cannot stand in for cachestat: they also fail on cached
-// pages that carry a read-ahead mark, which would drop warm files.) Where the
-// kernel has no cachestat every file counts as brought in: not growing the
-// cache is the rule, a warm re-run the cost.
+// the answers is a few bytes, whatever the file's size. A file of fewer than
+// eight pages (most files of a tree) is instead read once with RWF_NOWAIT,
+// which takes only what is cached: whole, it was cached; short, a page was
+// missing, which for so few pages means not cached by the rule above. Larger
+// files keep the look: a short read cannot say how many pages are missing,
+// and one that fails starts read-ahead, so a look after it would count the
+// hasher's own pages. Where the kernel has no cachestat every larger file
+// counts as brought in: not growing the cache is the rule, a warm re-run the
+// cost.
 //
 // Memory: one 256 KiB buffer per hasher, reused for every chunk of every
 // file, and a ring of eight more once it has met a file of 8 MiB or more;
