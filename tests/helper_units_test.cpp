@@ -1,18 +1,20 @@
 // The helper as the service manager runs it: its units pass systemd's own
 // checks, and systemd's socket activator starts it on the first connection.
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "krx/client.h"
 #include "tests/support/daemon.h"
 
 namespace {
@@ -82,26 +84,39 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   argv.reserve(args.size() + 1);
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
-  const pid_t pid = ::fork();
+  pid_t pid = ::fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     if (std::freopen(log.c_str(), "w", stderr) == nullptr) ::_exit(127);
     ::execv(argv[0], argv.data());
     ::_exit(127);
   }
-  // The activator binds the socket; the helper starts only once a client is
-  // there.
-  struct stat st {};
-  for (int i = 0; i < 2000 && ::stat(socket.c_str(), &st) != 0; ++i) {
-    std::this_thread::sleep_for(5ms);
+  // Whatever ends the test, the activator (or the helper it became) goes
+  // with it: left running, it would hold the test's output open.
+  struct Reaper {
+    pid_t& pid;
+    ~Reaper() {
+      if (pid <= 0) return;
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+  } reaper{pid};
+  // The activator binds the socket and then listens on it; the helper starts
+  // only once a client is there. Until it listens, a connection is refused.
+  std::optional<krx::Client> client;
+  std::string error;
+  for (int i = 0; i < 2000 && !client; ++i) {
+    client = krx::Client::connect_path(socket, &error);
+    if (!client) std::this_thread::sleep_for(5ms);
   }
-  krx::Client client = device.connect();
+  ASSERT_TRUE(client) << error;
   krx::Dictionary request{{"removeWorkContainer:", krx::Value("/private/var/none")}};
-  std::vector<krx::Value> replies = testsupport::request(client, krx::Value(request));
+  std::vector<krx::Value> replies = testsupport::request(*client, krx::Value(request));
   EXPECT_EQ(replies, std::vector{krx::Value(krx::Dictionary{{"Response", krx::Value(true)}})});
   ::kill(pid, SIGTERM);
   int status = 0;
   ::waitpid(pid, &status, 0);
+  pid = 0;
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);
   EXPECT_NE(read_file(log).find("KRX connection will be closed"), std::string::npos);
