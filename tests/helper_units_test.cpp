@@ -84,7 +84,7 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   argv.reserve(args.size() + 1);
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
-  pid_t pid = ::fork();
+  const pid_t pid = ::fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     if (std::freopen(log.c_str(), "w", stderr) == nullptr) ::_exit(127);
@@ -94,7 +94,7 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   // Whatever ends the test, the activator (or the helper it became) goes
   // with it: left running, it would hold the test's output open.
   struct Reaper {
-    pid_t& pid;
+    pid_t pid;
     ~Reaper() {
       if (pid <= 0) return;
       ::kill(pid, SIGKILL);
@@ -116,7 +116,7 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   ::kill(pid, SIGTERM);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  pid = 0;
+  reaper.pid = 0;  // reaped here
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);
   EXPECT_NE(read_file(log).find("KRX connection will be closed"), std::string::npos);
