@@ -66,15 +66,22 @@ struct Cachestat {
 // evicts a stray page of a warm file now and then, and a chunk that lost a
 // few is still somebody's working set, not the hasher's to drop. False when
 // the kernel cannot tell.
-bool range_cached(int fd, std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
+// A range counts as cached with one page in kStrayShare missing.
+constexpr std::uint64_t kStrayShare = 8;
+std::uint64_t page_size() {
   static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  return page;
+}
+
+bool range_cached(int fd, std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
+  const std::uint64_t page = page_size();
   if (offset >= size) return true;
   const std::uint64_t end = std::min(size, offset + length);
   const std::uint64_t pages = (end + page - 1) / page - offset / page;
   const CachestatRange range{offset, end - offset};
   Cachestat stat{};
   if (::syscall(kSysCachestat, fd, &range, &stat, 0) != 0) return false;
-  return stat.cache + pages / 8 >= pages;
+  return stat.cache + pages / kStrayShare >= pages;
 }
 
 // Chunks looked at ahead of the read position: 8 MiB, beyond the largest
@@ -222,15 +229,14 @@ ssize_t read_chunk(int fd, std::uint8_t* buffer, off_t offset) {
 }  // namespace
 
 FileHasher::Probe FileHasher::probe_small(int fd, std::uint64_t size) {
-  static const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-  if (size == 0 || size >= kProbePages * page) return Probe::kUnanswered;
+  // Below kStrayShare pages, no page may be missing from a cached file.
+  if (size == 0 || size >= kStrayShare * page_size()) return Probe::kUnanswered;
   iovec into{buffer_.get(), kHashChunkSize};
   const ssize_t n = ::preadv2(fd, &into, 1, 0, RWF_NOWAIT);
   if (n < 0) return errno == EAGAIN ? Probe::kNotCached : Probe::kUnanswered;
   if (static_cast<std::uint64_t>(n) < size) return Probe::kNotCached;
   // Longer: the file grew since its size was taken, and is read as any other.
   if (static_cast<std::uint64_t>(n) > size) return Probe::kUnanswered;
-  last_was_cached_ = true;
   return EVP_DigestUpdate(context_, buffer_.get(), static_cast<std::size_t>(n)) == 1
              ? Probe::kHashed
              : Probe::kFailed;

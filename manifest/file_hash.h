@@ -87,7 +87,7 @@ class FileHasher {
   class Residency;
   // What a read of a small file from the page cache alone found.
   enum class Probe : std::uint8_t { kHashed, kFailed, kNotCached, kUnanswered };
-  // A file of fewer than kProbePages pages read in one call that takes only
+  // A file of fewer than eight pages read in one call that takes only
   // what the page cache holds and never waits for the disk: the whole file
   // there is hashed at once (kHashed, or kFailed if the digest fails). A page
   // missing means the file is not cached as range_cached counts it, since an
@@ -97,7 +97,6 @@ class FileHasher {
   // not the size given. Saves the look at the cache before the read, a
   // system call, in most files of a warm tree.
   Probe probe_small(int fd, std::uint64_t size);
-  static constexpr std::uint64_t kProbePages = 8;
   // The digest of the file's chunks read one after the other by this thread;
   // false when a read fails. `not_cached`: the file is known not to be in the
   // cache (no look at it, every chunk dropped once hashed).
