@@ -6,6 +6,8 @@ BUILD      ?= build
 BUILD_SAN  ?= build-sanitize
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
+# Our own builds treat every warning as an error.
+WERROR     ?= -DVTL_WERROR=ON
 
 PREFIX     ?= /usr/local
 
@@ -17,12 +19,14 @@ deps:
 	@scripts/install-deps
 
 $(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(WERROR) $(CMAKE_ARGS)
 
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
-demo: build
+# The demo needs the helper and the client only.
+demo: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS) --target vtld_helper vtldctl
 	$(BUILD)/bin/vtldctl demo
 
 test-fast: build
@@ -30,7 +34,7 @@ test-fast: build
 
 $(BUILD_SAN)/CMakeCache.txt: | deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B $(BUILD_SAN) -DCMAKE_BUILD_TYPE=Debug \
-	  -DVTL_SANITIZE=ON $(CMAKE_ARGS)
+	  -DVTL_SANITIZE=ON $(WERROR) $(CMAKE_ARGS)
 
 test-sanitize: deps $(BUILD_SAN)/CMakeCache.txt
 	cmake --build $(BUILD_SAN) -j $(JOBS)
@@ -39,7 +43,7 @@ test-sanitize: deps $(BUILD_SAN)/CMakeCache.txt
 test: test-fast test-sanitize
 
 fuzz: deps
-	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DVTL_FUZZ=ON -DVTL_TESTS=OFF
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DVTL_FUZZ=ON -DVTL_TESTS=OFF $(WERROR)
 	cmake --build build-fuzz -j $(JOBS)
 
 format:
@@ -52,7 +56,7 @@ lint: build
 # Installs vtld_helper, vtldctl and the systemd units under $(PREFIX), then
 # asks systemd (where it runs) to pick the units up.
 install: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(WERROR) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS) --target vtld_helper vtldctl
 	cmake --install $(BUILD)
 	if [ -d /run/systemd/system ]; then systemctl daemon-reload; fi
