@@ -15,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include "krx/client.h"
 #include "krx/codec.h"
 #include "krx/value.h"
@@ -51,10 +53,9 @@ TEST(ProgressBar, FillsInTwentiethsAndShowsTheValueAsSent) {
   EXPECT_EQ(vtldctl::progress_bar(7), "[#                   ]   7%");
   EXPECT_EQ(vtldctl::progress_bar(50), "[##########          ]  50%");
   EXPECT_EQ(vtldctl::progress_bar(100), "[####################] 100%");
-  // A count that overshoots its total is not capped by the helper: the bar
-  // stays within bounds and the number says what was sent.
-  EXPECT_EQ(vtldctl::progress_bar(150), "[####################] 150%");
-  EXPECT_EQ(vtldctl::progress_bar(-5), "[                    ]  -5%");
+  // A count that overshoots its total is not capped by the helper.
+  EXPECT_EQ(vtldctl::progress_bar(150), "[####################] 100%");
+  EXPECT_EQ(vtldctl::progress_bar(-5), "[                    ]   0%");
 }
 
 TEST(ReplyPrinter, RedrawsOneLineOnATerminalAndEndsItBeforeTheAnswer) {
@@ -73,16 +74,22 @@ TEST(ReplyPrinter, RedrawsOneLineOnATerminalAndEndsItBeforeTheAnswer) {
   EXPECT_EQ(out.text(), "Response: true\n");
 }
 
-TEST(ReplyPrinter, WritesProgressLinesWhenNotATerminal) {
+TEST(ReplyPrinter, WritesAProgressLineEveryTenthAndTheEndOnceWhenNotATerminal) {
   Capture out;
   Capture err;
   {
     vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/false);
-    printer.progress(33);
-    printer.progress(100);
+    for (std::int64_t percent = 1; percent <= 100; ++percent) printer.progress(percent);
+    // What a fresh device's walk sends once its count passes the total.
+    printer.progress(244);
+    printer.progress(2303);
     printer.line("Response: true");
   }
-  EXPECT_EQ(err.text(), "Progress: 33%\nProgress: 100%\n");
+  std::string expected;
+  for (int percent = 1; percent <= 91; percent += 10)
+    expected += fmt::format("Progress: {}%\n", percent);
+  expected += "Progress: 100%\n";
+  EXPECT_EQ(err.text(), expected);
   EXPECT_EQ(out.text(), "Response: true\n");
 }
 

@@ -10,12 +10,21 @@ namespace vtldctl {
 
 namespace {
 constexpr std::int64_t kBarWidth = 20;
+constexpr std::int64_t kLineStep = 10;
+constexpr auto kLineInterval = std::chrono::seconds(1);
+
+// The helper reports its count as it runs, and a count that overshoots its
+// total goes past 100; what is shown stays within 0..100.
+std::int64_t shown_percent(std::int64_t percent) {
+  return std::clamp<std::int64_t>(percent, 0, 100);
+}
 }  // namespace
 
 std::string progress_bar(std::int64_t percent) {
-  const std::int64_t filled = std::clamp<std::int64_t>(percent, 0, 100) * kBarWidth / 100;
+  const std::int64_t shown = shown_percent(percent);
+  const std::int64_t filled = shown * kBarWidth / 100;
   return fmt::format("[{}{}] {:3}%", std::string(static_cast<std::size_t>(filled), '#'),
-                     std::string(static_cast<std::size_t>(kBarWidth - filled), ' '), percent);
+                     std::string(static_cast<std::size_t>(kBarWidth - filled), ' '), shown);
 }
 
 ReplyPrinter::ReplyPrinter(std::FILE* out, std::FILE* err)
@@ -28,7 +37,16 @@ ReplyPrinter::~ReplyPrinter() { finish_bar(); }
 
 void ReplyPrinter::progress(std::int64_t percent) {
   if (!draw_bar_) {
-    fmt::print(err_, "Progress: {}%\n", percent);
+    const std::int64_t shown = shown_percent(percent);
+    const auto now = std::chrono::steady_clock::now();
+    // A log gets a line every tenth of the way or once a second, and the
+    // end once; never the same figure twice.
+    const bool due = !last_line_ || (shown != last_line_->percent &&
+                                     (shown >= last_line_->percent + kLineStep || shown == 100 ||
+                                      now - last_line_->at >= kLineInterval));
+    if (!due) return;
+    last_line_ = Line{shown, now};
+    fmt::print(err_, "Progress: {}%\n", shown);
     (void)std::fflush(err_);
     return;
   }

@@ -1,19 +1,22 @@
 // Where the helper's messages are shown. Answers and other messages go to
 // standard output, one line each; progress goes to standard error, as a bar
 // redrawn on one line when standard error is a terminal, else as lines
-// "Progress: 50%" that a log or a test can read.
+// "Progress: 50%" that a log or a test can read: one every ten points or
+// once a second, and 100% once.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace vtldctl {
 
-// One bar, e.g. "[##########          ]  50%". Values outside 0..100 are shown
-// as they are, with the bar kept within its bounds (the helper does not cap
-// a count that overshoots its total).
+// One bar, e.g. "[##########          ]  50%". Values outside 0..100 (the
+// helper does not cap a count that overshoots its total) are shown as the
+// nearest bound.
 std::string progress_bar(std::int64_t percent);
 
 class ReplyPrinter {
@@ -38,6 +41,11 @@ class ReplyPrinter {
   std::FILE* err_;
   bool draw_bar_;
   bool bar_open_ = false;
+  struct Line {
+    std::int64_t percent;
+    std::chrono::steady_clock::time_point at;
+  };
+  std::optional<Line> last_line_;  // the last progress line written
 };
 
 }  // namespace vtldctl
