@@ -48,7 +48,7 @@ class Capture {
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
 };
 
-TEST(ProgressBar, FillsInTwentiethsAndShowsTheValueAsSent) {
+TEST(ProgressBar, FillsInTwentiethsWithinZeroToAHundred) {
   EXPECT_EQ(vtldctl::progress_bar(0), "[                    ]   0%");
   EXPECT_EQ(vtldctl::progress_bar(7), "[#                   ]   7%");
   EXPECT_EQ(vtldctl::progress_bar(50), "[##########          ]  50%");
