@@ -33,12 +33,13 @@
 #include "platform/raw_disk.h"
 #include "platform/system_log.h"
 #include "service/VTLLogModel.h"
+#include "vtl_version.h"
 #include "vtld_helper/vtld_helper.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "usage: vtld_helper [--root DIR]\n"
+    "usage: vtld_helper [--root DIR [--syslog] [--host-disks]] | --version\n"
     "  --root DIR   serve the simulated device laid out in DIR (see `vtldctl sim create`);\n"
     "               the helper confines itself to DIR before it serves\n"
     "  --syslog     with --root: send the system log to the device's syslog socket\n"
@@ -78,6 +79,9 @@ int main(int argc, char** argv) {
       syslog_on_device = true;
     } else if (arg == "--host-disks") {
       host_disks = true;
+    } else if (arg == "--version") {
+      static_cast<void>(std::puts("vtld_helper " VTL_VERSION));
+      return 0;
     } else if (arg == "--help" || arg == "-h") {
       static_cast<void>(std::fputs(kUsage, stdout));
       return 0;

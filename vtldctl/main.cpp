@@ -16,6 +16,7 @@
 #include <CLI/CLI.hpp>
 
 #include "krx/connection.h"
+#include "vtl_version.h"
 #include "vtld_helper/vtld_helper.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/demo.h"
@@ -139,6 +140,7 @@ int run(int argc, char** argv) {
   // expected: lsit" says more than "a subcommand is required".
   // Global options may also follow the subcommand: `vtldctl send --timeout 1 ...`.
   app.fallthrough();
+  app.set_version_flag("--version", "vtldctl " VTL_VERSION, "Print the version and exit");
 
   GlobalOptions global;
   auto* root_option =
