@@ -54,7 +54,7 @@ bool is_bare_word(std::string_view s) {
   if (s.empty()) return false;
   for (char c : s) {
     const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '_' || c == '$' || c == '.' || c == '/' || c == ':' || c == '-';
+                    c == '_' || c == '.';
     if (!ok) return false;
   }
   return true;

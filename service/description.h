@@ -17,7 +17,7 @@
 //                 ( )   { }   for empty ones
 //               Dictionary entries come in key order. Inside a collection a
 //               string (a key as well) is written bare when it is non-empty and
-//               made only of letters, digits and _$./:- ; otherwise it is put
+//               made only of letters, digits, _ and . ; otherwise it is put
 //               in double quotes, with \" \\ \n \t \r escaped and any other
 //               control byte written as \Uxxxx. A date inside a collection is
 //               its description in quotes (it holds blanks); numbers, data and

@@ -165,11 +165,11 @@ TEST_F(LogModelTest, FileLinesCarryTheDateAndTheSystemLogTheBareMessage) {
   model().logMessage("a message with %@ and %d in it");
   EXPECT_EQ(read_file(path),
             "2026-11-16 06:32:26 +0000 Entering -[VTLHMessageResponder createHardLink:] with "
-            "parameter: { Path = /private/var; }\n"
+            "parameter: { Path = \"/private/var\"; }\n"
             "2026-11-16 06:32:26 +0000 a message with %@ and %d in it\n");
   EXPECT_EQ(log_.lines(),
             (std::vector<std::string>{"Entering -[VTLHMessageResponder createHardLink:] with "
-                                      "parameter: { Path = /private/var; }",
+                                      "parameter: { Path = \"/private/var\"; }",
                                       "a message with %@ and %d in it"}));
 }
 

@@ -164,7 +164,7 @@ TEST_F(DeviceManifestTest, EveryRecordAgreesWithTheItemOnDisk) {
       "/private/var/mobile/Data/Library/fifo is special file. Leave it along"));
   EXPECT_TRUE(device_.wait_for_log(
       "Entering -[VTLHMessageResponder createDeviceManifest:] with parameter: { Inclusive = 1; "
-      "Path = /private/var/mobile/Data; }"));
+      "Path = \"/private/var/mobile/Data\"; }"));
   // The client can read it.
   EXPECT_EQ(testsupport::lstat_of(device_.path(kManifestFile)).st_mode & 0777, 0644u);
 }

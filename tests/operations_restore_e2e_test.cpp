@@ -133,8 +133,8 @@ TEST_F(RestoreThroughHelper, EveryStagedFileEndsUpAsItsRecordSays) {
   EXPECT_TRUE(device_.wait_for_log(
       "Entering -[VTLHMessageResponder restoreAttributes:] with parameter: { ContentType = "
       "AppData; Identifier = com.example.app; ManifestPath = "
-      "/private/var/mobile/content.signedmanifest; StagingRootPath = "
-      "/private/var/mobile/Staging; }"));
+      "\"/private/var/mobile/content.signedmanifest\"; StagingRootPath = "
+      "\"/private/var/mobile/Staging\"; }"));
   EXPECT_TRUE(device_.wait_for_log("Manifest passed signature check."));
 }
 
