@@ -51,9 +51,12 @@ class VTLHOperations {
   // of "/private/var" named relative to "/private", without the containers,
   // applications and built products, with progress. Any other path is walked
   // relative to itself without its hidden entries, without progress. Runs
-  // inside a KRX keep-alive transaction. False when the walk fails (no file is
-  // written, and none for a missing path); a file that cannot be written is
-  // not reported (the client finds out when it reads it).
+  // inside a KRX keep-alive transaction. False when the walk fails, and then
+  // no file is written: no path at all, or a missing path walked inclusive
+  // (the path itself cannot be looked at). A missing path walked without
+  // `inclusive` is an enumeration that finds nothing: its error is logged, an
+  // empty manifest is written and the answer is true. A file that cannot be
+  // written is not reported (the client finds out when it reads it).
   bool createDeviceManifest_inclusive(const std::string* path, bool inclusive);
   // Hard-links the item at `file` to the new path `staging` (a directory
   // becomes a new tree of hard links; see files::link_item). False, logged,

@@ -268,7 +268,8 @@ TEST_F(DeviceManifestTest, AnOrdinaryPathSendsNoProgressAndSkipsItsHiddenEntries
   EXPECT_EQ(keys(read_manifest()), (std::set<std::string>{"/a", "/c", "/c/.d"}));
 }
 
-TEST_F(DeviceManifestTest, ANewManifestReplacesTheOldAndAFailedWalkWritesNothing) {
+TEST_F(DeviceManifestTest,
+       ANewManifestReplacesTheOldAFailedWalkWritesNothingAndAMissingPathIsEmpty) {
   write_file(device_.path(kManifestFile), "an old, broken manifest");
   write_file(device_.path("/private/var/mobile/One/x"), "x");
   EXPECT_EQ(manifest_of("/private/var/mobile/One", false), std::vector{kTrue});
@@ -280,6 +281,11 @@ TEST_F(DeviceManifestTest, ANewManifestReplacesTheOldAndAFailedWalkWritesNothing
   EXPECT_EQ(keys(read_manifest()), std::set<std::string>{"/x"});
   // No path at all.
   EXPECT_EQ(request(*client_, dict({{"createDeviceManifest:", dict({})}})), std::vector{kFalse});
+  // Walked without "Inclusive", a missing path is an enumeration that finds
+  // nothing: its error is logged and an empty manifest written.
+  EXPECT_EQ(manifest_of("/private/var/mobile/Missing", false), std::vector{kTrue});
+  EXPECT_TRUE(device_.wait_for_log("Could not enumerate /private/var/mobile/Missing"));
+  EXPECT_EQ(keys(read_manifest()), std::set<std::string>{});
 }
 
 std::atomic<bool> g_lease_broken{false};
