@@ -667,7 +667,7 @@ TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
   EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f")));
   EXPECT_TRUE(logged("Could not set file attributs at " + at("f") +
                      " with error - Invalid argument, attributes = { OwnerAccountName = "
-                     "nobody-here; }"));
+                     "\"nobody-here\"; }"));
 }
 
 TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
