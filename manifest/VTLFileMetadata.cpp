@@ -214,6 +214,28 @@ bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
   return restoreAttribuesToPath(platform::ItemAt::by_path(path));
 }
 
+bool VTLFileMetadata::restoreAttribuesToNoPath(std::string_view why) const {
+  const std::string* no_path = nullptr;  // prints "(null)"
+  const std::string* type = getFileType();
+  const bool link = type != nullptr && *type == keys::kTypeSymbolicLink;
+  if (!link) {
+    const Dictionary* attributes = getFileAttributes();
+    VTLLog("Could not set file attributs at %@ with error - %@, attributes = %@", no_path, why,
+           Value(fileAttributesAllowSet(attributes != nullptr ? *attributes : Dictionary{})));
+    return false;
+  }
+  // A link's owner and mode are set with their results ignored; its
+  // extended attributes are the first thing that can fail.
+  const Dictionary* xattrs = getExtendedAttributes();
+  if (xattrs == nullptr || xattrs->empty()) return true;
+  if (xattrs->begin()->second.data() == nullptr) {
+    VTLLog("Got non-data value");
+  } else {
+    VTLLog("Could not set extended attributes on %@", no_path);
+  }
+  return false;
+}
+
 bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const {
   const std::string& path = item.path;
   const Dictionary* attributes = getFileAttributes();

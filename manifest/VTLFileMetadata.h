@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/item_at.h"
@@ -111,6 +112,12 @@ class VTLFileMetadata {
   bool restoreAttribuesToPath(const std::string& path) const;
   // The same for an item named relative to an open directory.
   bool restoreAttribuesToPath(const platform::ItemAt& item) const;
+  // The same with no path at all (a restore given no staging root names no
+  // item): nothing can be set, so each step fails as the platform's calls do
+  // for a path that names nothing, logged as above with the path "(null)"
+  // and `why` as the error. A link is still true when it records no
+  // extended attributes, since nothing of a link is checked but those.
+  bool restoreAttribuesToNoPath(std::string_view why) const;
 
  private:
   Dictionary dict_;

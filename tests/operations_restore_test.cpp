@@ -332,13 +332,29 @@ TEST_F(RestoreTest, NoPathLeavesTheStagingRootThroughALinkOrDots) {
   EXPECT_EQ(st.st_uid, 0u);
 }
 
-TEST_F(RestoreTest, WithoutAStagingRootNothingIsRestored) {
-  sign(testsupport::raw_manifest(records_for(0601)));
-  platform_->base.log.clear();
-  EXPECT_FALSE(vtl::VTLHOperations::sharedInstance()
-                   .restoreAttributesUnder_fromManifest_containerType_identifier(
-                       nullptr, &manifest_path_, nullptr, nullptr));
+TEST_F(RestoreTest, WithoutAStagingRootARecordHasNoPathAndItsFailureSaysWhy) {
+  auto restore_without_root = [&](const Dictionary& records) {
+    sign(testsupport::raw_manifest(records));
+    platform_->base.log.clear();
+    return vtl::VTLHOperations::sharedInstance()
+        .restoreAttributesUnder_fromManifest_containerType_identifier(nullptr, &manifest_path_,
+                                                                      nullptr, nullptr);
+  };
+  EXPECT_FALSE(restore_without_root(records_for(0601)));
+  EXPECT_EQ(
+      log().back(),
+      "Could not set file attributs at (null) with error - no staging root path was given, "
+      "attributes = { GroupOwnerAccountID = 0; OwnerAccountID = 0; PosixPermissions = 385; }");
   EXPECT_EQ(mode_of(staging_ + "/f"), 0600u);
+
+  // Nothing of a link is checked but its extended attributes.
+  Dictionary link = file_record(0777);
+  link["VTLManifestFileAttributes"].dictionary()->insert_or_assign("FileType",
+                                                                   Value("SymbolicLink"));
+  EXPECT_TRUE(restore_without_root(Dictionary{{"/l", Value(link)}}));
+  link["VTLManifestFileExtendedAttributes"] = Value(Dictionary{{"user.tag", Value(vtl::Data{1})}});
+  EXPECT_FALSE(restore_without_root(Dictionary{{"/l", Value(link)}}));
+  EXPECT_EQ(log().back(), "Could not set extended attributes on (null)");
 }
 
 }  // namespace
