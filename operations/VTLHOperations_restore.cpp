@@ -240,8 +240,16 @@ class ItemFinder {
 // signed manifest: each thread takes the next few entries of the record
 // dictionary, turns one record at a time into a VTLFileMetadata and restores
 // it, so memory holds the manifest's bytes and a record per thread, whatever
-// the count of files. After the first failure no thread takes another file:
-// files not taken keep their attributes, as when one thread walks them.
+// the count of files.
+//
+// What the log and the files show is one walk in some order, as if a single
+// thread had restored them: after the first failure no file is begun, and
+// exactly that failure is logged, last. Each thread holds back its messages
+// while it restores a file (LogHold). A file that is restored releases them.
+// The first file that fails claims the end of the walk, waits for the files
+// begun before the claim to finish and release theirs, and then releases
+// its own; a failure that loses the claim is dropped, as a walk that had
+// already stopped would never have begun it.
 class ParallelRestore {
  public:
   ParallelRestore(const std::string& root, const bplist::Object& records)
@@ -263,34 +271,59 @@ class ParallelRestore {
 
   void work() {
     ItemFinder items(root_);
+    LogHold hold;
     std::string relative;
     const std::size_t count = records_.size();
     for (;;) {
       const std::size_t begin = next_.fetch_add(kBatch);
       if (begin >= count) return;
       for (std::size_t i = begin; i < std::min(count, begin + kBatch); ++i) {
-        if (failed_.load(std::memory_order_relaxed)) return;
-        static_cast<void>(records_.key(i).text(&relative));  // keys are strings
-        const bplist::Object record = records_.value(i);
-        // An entry that is not a dictionary has no metadata.
-        bool restored = record.type() == bplist::Object::Type::kDictionary;
-        if (restored) {
-          Value value = bplist::to_value(record);
-          restored = items.restore(relative, VTLFileMetadata::fileMetaDataWithMetadataDictionary(
-                                                 std::move(*value.dictionary())));
-        }
-        if (!restored) {
-          failed_.store(true);
+        // Counted before the look, so that a claim made after the look
+        // waits for this file.
+        in_flight_.fetch_add(1);
+        if (failed_.load()) {
+          finish_file();
           return;
         }
+        if (!restore_one(items, i, &relative)) {
+          bool first = false;
+          if (failed_.compare_exchange_strong(first, true)) {
+            finish_file();
+            for (int n = in_flight_.load(); n != 0; n = in_flight_.load()) in_flight_.wait(n);
+            hold.release();
+          } else {
+            hold.discard();
+            finish_file();
+          }
+          return;
+        }
+        hold.release();
+        finish_file();
       }
     }
+  }
+
+  bool restore_one(ItemFinder& items, std::size_t i, std::string* relative) {
+    static_cast<void>(records_.key(i).text(relative));  // keys are strings
+    const bplist::Object record = records_.value(i);
+    // An entry that is not a dictionary has no metadata.
+    if (record.type() != bplist::Object::Type::kDictionary) return false;
+    Value value = bplist::to_value(record);
+    return items.restore(*relative, VTLFileMetadata::fileMetaDataWithMetadataDictionary(
+                                        std::move(*value.dictionary())));
+  }
+
+  // A file is done, its messages released: the claimant may be waiting for
+  // the last one.
+  void finish_file() {
+    if (in_flight_.fetch_sub(1) == 1 && failed_.load()) in_flight_.notify_all();
   }
 
   const std::string& root_;
   const bplist::Object& records_;
   std::atomic<std::size_t> next_{0};
   std::atomic<bool> failed_{false};
+  std::atomic<int> in_flight_{0};  // files begun and not yet finished
 };
 
 // A restore given no staging root: each record's path under no root is no

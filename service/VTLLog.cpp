@@ -334,8 +334,25 @@ std::string format_message(std::string_view format, std::span<const LogArg> args
   return out;
 }
 
+namespace {
+thread_local LogHold* t_hold = nullptr;
+}  // namespace
+
 void VTLLogv(std::string_view format, std::span<const LogArg> args) {
+  if (t_hold != nullptr) {
+    t_hold->held_.push_back(format_message(format, args));
+    return;
+  }
   VTLLogModel::sharedInstance().logWithFormat_andArgs(format, args);
+}
+
+LogHold::LogHold() { t_hold = this; }
+
+LogHold::~LogHold() { t_hold = nullptr; }
+
+void LogHold::release() {
+  for (const std::string& message : held_) VTLLogModel::sharedInstance().logMessage(message);
+  held_.clear();
 }
 
 }  // namespace vtl

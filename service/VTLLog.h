@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "service/value.h"
 
@@ -70,8 +71,30 @@ class LogArg {
 // Formats `format` with `args` as described above.
 std::string format_message(std::string_view format, std::span<const LogArg> args);
 
-// Hands one formatted message to the shared VTLLogModel.
+// Hands one formatted message to the shared VTLLogModel, or to this
+// thread's LogHold while one is alive.
 void VTLLogv(std::string_view format, std::span<const LogArg> args);
+
+// While alive, keeps the messages its thread logs instead of writing them:
+// release() writes what is held, in order, and discard() drops it; whatever
+// is held when the hold ends is dropped. For work spread over threads where
+// only the outcome decides which messages stand (a restore logs the one
+// failure that ended it, not every failure that raced it).
+// REQUIRES: at most one hold per thread at a time.
+class LogHold {
+ public:
+  LogHold();
+  ~LogHold();
+  LogHold(const LogHold&) = delete;
+  LogHold& operator=(const LogHold&) = delete;
+
+  void release();
+  void discard() { held_.clear(); }
+
+ private:
+  friend void VTLLogv(std::string_view format, std::span<const LogArg> args);
+  std::vector<std::string> held_;
+};
 
 template <typename... Args>
 void VTLLog(std::string_view format, const Args&... args) {

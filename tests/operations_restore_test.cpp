@@ -8,6 +8,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -330,6 +331,29 @@ TEST_F(RestoreTest, NoPathLeavesTheStagingRootThroughALinkOrDots) {
   ASSERT_EQ(::stat(outside.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0700u);
   EXPECT_EQ(st.st_uid, 0u);
+}
+
+TEST_F(RestoreTest, OnlyTheFailureThatEndsTheWalkIsLogged) {
+  // Three hundred records and no staged file: on several threads, many
+  // files fail at once, and the log still shows one walk that stopped at
+  // its first failure.
+  Dictionary records;
+  for (int i = 0; i < 300; ++i) records["/absent" + std::to_string(i)] = Value(file_record(0644));
+  sign(testsupport::raw_manifest(records));
+  for (int run = 0; run < 5; ++run) {
+    platform_->base.log.clear();
+    EXPECT_FALSE(restore(nullptr, nullptr));
+    const std::vector<std::string> lines = log();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) {
+                              return line.starts_with("Could not set file attributs");
+                            }),
+              1)
+        << "run " << run;
+    EXPECT_TRUE(lines.back().starts_with("Could not set file attributs at " + staging_ + "/absent"))
+        << lines.back();
+  }
 }
 
 TEST_F(RestoreTest, WithoutAStagingRootARecordHasNoPathAndItsFailureSaysWhy) {
