@@ -47,14 +47,17 @@ bool VTLHOperations::writeNVRam_withValue(const std::string* name, const std::st
   platform::DeviceRegistry* registry = platform::current().device_registry;
   std::optional<platform::DeviceRegistry::Entry> node = options_node(registry);
   if (!node) return false;
-  const std::string variable = name != nullptr ? *name : std::string();
-  const Data bytes = value != nullptr ? Data(value->begin(), value->end()) : Data{};
-  if (registry->set_property(*node, variable, Value(bytes)) != 0) {
+  // A missing name or value (a request whose value was dropped in
+  // conversion, data for one) names no property or holds no bytes: the
+  // property cannot be set, and the variable is left as it was. An empty
+  // string is a value, and writes an empty byte string.
+  if (name == nullptr || value == nullptr ||
+      registry->set_property(*node, *name, Value(Data(value->begin(), value->end()))) != 0) {
     VTLLog("Couldn't write nvram");
     return false;
   }
   // The commit names the variable, not its value.
-  if (registry->set_property(*node, platform::kNvramSyncNowProperty, Value(variable)) != 0) {
+  if (registry->set_property(*node, platform::kNvramSyncNowProperty, Value(*name)) != 0) {
     VTLLog("Couldn't force sync new nvram to device");
     return false;
   }

@@ -71,11 +71,13 @@ TEST(DeviceCommands, NvramLandsInTheDevicesStore) {
   EXPECT_EQ(request(client, dict({{"deleteNvram:", "boot-args"}})), std::vector{kTrue});
   EXPECT_EQ(request(client, dict({{"deleteNvram:", "boot-args"}})), std::vector{kFalse});
   EXPECT_TRUE(device.wait_for_log("Couldn't force sync new nvram to device"));
-  // A value of an unsupported type reaches the operation as nothing.
+  // A value of an unsupported type reaches the operation as nothing, and
+  // nothing is written.
   EXPECT_EQ(
       request(client, dict({{"writeNvram:", dict({{"Name", "raw"}, {"Value", krx::Data{1}}})}})),
-      std::vector{kTrue});
+      std::vector{kFalse});
   EXPECT_TRUE(device.wait_for_log("The value for key Value has a type that is not supported yet"));
+  EXPECT_TRUE(device.wait_for_log("Couldn't write nvram"));
 }
 
 TEST(DeviceCommands, RebootIsRecordedAndEndsTheHelperWithoutReply) {

@@ -128,11 +128,20 @@ TEST_P(NvramTest, DeletingAMissingVariableFailsWithTheCommitMessage) {
             std::vector<std::string>{"Couldn't force sync new nvram to device"});
 }
 
-TEST_P(NvramTest, NamesTheStoreCannotHoldAreRefused) {
+TEST_P(NvramTest, NamesTheStoreCannotHoldAndMissingValuesAreRefused) {
   EXPECT_FALSE(write("", "x"));
   EXPECT_FALSE(ops_.writeNVRam_withValue(nullptr, nullptr));
   EXPECT_FALSE(ops_.deleteNvram(nullptr));
   EXPECT_TRUE(platform_.log.contains("Couldn't write nvram"));
+
+  // A value the request lost (data is dropped in conversion) writes
+  // nothing: the variable keeps what it held.
+  ASSERT_TRUE(write("kept", "before"));
+  platform_.log.clear();
+  const std::string name = "kept";
+  EXPECT_FALSE(ops_.writeNVRam_withValue(&name, nullptr));
+  EXPECT_EQ(platform_.log.lines(), std::vector<std::string>{"Couldn't write nvram"});
+  EXPECT_EQ(backend_->stored("kept"), "before");
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, NvramTest, ::testing::Values("sim", "efivarfs"),
