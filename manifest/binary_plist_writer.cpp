@@ -1,6 +1,8 @@
 #include "manifest/binary_plist_writer.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace vtl::bplist {
@@ -428,47 +431,94 @@ int write_binary(const Value& value, int fd) {
 
 // --- Replacing a file whole --------------------------------------------------
 
+namespace {
+
+constexpr std::size_t kSuffixDigits = 16;
+
+// Whether `entry` is a temporary of a write of `name`: "." name "." and
+// sixteen hex digits.
+bool is_temporary_of(std::string_view entry, std::string_view name) {
+  if (entry.size() != name.size() + 2 + kSuffixDigits || entry[0] != '.' ||
+      entry.substr(1, name.size()) != name || entry[name.size() + 1] != '.') {
+    return false;
+  }
+  return std::all_of(entry.end() - kSuffixDigits, entry.end(),
+                     [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+// Removes the temporaries of `name` in `directory` whose writers are gone:
+// a live writer holds the lock on its own until it renames it.
+void remove_abandoned_temporaries(int directory, std::string_view name) {
+  const int listing = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (listing < 0) return;
+  DIR* entries = ::fdopendir(listing);
+  if (entries == nullptr) {
+    ::close(listing);
+    return;
+  }
+  while (const dirent* entry = ::readdir(entries)) {
+    if (!is_temporary_of(entry->d_name, name)) continue;
+    const int fd = ::openat(directory, entry->d_name,
+                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) continue;
+    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) ::unlinkat(directory, entry->d_name, 0);
+    ::close(fd);
+  }
+  ::closedir(entries);
+}
+
+}  // namespace
+
 int replace_file_with(const std::string& path, unsigned mode, int (*produce)(int fd, void* context),
                       void* context) {
   const std::size_t slash = path.rfind('/');
-  const std::string directory =
+  const std::string directory_path =
       slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
   const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const int directory = ::open(directory_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) return errno;
+  remove_abandoned_temporaries(directory, name);
 
   std::random_device random;
+  const std::string prefix = '.' + name + '.';
   std::string temporary;
   int fd = -1;
   for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
-    char suffix[17];
+    char suffix[kSuffixDigits + 1];
     static_cast<void>(std::snprintf(suffix, sizeof suffix, "%08x%08x", random(), random()));
-    temporary = directory;
-    temporary += "/.";
-    temporary += name;
-    temporary += '.';
-    temporary += suffix;
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                static_cast<mode_t>(mode & 07777));
-    if (fd < 0 && errno != EEXIST) return errno;
+    temporary = prefix;
+    temporary.append(suffix, kSuffixDigits);
+    fd =
+        ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                 static_cast<mode_t>(mode & 07777));
+    if (fd < 0 && errno != EEXIST) {
+      const int error = errno;
+      ::close(directory);
+      return error;
+    }
   }
-  if (fd < 0) return EEXIST;
+  if (fd < 0) {
+    ::close(directory);
+    return EEXIST;
+  }
 
-  int error = 0;
+  // Held until the descriptor is closed, after the rename.
+  int error = ::flock(fd, LOCK_EX) == 0 ? 0 : errno;
   // The temporary's mode does not depend on the process's mask.
-  if (::fchmod(fd, static_cast<mode_t>(mode & 07777)) != 0) error = errno;
+  if (error == 0 && ::fchmod(fd, static_cast<mode_t>(mode & 07777)) != 0) error = errno;
   if (error == 0) error = produce(fd, context);
   if (error == 0 && ::fsync(fd) != 0) error = errno;
+  if (error == 0 && ::renameat(directory, temporary.c_str(), directory, name.c_str()) != 0) {
+    error = errno;
+  }
   if (::close(fd) != 0 && error == 0) error = errno;
-  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) {
-    ::unlink(temporary.c_str());
-    return error;
+    ::unlinkat(directory, temporary.c_str(), 0);
+  } else {
+    ::fsync(directory);
   }
-  const int dir = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
-  }
-  return 0;
+  ::close(directory);
+  return error;
 }
 
 }  // namespace vtl::bplist

@@ -124,6 +124,11 @@ int write_binary(const Value& value, int fd);
 // sees the old file or the new one, never half of one. `produce` returns 0 or
 // an errno value; on any failure the temporary is removed and `path` is left
 // as it was. Returns 0 or an errno value.
+//
+// A writer that is killed cannot remove its temporary, so each writer holds
+// an exclusive lock (flock) on its own from creation to rename, and every
+// write first removes the temporaries of the same name whose lock it can
+// take: their writers are gone.
 template <typename Produce>
 int replace_file(const std::string& path, unsigned mode, Produce produce);
 

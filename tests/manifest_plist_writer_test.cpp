@@ -3,12 +3,15 @@
 // needs UTF-16, malformed UTF-8, the manifest store's writer, and the fuzz
 // corpus replayed.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -189,6 +192,33 @@ std::filesystem::path corpus_dir() {
 }
 
 // The fuzz target's check, for every committed input.
+TEST(ReplaceFile, RemovesTheTemporariesOfWritersThatAreGoneAndNoOtherFile) {
+  testsupport::TempDir dir;
+  const std::string target = dir / "DeviceManifest.plist";
+  // What a killed write leaves, what a live writer holds (its lock), and
+  // names that only look alike.
+  const std::string abandoned = dir / ".DeviceManifest.plist.0123456789abcdef";
+  const std::string live = dir / ".DeviceManifest.plist.fedcba9876543210";
+  const std::vector<std::string> others = {dir / ".DeviceManifest.plist.0123",
+                                           dir / ".Other.plist.0123456789abcdef",
+                                           dir / "DeviceManifest.plist.0123456789abcdef"};
+  for (const std::string& path : others) std::ofstream(path) << "x";
+  std::ofstream(abandoned) << "half";
+  std::ofstream(live) << "busy";
+  const int held = ::open(live.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(held, 0);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+
+  EXPECT_EQ(vtl::bplist::replace_file(
+                target, 0644, [](int fd) { return vtl::bplist::write_binary(Value(1), fd); }),
+            0);
+  ::close(held);
+  EXPECT_FALSE(std::filesystem::exists(abandoned));
+  EXPECT_TRUE(std::filesystem::exists(live));
+  for (const std::string& path : others) EXPECT_TRUE(std::filesystem::exists(path)) << path;
+  EXPECT_EQ(vtl::read_plist_file(target, 1024), Value(1));
+}
+
 TEST(BinaryPlistWriterCorpus, EveryInputRoundTrips) {
   ASSERT_TRUE(std::filesystem::is_directory(corpus_dir())) << corpus_dir();
   std::size_t files = 0;
