@@ -11,7 +11,7 @@ WERROR     ?= -DVTL_WERROR=ON
 
 PREFIX     ?= /usr/local
 
-.PHONY: all deps build demo test test-fast test-sanitize fuzz format lint clean install
+.PHONY: all deps build demo test test-fast test-sanitize fuzz torture format lint clean install
 
 all: build
 
@@ -45,6 +45,11 @@ test: test-fast test-sanitize
 fuzz: deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DVTL_FUZZ=ON -DVTL_TESTS=OFF $(WERROR)
 	cmake --build build-fuzz -j $(JOBS)
+
+# The long adversarial campaign: every fuzzer, the live socket and the crash
+# points, VTL_TORTURE_SECONDS (default 60) each (scripts/torture).
+torture: build fuzz
+	scripts/torture
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
