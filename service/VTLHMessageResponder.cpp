@@ -8,6 +8,7 @@
 #include "platform/code_signing.h"
 #include "platform/platform.h"
 #include "service/VTLLog.h"
+#include "service/confinement.h"
 #include "service/krxdictConv.h"
 
 namespace vtl {
@@ -118,6 +119,21 @@ void VTLHMessageResponder::sendData(std::span<const std::uint8_t> bytes) {
   send("Data", krx::Data(bytes.begin(), bytes.end()));
 }
 
+bool VTLHMessageResponder::confined(const char* method, std::string_view command,
+                                    std::string_view parameter, const std::string* path) {
+  if (path == nullptr) return true;
+  const std::optional<confinement::Region> region = confinement::region_of(command, parameter);
+  if (!region) return true;
+  const std::optional<std::string> why = confinement::refusal(*path, *region);
+  if (!why) return true;
+  if (parameter.empty()) {
+    VTLLog("%s: Refusing %@: %@.", method, *path, *why);
+  } else {
+    VTLLog("%s: Refusing %@ %@: %@.", method, parameter, *path, *why);
+  }
+  return false;
+}
+
 // --- Commands ---------------------------------------------------------------
 
 bool VTLHMessageResponder::migratePreferencesFile(const Value& parameter) {
@@ -133,7 +149,12 @@ bool VTLHMessageResponder::prepareLogContainer(const Value& parameter) {
   if (path != nullptr) {
     // A plain prefix test on the text, no normalisation: the log roots are the
     // client's own, and the operation below only ever widens and re-owns.
-    const bool allowed = path->starts_with("/private/var/logs") || path->starts_with("/var/logs");
+    // Past that test, a path may still climb out with "..", or name the
+    // helper's own log folder: refused with the same message, after the
+    // line that says why.
+    const bool allowed =
+        (path->starts_with("/private/var/logs") || path->starts_with("/var/logs")) &&
+        confined(kMethod, "prepareLogContainer:", "", path);
     if (!allowed) {
       VTLLog("%s: creating logs under %@ is not allowed.", kMethod, *path);
       return false;
@@ -143,15 +164,17 @@ bool VTLHMessageResponder::prepareLogContainer(const Value& parameter) {
 }
 
 bool VTLHMessageResponder::prepareWorkContainer(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder prepareWorkContainer:]",
-         parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder prepareWorkContainer:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "prepareWorkContainer:", "", parameter.string())) return false;
   return VTLHOperations::sharedInstance().prepareDirectory_writableByMobile(parameter.string(),
                                                                             true);
 }
 
 bool VTLHMessageResponder::removeWorkContainer(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder removeWorkContainer:]",
-         parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder removeWorkContainer:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "removeWorkContainer:", "", parameter.string())) return false;
   return VTLHOperations::sharedInstance().removeDirectory(parameter.string());
 }
 
@@ -200,14 +223,22 @@ bool as_boolean(const Value* value) {
 }  // namespace
 
 bool VTLHMessageResponder::createDeviceManifest(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder createDeviceManifest:]",
-         parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder createDeviceManifest:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "createDeviceManifest:", "Path", parameter.find_string("Path"))) {
+    return false;
+  }
   return VTLHOperations::sharedInstance().createDeviceManifest_inclusive(
       parameter.find_string("Path"), as_boolean(parameter.find("Inclusive")));
 }
 
 bool VTLHMessageResponder::createHardLink(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder createHardLink:]", parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder createHardLink:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "createHardLink:", "FilePath", parameter.find_string("FilePath")) ||
+      !confined(kMethod, "createHardLink:", "StagingPath", parameter.find_string("StagingPath"))) {
+    return false;
+  }
   return VTLHOperations::sharedInstance().createHardLinks_stagingPath(
       parameter.find_string("FilePath"), parameter.find_string("StagingPath"));
 }
@@ -227,7 +258,14 @@ bool VTLHMessageResponder::expandDataPartition(const Value& parameter) {
 }
 
 bool VTLHMessageResponder::restoreAttributes(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder restoreAttributes:]", parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder restoreAttributes:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "restoreAttributes:", "StagingRootPath",
+                parameter.find_string("StagingRootPath")) ||
+      !confined(kMethod, "restoreAttributes:", "ManifestPath",
+                parameter.find_string("ManifestPath"))) {
+    return false;
+  }
   return VTLHOperations::sharedInstance()
       .restoreAttributesUnder_fromManifest_containerType_identifier(
           parameter.find_string("StagingRootPath"), parameter.find_string("ManifestPath"),
@@ -235,8 +273,9 @@ bool VTLHMessageResponder::restoreAttributes(const Value& parameter) {
 }
 
 bool VTLHMessageResponder::moveStagingToFinal(const Value& parameter) {
-  VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder moveStagingToFinal:]",
-         parameter);
+  constexpr const char* kMethod = "-[VTLHMessageResponder moveStagingToFinal:]";
+  VTLLog("Entering %s with parameter: %@", kMethod, parameter);
+  if (!confined(kMethod, "moveStagingToFinal:", "", parameter.string())) return false;
   return VTLHOperations::sharedInstance().moveStagingToFinal(parameter.string());
 }
 

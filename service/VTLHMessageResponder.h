@@ -68,6 +68,12 @@ class VTLHMessageResponder {
  private:
   VTLHMessageResponder() = default;
   void send(std::string key, krx::Value value);
+  // Whether `path`, given to `command` (under `parameter`, "" for the value
+  // itself), lies where that command may act (confinement.h); logs the
+  // refusal under `method` when it does not. An absent path is left to the
+  // operation.
+  static bool confined(const char* method, std::string_view command, std::string_view parameter,
+                       const std::string* path);
 
   std::weak_ptr<krx::Connection> connection_;
 };

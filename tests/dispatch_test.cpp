@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <chrono>
-#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -96,7 +95,9 @@ TEST_F(DispatchTest, UnentitledClientsGetNoReplyAtAll) {
 TEST_F(DispatchTest, UnknownOrUnnamedCommandsStopTheMessage) {
   // Keys run in the dictionary's order (byte order of the keys): the known
   // first key answers, the unknown second stops the third.
-  const std::string gone = device_.path() + "/nothing";
+  // A data-area path that names nothing: removing it is a true answer that
+  // touches nothing.
+  const std::string gone = "/private/var/VTLWorkContainer/absent-in-dispatch-test";
   responder().handleKRXMessage(dict({{"aRemove", "x"}}));
   EXPECT_TRUE(replies().empty());
   EXPECT_TRUE(platform_.log.contains("VTLHMessageResponder does not respond to aRemove."));
@@ -120,10 +121,8 @@ TEST_F(DispatchTest, UnknownOrUnnamedCommandsStopTheMessage) {
 }
 
 TEST_F(DispatchTest, TwoCommandsTwoResponsesInKeyOrder) {
-  const std::string blocker = device_.path() + "/file";
-  std::ofstream(blocker) << "x";
-  const std::string bad = blocker + "/sub";  // cannot be created under a file
-  const std::string good = device_.path() + "/private/var/w";
+  const std::string bad = "/etc/vtl-dispatch-test";  // outside the data area: refused
+  const std::string good = "/private/var/VTLWorkContainer/absent-in-dispatch-test";
   responder().handleKRXMessage(
       dict({{"removeWorkContainer:", good}, {"prepareWorkContainer:", bad}}));
   EXPECT_EQ(replies(), (std::vector{response(false), response(true)}));

@@ -388,9 +388,11 @@ TEST_F(DeviceManifestTest, HardLinkedStagingSharesInodes) {
                                    "/file with error -File exists."));
   EXPECT_EQ(link("/private/var/mobile/Src/tree", staging + "/tree"), std::vector{kFalse});
   EXPECT_EQ(link("/private/var/mobile/Src/file", staging + "/no/parent"), std::vector{kFalse});
-  EXPECT_EQ(request(*client_, dict({{"createHardLink:", dict({{"FilePath", "/x"}})}})),
-            std::vector{kFalse});
-  EXPECT_TRUE(device_.wait_for_log("Could not link /x to (null) with error -Invalid argument."));
+  EXPECT_EQ(
+      request(*client_, dict({{"createHardLink:", dict({{"FilePath", "/private/var/mobile/x"}})}})),
+      std::vector{kFalse});
+  EXPECT_TRUE(device_.wait_for_log(
+      "Could not link /private/var/mobile/x to (null) with error -Invalid argument."));
 }
 
 }  // namespace

@@ -189,8 +189,10 @@ TEST_F(RestoreThroughHelper, TheStagingTreeReplacesVarBackup) {
        "Staging path /private/var/mobile/plain looks wrong."},
       {krx::Value("/private/var/mobile/none"),
        "Staging path /private/var/mobile/none looks wrong."},
+      // A link is refused before the promotion looks at it.
       {krx::Value("/private/var/mobile/link"),
-       "Staging path /private/var/mobile/link looks wrong."},
+       "-[VTLHMessageResponder moveStagingToFinal:]: Refusing /private/var/mobile/link: it "
+       "passes through the symbolic link /private/var/mobile/link."},
       {dict({{"Path", kStaging}}), "Staging path (null) looks wrong."},
   };
   for (const auto& r : refused) {
