@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -65,11 +66,37 @@ constexpr std::uint64_t kFirstConnectionId = 16;
 
 constexpr const char* kTerminationDescription = "the process is asked to end (SIGTERM)";
 
-std::shared_ptr<const int> own_pidfd(int fd) {
+std::shared_ptr<const int> own_descriptor(int fd) {
   return {new int(fd), [](const int* p) {
             if (*p >= 0) close(*p);
             delete p;
           }};
+}
+
+int& proc_directory() {
+  static int fd = -1;
+  return fd;
+}
+
+// The program `token`'s process runs now, taken as early as the facility
+// sees the peer: at accept. The pidfd is looked at after the read, so that
+// the file read was that process's own.
+void take_executable(AuditToken& token) {
+  const int proc = proc_directory();
+  if (proc < 0 || token.pid <= 0) return;
+  const std::string exe = std::to_string(token.pid) + "/exe";
+  std::array<char, 4096> target{};
+  const ssize_t n = readlinkat(proc, exe.c_str(), target.data(), target.size());
+  if (n <= 0 || static_cast<std::size_t>(n) >= target.size()) return;
+  const int file = openat(proc, exe.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return;
+  token.executable_fd = own_descriptor(file);
+  token.executable.assign(target.data(), static_cast<std::size_t>(n));
+  const int pidfd = *token.pidfd;
+  if (pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0) {
+    token.executable.clear();
+    token.executable_fd.reset();
+  }
 }
 
 AuditToken audit_token_of_peer(int fd) {
@@ -96,7 +123,8 @@ AuditToken audit_token_of_peer(int fd) {
     pidfd = opened >= 0 ? static_cast<int>(opened) : -1;
   }
   if (pidfd >= 0) fcntl(pidfd, F_SETFD, FD_CLOEXEC);
-  token.pidfd = own_pidfd(pidfd);
+  token.pidfd = own_descriptor(pidfd);
+  take_executable(token);
   return token;
 }
 
@@ -830,7 +858,7 @@ std::shared_ptr<Connection> Connection::create_mach_service(std::string_view ser
   if (fd < 0) fd = bind_listener(service_name);
   if (fd < 0) return nullptr;
   AuditToken own;
-  own.pidfd = own_pidfd(-1);
+  own.pidfd = own_descriptor(-1);
   Locked lock(facility);
   return facility.add_connection(true, fd, std::move(own));
 }
@@ -880,6 +908,8 @@ const AuditToken& Connection::audit_token() const { return impl(this).token; }
 
 // ---------------------------------------------------------------------------
 // Process-wide settings
+
+void set_proc_directory(int fd) { proc_directory() = fd; }
 
 void set_run_directory(std::string path) { run_directory_storage() = std::move(path); }
 

@@ -54,7 +54,20 @@ struct AuditToken {
   uid_t uid = static_cast<uid_t>(-1);
   gid_t gid = static_cast<gid_t>(-1);
   std::shared_ptr<const int> pidfd;  // -1 inside when the kernel gave none
+  // The program the peer ran when its connection was accepted (read through
+  // the proc directory set below): the path the kernel reports for it, and
+  // the file itself, open read-only (-1 inside when it could not be taken).
+  // Identity is what the peer was then; a peer that later becomes another
+  // program is told apart by comparing with this file.
+  std::string executable;
+  std::shared_ptr<const int> executable_fd;
 };
+
+// Where peers' executables are read: a descriptor of the /proc that shows
+// the peers' processes, opened before any chroot (borrowed, not owned). Set
+// it before the listener accepts; until then (and with -1) no executable is
+// taken.
+void set_proc_directory(int fd);
 
 class Connection;
 

@@ -1,6 +1,9 @@
 #include "operations/VTLHOperations.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string_view>
@@ -15,7 +18,7 @@ struct DirCloser {
   void operator()(DIR* d) const { ::closedir(d); }
 };
 
-constexpr std::string_view kPreferencesFile = "com.tessal.Vantrel.plist";
+constexpr const char* kPreferencesFile = "com.tessal.Vantrel.plist";
 constexpr std::string_view kRootPreferences = "/var/root/Library/Preferences/";
 constexpr std::string_view kMobilePreferences = "/var/mobile/Library/Preferences/";
 constexpr std::string_view kMobile = "mobile";
@@ -37,14 +40,22 @@ VTLHOperations& VTLHOperations::sharedInstance() {
 bool VTLHOperations::migratePreferencesFile() {
   const std::string source = files::join(kRootPreferences, kPreferencesFile);
   const std::string destination = files::join(kMobilePreferences, kPreferencesFile);
-  if (!files::exists(source)) return false;
+  // Both folders are opened without passing a link and the file is moved
+  // and re-owned through them: mobile owns its folder, and a link put there
+  // would otherwise send root's move and chown wherever it points. Such a
+  // folder cannot be opened, so the move fails.
+  const files::FileDescriptor from(files::open_directory_plain(std::string(kRootPreferences)));
+  const files::FileDescriptor to(files::open_directory_plain(std::string(kMobilePreferences)));
+  const char* const name = kPreferencesFile;
+  struct stat st {};
+  if (from.get() < 0 || ::fstatat(from.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
   // A second migration is a failed call, never an overwrite.
-  if (files::exists(destination)) return false;
-  if (files::move_no_replace(source, destination) != 0) {
+  if (to.get() >= 0 && ::fstatat(to.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0) return false;
+  if (to.get() < 0 || ::renameat2(from.get(), name, to.get(), name, RENAME_NOREPLACE) != 0) {
     VTLLog("Couldn't move %@ to %@", source, destination);
     return false;
   }
-  if (files::set_owner_by_name(destination, kMobile, kMobile) != 0) {
+  if (files::set_owner_by_name_at(to.get(), name, kMobile, kMobile) != 0) {
     VTLLog("Couldn't change ownership for %@", destination);
     return false;
   }
@@ -89,13 +100,22 @@ bool VTLHOperations::prepareDirectory_writableByMobile(const std::string* path,
 
 bool VTLHOperations::prepareLogContainer(const std::string* path) {
   if (!prepareDirectory_writableByMobile(path, true)) return false;
-  std::unique_ptr<DIR, DirCloser> dir(::opendir(path->c_str()));
-  if (!dir) return true;
+  // The folder is now the client's to change: it is listed and its entries
+  // re-owned through one descriptor, opened without passing a link, and no
+  // entry is followed.
+  const files::FileDescriptor folder(files::open_directory_plain(*path));
+  const int listing =
+      folder.get() >= 0 ? ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+  std::unique_ptr<DIR, DirCloser> dir(listing >= 0 ? ::fdopendir(listing) : nullptr);
+  if (!dir) {
+    if (listing >= 0) ::close(listing);
+    return true;
+  }
   while (const dirent* entry = ::readdir(dir.get())) {
     const std::string_view name = entry->d_name;
     if (!name.starts_with(kLogEntryPrefix)) continue;
     // Best effort by design: an entry that cannot be re-owned is left as it is.
-    static_cast<void>(files::set_owner_by_name(files::join(*path, name), kMobile, kMobile));
+    static_cast<void>(files::set_owner_by_name_at(folder.get(), entry->d_name, kMobile, kMobile));
   }
   return true;
 }

@@ -75,6 +75,50 @@ int set_owner_by_name(const std::string& path, std::string_view user, std::strin
   return set_owner(path, *uid, *gid);
 }
 
+FileDescriptor::~FileDescriptor() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::string_view group) {
+  const platform::Accounts* accounts = platform::current().accounts;
+  if (accounts == nullptr) return ENOENT;
+  std::optional<uid_t> uid = accounts->user_id(user);
+  std::optional<gid_t> gid = accounts->group_id(group);
+  if (!uid || !gid) return ENOENT;
+  return ::fchownat(dir, name, *uid, *gid, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+int open_directory_plain(const std::string& path) {
+  if (!path.starts_with('/')) {
+    errno = EINVAL;
+    return -1;
+  }
+  const bool alias = path == "/var" || path.starts_with("/var/");
+  const std::string plain = alias ? "/private" + path : path;
+  int dir = ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  std::string component;
+  for (std::size_t start = 1; dir >= 0 && start < plain.size();) {
+    std::size_t end = plain.find('/', start);
+    if (end == std::string::npos) end = plain.size();
+    component.assign(plain, start, end - start);
+    start = end + 1;
+    if (component.empty() || component == ".") continue;
+    if (component == "..") {
+      ::close(dir);
+      errno = EINVAL;
+      return -1;
+    }
+    // O_NOFOLLOW with O_DIRECTORY: a link is not opened, whatever it names.
+    const int next =
+        ::openat(dir, component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int error = errno;
+    ::close(dir);
+    dir = next;
+    errno = error;
+  }
+  return dir;
+}
+
 int remove_tree(const std::string& path) {
   std::error_code ec;
   std::filesystem::remove_all(path, ec);

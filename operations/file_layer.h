@@ -16,6 +16,19 @@
 
 namespace vtl::files {
 
+// Owns one open descriptor (or -1) and closes it when it goes.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
+  ~FileDescriptor();
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
 // Whether anything, a dangling symbolic link included, is at `path`.
 bool exists(const std::string& path);
 // The item's own attributes (lstat); nullopt and errno set when unreadable.
@@ -33,6 +46,16 @@ int set_owner_by_name(const std::string& path, std::string_view user, std::strin
 int remove_tree(const std::string& path);
 // Renames `from` to `to`, failing with EEXIST rather than replacing `to`.
 int move_no_replace(const std::string& from, const std::string& to);
+// The directory at the absolute `path`, opened (O_PATH) without passing a
+// symbolic link anywhere on the way: for folders a client owns, where a link
+// put in place of a folder would send root's action wherever it points. The
+// device's own "/var" (a link to "private/var") is read as "/private/var".
+// A descriptor, or -1 with errno set (a link on the way: ENOTDIR or ELOOP;
+// a ".." component: EINVAL).
+int open_directory_plain(const std::string& path);
+// Gives the item `name` in the open directory `dir` to the named user and
+// group, never following a link: a link is re-owned itself.
+int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::string_view group);
 // `dir` joined with `name` as a path component.
 std::string join(std::string_view dir, std::string_view name);
 // The system's text for an errno value, e.g. "No such file or directory".

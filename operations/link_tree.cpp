@@ -19,20 +19,6 @@ constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // source's owner and mode are applied.
 constexpr mode_t kBuildingMode = 0700;
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // The names in the directory open at `fd` (the descriptor stays open).
 int list(int fd, std::vector<std::string>* names) {
   const int own = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
@@ -70,10 +56,10 @@ int link_entries(int from, int to) {
       if (::linkat(from, name.c_str(), to, name.c_str(), 0) != 0) return errno;
       continue;
     }
-    Fd child_from(::openat(from, name.c_str(), kDirectoryFlags));
+    FileDescriptor child_from(::openat(from, name.c_str(), kDirectoryFlags));
     if (child_from.get() < 0) return errno;
     if (::mkdirat(to, name.c_str(), kBuildingMode) != 0) return errno;
-    Fd child_to(::openat(to, name.c_str(), kDirectoryFlags));
+    FileDescriptor child_to(::openat(to, name.c_str(), kDirectoryFlags));
     if (child_to.get() < 0) return errno;
     if (int error = link_entries(child_from.get(), child_to.get()); error != 0) return error;
     if (int error = finish_directory(child_to.get(), st); error != 0) return error;
@@ -89,12 +75,12 @@ int link_item(const std::string& source, const std::string& destination) {
   if (!S_ISDIR(st.st_mode)) {
     return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, destination.c_str(), 0) == 0 ? 0 : errno;
   }
-  Fd from(::open(source.c_str(), kDirectoryFlags));
+  FileDescriptor from(::open(source.c_str(), kDirectoryFlags));
   if (from.get() < 0) return errno;
   if (::mkdir(destination.c_str(), kBuildingMode) != 0) return errno;
   int error = 0;
   {
-    Fd to(::open(destination.c_str(), kDirectoryFlags));
+    FileDescriptor to(::open(destination.c_str(), kDirectoryFlags));
     if (to.get() < 0) {
       error = errno;
     } else {

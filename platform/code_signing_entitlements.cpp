@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -15,16 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
 #include "service/plist.h"
 
 namespace platform {
 namespace {
-
-struct DirCloser {
-  void operator()(DIR* d) const { ::closedir(d); }
-};
 
 // Entitlements files are small; anything larger is not one of ours.
 constexpr std::size_t kMaxEntitlementsFile = std::size_t{1} << 20;
@@ -82,34 +80,87 @@ std::string sha256_of(int fd) {
   return hex(digest.data(), size);
 }
 
-std::vector<std::string> entitlement_files(const std::string& dir) {
+// Whether root alone could have written what `st` describes.
+bool only_root_writes(const struct stat& st) { return st.st_uid == 0 && (st.st_mode & 022) == 0; }
+
+// The entitlements files of `dir`, parsed, in name order. Only files that
+// root alone could have written are read; the others are named in `notes`.
+std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
+                                               std::vector<std::string>* notes) {
+  std::vector<vtl::Value> files;
+  UniqueFd directory(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat st {};
+  if (directory.get() < 0 || ::fstat(directory.get(), &st) != 0) return files;
+  if (!only_root_writes(st)) {
+    notes->push_back(dir + " is ignored: it is not owned by root, or others may write to it");
+    return files;
+  }
   std::vector<std::string> names;
-  std::unique_ptr<DIR, DirCloser> d(::opendir(dir.c_str()));
-  if (!d) return names;
-  while (const dirent* e = ::readdir(d.get())) {
-    std::string_view name = e->d_name;
+  const int listing = ::openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* entries = listing >= 0 ? ::fdopendir(listing) : nullptr;
+  if (entries == nullptr) {
+    if (listing >= 0) ::close(listing);
+    return files;
+  }
+  while (const dirent* e = ::readdir(entries)) {
+    const std::string_view name = e->d_name;
     if (name.size() > 6 && name.ends_with(".plist")) names.emplace_back(name);
   }
+  ::closedir(entries);
   std::sort(names.begin(), names.end());
-  return names;
+
+  for (const std::string& name : names) {
+    UniqueFd file(::openat(directory.get(), name.c_str(),
+                           O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        !only_root_writes(st)) {
+      notes->push_back(dir + "/" + name +
+                       " is ignored: it is not a regular file owned by root that only root may "
+                       "write");
+      continue;
+    }
+    if (static_cast<std::size_t>(st.st_size) > kMaxEntitlementsFile) continue;
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+      const ssize_t n = ::read(file.get(), bytes.data() + done, bytes.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    bytes.resize(done);
+    if (std::optional<vtl::Value> plist = vtl::plist_from_bytes(bytes)) {
+      files.push_back(std::move(*plist));
+    }
+  }
+  return files;
 }
 
 class ExecutableTask final : public CodeSigning::Task {
  public:
-  ExecutableTask(std::string entitlements_dir, std::string executable, int exe_fd)
-      : dir_(std::move(entitlements_dir)), executable_(std::move(executable)), exe_fd_(exe_fd) {}
+  ExecutableTask(std::string entitlements_dir, const krx::AuditToken& token,
+                 const Accounts* accounts)
+      : dir_(std::move(entitlements_dir)),
+        executable_(token.executable),
+        executable_fd_(token.executable_fd),
+        uid_(token.uid),
+        accounts_(accounts) {}
 
-  std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name) override {
-    for (const std::string& file : entitlement_files(dir_)) {
-      std::optional<vtl::Value> plist =
-          vtl::read_plist_file(dir_ + "/" + file, kMaxEntitlementsFile);
-      if (!plist) continue;
-      const std::string* executable = plist->find_string("Executable");
+  std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name,
+                                                       std::vector<std::string>* notes) override {
+    for (const vtl::Value& plist : read_entitlement_files(dir_, notes)) {
+      const std::string* executable = plist.find_string("Executable");
       if (executable == nullptr || *executable != executable_) continue;
-      if (const vtl::Value* digest = plist->find("SHA256")) {
+      if (const vtl::Value* digest = plist.find("SHA256")) {
         if (digest->string() == nullptr || *digest->string() != digest_()) continue;
       }
-      const vtl::Value* entitlements = plist->find("Entitlements");
+      if (const vtl::Value* user = plist.find("User")) {
+        const std::optional<uid_t> uid = user->string() != nullptr && accounts_ != nullptr
+                                             ? accounts_->user_id(*user->string())
+                                             : std::nullopt;
+        if (uid != uid_) continue;
+      }
+      const vtl::Value* entitlements = plist.find("Entitlements");
       if (entitlements == nullptr) return std::nullopt;
       const vtl::Value* value = entitlements->find(name);
       if (value == nullptr) return std::nullopt;
@@ -122,7 +173,7 @@ class ExecutableTask final : public CodeSigning::Task {
   // The program's digest, computed once and only when a file asks for it.
   const std::string& digest_() {
     if (!digest_done_) {
-      digest_cache_ = sha256_of(exe_fd_.get());
+      digest_cache_ = sha256_of(*executable_fd_);
       digest_done_ = true;
     }
     return digest_cache_;
@@ -130,46 +181,60 @@ class ExecutableTask final : public CodeSigning::Task {
 
   std::string dir_;
   std::string executable_;
-  UniqueFd exe_fd_;
+  std::shared_ptr<const int> executable_fd_;
+  uid_t uid_;
+  const Accounts* accounts_;
   bool digest_done_ = false;
   std::string digest_cache_;
 };
 
 class EntitlementFiles final : public CodeSigning {
  public:
-  EntitlementFiles(const std::string& root, int proc_dir_fd)
-      : dir_(under_root(root, kEntitlementsDirectory)), proc_(proc_dir_fd) {}
+  EntitlementFiles(const std::string& root, int proc_dir_fd, const Accounts* accounts)
+      : dir_(under_root(root, kEntitlementsDirectory)), proc_(proc_dir_fd), accounts_(accounts) {}
 
-  std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token) override {
-    if (token.pid <= 0 || proc_ < 0) return nullptr;
+  std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token,
+                                              std::string* why) override {
+    const std::string client = "the client (pid " + std::to_string(token.pid) + ")";
+    if (token.pid <= 0 || proc_ < 0 || token.executable.empty() || !token.executable_fd ||
+        *token.executable_fd < 0) {
+      *why = "the program " + client + " ran when it connected could not be read";
+      return nullptr;
+    }
     const int pidfd = token.pidfd ? *token.pidfd : -1;
-    if (pidfd >= 0 && !process_alive(pidfd)) return nullptr;
-
+    if (pidfd >= 0 && !process_alive(pidfd)) {
+      *why = client + " has ended";
+      return nullptr;
+    }
+    // The program the process runs now must be the one it connected as:
+    // exec keeps the pid and the pidfd, and the socket.
     const std::string exe = std::to_string(token.pid) + "/exe";
-    std::array<char, 4096> target{};
-    ssize_t n = ::readlinkat(proc_, exe.c_str(), target.data(), target.size());
-    if (n <= 0 || static_cast<std::size_t>(n) >= target.size()) return nullptr;
-    int fd = ::openat(proc_, exe.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return nullptr;
-    auto task = std::make_unique<ExecutableTask>(
-        dir_, std::string(target.data(), static_cast<std::size_t>(n)), fd);
-    // Checked again after reading: if the process was still there, the path
-    // and file we read were its own. Without a pidfd (kernels before 5.3) a
-    // pid reused in the meantime cannot be told apart; the facility supplies
-    // one wherever the kernel can.
-    if (pidfd >= 0 && !process_alive(pidfd)) return nullptr;
-    return task;
+    struct stat now {};
+    struct stat then {};
+    const bool same = ::fstatat(proc_, exe.c_str(), &now, 0) == 0 &&
+                      ::fstat(*token.executable_fd, &then) == 0 && now.st_dev == then.st_dev &&
+                      now.st_ino == then.st_ino;
+    if (!same || (pidfd >= 0 && !process_alive(pidfd))) {
+      *why = client + " no longer runs " + token.executable + ", the program it connected as";
+      return nullptr;
+    }
+    // Without a pidfd (kernels before 5.3) a pid reused in the meantime is
+    // caught only by its different program; the facility supplies one
+    // wherever the kernel can.
+    return std::make_unique<ExecutableTask>(dir_, token, accounts_);
   }
 
  private:
   std::string dir_;
   int proc_;
+  const Accounts* accounts_;
 };
 
 }  // namespace
 
-std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd) {
-  return std::make_unique<EntitlementFiles>(root, proc_dir_fd);
+std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd,
+                                                    const Accounts* accounts) {
+  return std::make_unique<EntitlementFiles>(root, proc_dir_fd, accounts);
 }
 
 }  // namespace platform

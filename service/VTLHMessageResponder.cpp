@@ -62,12 +62,17 @@ bool VTLHMessageResponder::hasEntitlementVantreld() {
   std::shared_ptr<krx::Connection> peer = connection();
   platform::CodeSigning* signing = platform::current().code_signing;
   std::unique_ptr<platform::CodeSigning::Task> task;
-  if (peer && signing != nullptr) task = signing->task_from_audit_token(peer->audit_token());
+  std::string why;
+  if (peer && signing != nullptr) task = signing->task_from_audit_token(peer->audit_token(), &why);
   if (!task) {
+    // Why, for the operator, beside the platform's own line.
+    if (!why.empty()) VTLLog("%s: %@.", kMethod, why);
     VTLLog("%s: Cannot create SecTask from audit token", kMethod);
     return false;
   }
-  std::optional<Value> value = task->copy_value_for_entitlement(kEntitlement);
+  std::vector<std::string> notes;
+  std::optional<Value> value = task->copy_value_for_entitlement(kEntitlement, &notes);
+  for (const std::string& note : notes) VTLLog("%s: %@.", kMethod, note);
   if (!value) {
     VTLLog("%s: No data received.", kMethod);
     return false;

@@ -2,7 +2,9 @@
 // logging, entitlements bound to the executable, the container commands, and
 // how it ends.
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -153,6 +155,75 @@ TEST_F(HelperTest, PreferencesMigrateOnceToMobile) {
   EXPECT_EQ(request(client, dict({{"migratePreferencesFile:", true}})), std::vector{kFalse});
   EXPECT_TRUE(fs::exists(source));
   EXPECT_NE(fs::file_size(destination), 3u);
+}
+
+TEST_F(HelperTest, AMigrationIntoALinkedFolderIsRefused) {
+  // Mobile owns its preferences folder and puts a link in its place,
+  // aiming the move and the chown at the entitlements.
+  const std::string source =
+      device_.path("/private/var/root/Library/Preferences/com.tessal.Vantrel.plist");
+  const std::string folder = device_.path("/private/var/mobile/Library/Preferences");
+  fs::remove_all(folder);
+  fs::create_directory_symlink("/etc/krx/entitlements.d", folder);
+  krx::Client client = device_.connect();
+  EXPECT_EQ(request(client, dict({{"migratePreferencesFile:", true}})), std::vector{kFalse});
+  EXPECT_TRUE(device_.wait_for_log(
+      "Couldn't move /var/root/Library/Preferences/com.tessal.Vantrel.plist to "
+      "/var/mobile/Library/Preferences/com.tessal.Vantrel.plist"));
+  EXPECT_TRUE(fs::exists(source));
+  EXPECT_FALSE(fs::exists(device_.path("/etc/krx/entitlements.d/com.tessal.Vantrel.plist")));
+}
+
+TEST_F(HelperTest, AProcessThatExecsAnEntitledProgramAfterConnectingIsNotServed) {
+  // vtldctl is entitled; this test program, which connects, is not.
+  const std::string vtldctl = testsupport::program_path("vtldctl");
+  fs::remove_all(device_.path("/etc/krx/entitlements.d"));
+  fs::create_directories(device_.path("/etc/krx/entitlements.d"));
+  ASSERT_EQ(platform::sim::write_entitlements_file(
+                device_.root(), "vtldctl", vtldctl, "",
+                {{platform::sim::kClientEntitlement, vtl::Value(true)}}),
+            "");
+  // Where the exec'd vtldctl waits: a socket nobody answers on.
+  testsupport::TempDir quiet;
+  const std::string quiet_socket = quiet / "s";
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", quiet_socket.c_str());
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  const std::string trick = "/private/var/exec-trick";
+
+  const pid_t connecting = ::fork();
+  ASSERT_GE(connecting, 0);
+  if (connecting == 0) {
+    // Connected and seen by the helper as what it is, unentitled...
+    krx::Client client = device_.connect();
+    static_cast<void>(client.send(dict({{"removeWorkContainer:", "/private/var/none"}})));
+    if (!device_.wait_for_log("The client does not have proper entitlement")) ::_exit(2);
+    if (::fork() == 0) {
+      // ... then a child that keeps the connection asks, once its parent
+      // has become vtldctl.
+      for (int i = 0; i < 1000 && fs::read_symlink("/proc/" + std::to_string(::getppid()) +
+                                                   "/exe") != fs::path(vtldctl);
+           ++i) {
+        ::usleep(10'000);
+      }
+      static_cast<void>(client.send(dict({{"prepareWorkContainer:", trick}})));
+      static_cast<void>(client.receive(std::chrono::seconds(5)));
+      ::_exit(0);
+    }
+    ::execl(vtldctl.c_str(), vtldctl.c_str(), "--socket", quiet_socket.c_str(), "--timeout", "30",
+            "send", R"({"removeWorkContainer:": "/private/var/none"})",
+            static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  EXPECT_TRUE(device_.wait_for_log("no longer runs " + testsupport::self_executable() +
+                                   ", the program it connected as."));
+  ::kill(connecting, SIGKILL);
+  ::waitpid(connecting, nullptr, 0);
+  ::close(listener);
+  EXPECT_FALSE(fs::exists(device_.path(trick)));
 }
 
 TEST_F(HelperTest, ContainerCommandsOnTheDevice) {

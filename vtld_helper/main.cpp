@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 
+#include "krx/connection.h"
 #include "platform/accounts.h"
 #include "platform/certificate_services.h"
 #include "platform/code_signing.h"
@@ -121,7 +122,11 @@ int main(int argc, char** argv) {
   auto* the_platform = new platform::Platform();
   the_platform->system_log = system_log.release();
   the_platform->accounts = platform::make_passwd_accounts("/").release();
-  the_platform->code_signing = platform::make_entitlement_files("/", proc_fd).release();
+  // Clients are identified through /proc when their connections are
+  // accepted (krx) and when their messages are checked (code signing).
+  krx::set_proc_directory(proc_fd);
+  the_platform->code_signing =
+      platform::make_entitlement_files("/", proc_fd, the_platform->accounts).release();
   // Both backends keep protection classes the same way (protection_classes.h).
   the_platform->protection_classes = platform::make_xattr_protection_classes().release();
   // Both backends read the signer policies from /etc/vtld/trust, inside the

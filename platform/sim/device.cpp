@@ -56,8 +56,18 @@ std::string write_entitlements_file(const std::string& dir, const std::string& n
   file.emplace("Executable", executable);
   if (!sha256.empty()) file.emplace("SHA256", sha256);
   file.emplace("Entitlements", entitlements);
-  const std::string path = dir + std::string(kEntitlementsDirectory) + "/" + name + ".plist";
-  return write_file(path, vtl::plist_to_xml(vtl::Value(std::move(file))));
+  const std::string folder = dir + std::string(kEntitlementsDirectory);
+  const std::string path = folder + "/" + name + ".plist";
+  if (std::string err = write_file(path, vtl::plist_to_xml(vtl::Value(std::move(file))));
+      !err.empty()) {
+    return err;
+  }
+  // The helper reads only what root alone may write, whatever the mask of
+  // whoever laid the device out.
+  if (::chmod(folder.c_str(), 0755) != 0 || ::chmod(path.c_str(), 0644) != 0) {
+    return "cannot set the mode of " + path + ": " + std::strerror(errno);
+  }
+  return {};
 }
 
 std::string create_device(const std::string& dir, const DeviceOptions& options) {

@@ -49,11 +49,13 @@ class FakeCodeSigning final : public platform::CodeSigning {
   std::optional<vtl::Value> entitlement;
   bool no_task = false;
 
-  std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& /*token*/) override {
+  std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& /*token*/,
+                                              std::string* /*why*/) override {
     if (no_task) return nullptr;
     struct FakeTask final : Task {
       std::optional<vtl::Value> value;
-      std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name) override {
+      std::optional<vtl::Value> copy_value_for_entitlement(
+          std::string_view name, std::vector<std::string>* /*notes*/) override {
         if (name != "com.tessal.private.vantrel.vantreld") return std::nullopt;
         return value;
       }
