@@ -88,15 +88,13 @@ void take_executable(AuditToken& token) {
   std::array<char, 4096> target{};
   const ssize_t n = readlinkat(proc, exe.c_str(), target.data(), target.size());
   if (n <= 0 || static_cast<std::size_t>(n) >= target.size()) return;
-  const int file = openat(proc, exe.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return;
-  token.executable_fd = own_descriptor(file);
-  token.executable.assign(target.data(), static_cast<std::size_t>(n));
+  struct stat file {};
+  if (fstatat(proc, exe.c_str(), &file, 0) != 0) return;
   const int pidfd = *token.pidfd;
-  if (pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0) {
-    token.executable.clear();
-    token.executable_fd.reset();
-  }
+  if (pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0) return;
+  token.executable.assign(target.data(), static_cast<std::size_t>(n));
+  token.executable_device = file.st_dev;
+  token.executable_inode = file.st_ino;
 }
 
 AuditToken audit_token_of_peer(int fd) {

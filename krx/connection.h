@@ -55,12 +55,13 @@ struct AuditToken {
   gid_t gid = static_cast<gid_t>(-1);
   std::shared_ptr<const int> pidfd;  // -1 inside when the kernel gave none
   // The program the peer ran when its connection was accepted (read through
-  // the proc directory set below): the path the kernel reports for it, and
-  // the file itself, open read-only (-1 inside when it could not be taken).
-  // Identity is what the peer was then; a peer that later becomes another
-  // program is told apart by comparing with this file.
+  // the proc directory set below): the path the kernel reports for it (empty
+  // when it could not be read), and the file's device and inode. Identity is
+  // what the peer was then; a peer that later becomes another program is
+  // told apart by its file. No descriptor of it is kept.
   std::string executable;
-  std::shared_ptr<const int> executable_fd;
+  dev_t executable_device = 0;
+  ino_t executable_inode = 0;
 };
 
 // Where peers' executables are read: a descriptor of the /proc that shows

@@ -136,21 +136,31 @@ std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
   return files;
 }
 
+// The program `token`'s process runs now, opened read-only through `proc`,
+// if it is still the file it ran when it connected; -1 otherwise.
+int open_executable(int proc, const krx::AuditToken& token) {
+  const std::string exe = std::to_string(token.pid) + "/exe";
+  const int fd = ::openat(proc, exe.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == token.executable_device &&
+      st.st_ino == token.executable_inode) {
+    return fd;
+  }
+  if (fd >= 0) ::close(fd);
+  return -1;
+}
+
 class ExecutableTask final : public CodeSigning::Task {
  public:
-  ExecutableTask(std::string entitlements_dir, const krx::AuditToken& token,
+  ExecutableTask(std::string entitlements_dir, const krx::AuditToken& token, int proc,
                  const Accounts* accounts)
-      : dir_(std::move(entitlements_dir)),
-        executable_(token.executable),
-        executable_fd_(token.executable_fd),
-        uid_(token.uid),
-        accounts_(accounts) {}
+      : dir_(std::move(entitlements_dir)), token_(token), proc_(proc), accounts_(accounts) {}
 
   std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name,
                                                        std::vector<std::string>* notes) override {
     for (const vtl::Value& plist : read_entitlement_files(dir_, notes)) {
       const std::string* executable = plist.find_string("Executable");
-      if (executable == nullptr || *executable != executable_) continue;
+      if (executable == nullptr || *executable != token_.executable) continue;
       if (const vtl::Value* digest = plist.find("SHA256")) {
         if (digest->string() == nullptr || *digest->string() != digest_()) continue;
       }
@@ -158,7 +168,7 @@ class ExecutableTask final : public CodeSigning::Task {
         const std::optional<uid_t> uid = user->string() != nullptr && accounts_ != nullptr
                                              ? accounts_->user_id(*user->string())
                                              : std::nullopt;
-        if (uid != uid_) continue;
+        if (uid != token_.uid) continue;
       }
       const vtl::Value* entitlements = plist.find("Entitlements");
       if (entitlements == nullptr) return std::nullopt;
@@ -170,19 +180,22 @@ class ExecutableTask final : public CodeSigning::Task {
   }
 
  private:
-  // The program's digest, computed once and only when a file asks for it.
+  // The program's digest, computed once and only when a file asks for it,
+  // from the file the client ran when it connected (a running program's
+  // file cannot be written, so its inode holds the same bytes); empty when
+  // that file cannot be read.
   const std::string& digest_() {
     if (!digest_done_) {
-      digest_cache_ = sha256_of(*executable_fd_);
+      const UniqueFd file(open_executable(proc_, token_));
+      if (file.get() >= 0) digest_cache_ = sha256_of(file.get());
       digest_done_ = true;
     }
     return digest_cache_;
   }
 
   std::string dir_;
-  std::string executable_;
-  std::shared_ptr<const int> executable_fd_;
-  uid_t uid_;
+  const krx::AuditToken token_;
+  int proc_;
   const Accounts* accounts_;
   bool digest_done_ = false;
   std::string digest_cache_;
@@ -196,8 +209,7 @@ class EntitlementFiles final : public CodeSigning {
   std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token,
                                               std::string* why) override {
     const std::string client = "the client (pid " + std::to_string(token.pid) + ")";
-    if (token.pid <= 0 || proc_ < 0 || token.executable.empty() || !token.executable_fd ||
-        *token.executable_fd < 0) {
+    if (token.pid <= 0 || proc_ < 0 || token.executable.empty()) {
       *why = "the program " + client + " ran when it connected could not be read";
       return nullptr;
     }
@@ -210,10 +222,8 @@ class EntitlementFiles final : public CodeSigning {
     // exec keeps the pid and the pidfd, and the socket.
     const std::string exe = std::to_string(token.pid) + "/exe";
     struct stat now {};
-    struct stat then {};
     const bool same = ::fstatat(proc_, exe.c_str(), &now, 0) == 0 &&
-                      ::fstat(*token.executable_fd, &then) == 0 && now.st_dev == then.st_dev &&
-                      now.st_ino == then.st_ino;
+                      now.st_dev == token.executable_device && now.st_ino == token.executable_inode;
     if (!same || (pidfd >= 0 && !process_alive(pidfd))) {
       *why = client + " no longer runs " + token.executable + ", the program it connected as";
       return nullptr;
@@ -221,7 +231,7 @@ class EntitlementFiles final : public CodeSigning {
     // Without a pidfd (kernels before 5.3) a pid reused in the meantime is
     // caught only by its different program; the facility supplies one
     // wherever the kernel can.
-    return std::make_unique<ExecutableTask>(dir_, token, accounts_);
+    return std::make_unique<ExecutableTask>(dir_, token, proc_, accounts_);
   }
 
  private:

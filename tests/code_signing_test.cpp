@@ -35,13 +35,12 @@ class EntitlementFilesTest : public ::testing::Test {
     token_.uid = ::getuid();
     token_.pidfd = std::make_shared<const int>(-1);
     token_.executable = testsupport::self_executable();
-    token_.executable_fd =
-        std::make_shared<const int>(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    EXPECT_EQ(::stat("/proc/self/exe", &st), 0);
+    token_.executable_device = st.st_dev;
+    token_.executable_inode = st.st_ino;
   }
-  ~EntitlementFilesTest() override {
-    ::close(proc_);
-    ::close(*token_.executable_fd);
-  }
+  ~EntitlementFilesTest() override { ::close(proc_); }
 
   // Writes "client.plist" naming this program, with `extra` keys.
   void entitle(const vtl::Dictionary& extra = {}) {
