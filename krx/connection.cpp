@@ -91,7 +91,10 @@ void take_executable(AuditToken& token) {
   struct stat file {};
   if (fstatat(proc, exe.c_str(), &file, 0) != 0) return;
   const int pidfd = *token.pidfd;
-  if (pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0) return;
+  // Signal 0 only asks; EPERM (a peer of another user) means it is there.
+  if (pidfd >= 0 && syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0 && errno != EPERM) {
+    return;
+  }
   token.executable.assign(target.data(), static_cast<std::size_t>(n));
   token.executable_device = file.st_dev;
   token.executable_inode = file.st_ino;

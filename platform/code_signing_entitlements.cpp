@@ -42,9 +42,11 @@ class UniqueFd {
 };
 
 // Whether the process a pidfd pins is still there. While it is, its pid
-// cannot have been handed to another process.
+// cannot have been handed to another process. Signal 0 only asks; EPERM (a
+// process of another user, where the helper may not signal) is an answer
+// too: the process is there.
 bool process_alive(int pidfd) {
-  return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) == 0;
+  return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) == 0 || errno == EPERM;
 }
 
 std::string hex(const unsigned char* bytes, unsigned size) {

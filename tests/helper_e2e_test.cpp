@@ -12,12 +12,14 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
+#include "vtld_helper/privileges.h"
 
 namespace {
 
@@ -94,6 +96,37 @@ TEST_F(HelperTest, StartsConfinedAndLogsToSystemLogThenToTheDailyFile) {
   for (std::string line; std::getline(lines, line);) {
     EXPECT_TRUE(line.size() > 26 && line[4] == '-' && line.substr(19, 7) == " +0000 ") << line;
   }
+}
+
+TEST_F(HelperTest, HoldsNoDoorOutOfTheDeviceAndOnlyThePowersItUses) {
+  krx::Client client = device_.connect();
+  EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+  const std::string proc = "/proc/" + std::to_string(device_.pid());
+  // Every descriptor names something inside the device, or is no file at
+  // all; the one exception is the host's /proc, which identifies clients.
+  // Standard streams are the caller's.
+  const std::string root = fs::canonical(device_.root()).string();
+  for (const auto& entry : fs::directory_iterator(proc + "/fd")) {
+    if (std::stoi(entry.path().filename()) <= 2) continue;
+    const std::string target = fs::read_symlink(entry.path()).string();
+    const bool no_file = target.starts_with("socket:") || target.starts_with("anon_inode:") ||
+                         target.starts_with("pipe:");
+    EXPECT_TRUE(no_file || target == "/proc" || target.starts_with(root + "/"))
+        << entry.path() << " -> " << target;
+  }
+  // Powers: what the commands use, in every set, and no way to gain more.
+  std::ifstream status(proc + "/status");
+  std::map<std::string, std::string> fields;
+  for (std::string line; std::getline(status, line);) {
+    const std::size_t colon = line.find(':');
+    if (colon != std::string::npos) fields[line.substr(0, colon)] = line.substr(colon + 2);
+  }
+  for (const char* set : {"CapEff", "CapPrm", "CapBnd"}) {
+    EXPECT_EQ(std::stoull(fields[set], nullptr, 16), vtl::kept_capabilities()) << set;
+  }
+  EXPECT_EQ(std::stoull(fields["CapInh"], nullptr, 16), 0u);
+  EXPECT_EQ(fields["NoNewPrivs"], "1");
 }
 
 TEST_F(HelperTest, EntitlementIsBoundToTheExecutable) {

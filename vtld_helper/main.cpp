@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -35,6 +36,7 @@
 #include "platform/system_log.h"
 #include "service/VTLLogModel.h"
 #include "vtl_version.h"
+#include "vtld_helper/privileges.h"
 #include "vtld_helper/vtld_helper.h"
 
 namespace {
@@ -56,6 +58,11 @@ constexpr const char* kUsage =
 // Everything the helper needs from outside the device is opened here, before
 // chroot: the host's /proc (to identify clients by their executables) and the
 // zone information (log file names use the local date).
+//
+// The /proc descriptor is the one door out of the device the helper keeps.
+// It is only ever used with a process id the kernel gave (a peer's
+// credentials) and the fixed names "exe" beneath it; no path from a request
+// is resolved against it or against anything but the device's own root.
 void confine_to(const std::string& root, int* proc_fd) {
   if (::geteuid() != 0) fail("must run as root: it confines itself to " + root + " with chroot");
   *proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -66,9 +73,25 @@ void confine_to(const std::string& root, int* proc_fd) {
   if (::chdir("/") != 0) fail(std::string("cannot enter the device root: ") + std::strerror(errno));
 }
 
+// Descriptors inherited from whoever started the helper are not its own and
+// must not outlive the start: all go but the standard streams and the
+// sockets a service manager hands over (LISTEN_FDS of them, from 3, when
+// LISTEN_PID names this process).
+void close_inherited_descriptors() {
+  unsigned first = 3;
+  const char* listen_pid = std::getenv("LISTEN_PID");
+  const char* listen_fds = std::getenv("LISTEN_FDS");
+  if (listen_pid != nullptr && listen_fds != nullptr &&
+      std::strtol(listen_pid, nullptr, 10) == ::getpid()) {
+    first += static_cast<unsigned>(std::strtoul(listen_fds, nullptr, 10));
+  }
+  static_cast<void>(::close_range(first, ~0U, 0));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  close_inherited_descriptors();
   std::string root;
   bool syslog_on_device = false;
   bool host_disks = false;
@@ -102,9 +125,13 @@ int main(int argc, char** argv) {
   int proc_fd = -1;
   const bool simulated = !root.empty();
   // The kernel's block devices and their nodes, for the partition GUIDs of
-  // mounted volumes; opened before any confinement, like /proc.
-  const int sys_block_fd = ::open("/sys/class/block", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  const int dev_fd = ::open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // mounted volumes; opened before any confinement, like /proc, and only
+  // where the host's disks are used. A simulated device's helper holds no
+  // descriptor outside the device but /proc.
+  const bool host_storage = !simulated || host_disks;
+  const int sys_block_fd =
+      host_storage ? ::open("/sys/class/block", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
+  const int dev_fd = host_storage ? ::open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
   if (simulated) {
     confine_to(root, &proc_fd);
     // Connected only now, so that it is the device's syslog socket.
@@ -161,6 +188,9 @@ int main(int argc, char** argv) {
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);
+  // Everything is open and the helper confined: from here on it holds only
+  // the powers its commands use (privileges.h).
+  vtl::drop_privileges();
 
   vtl::VTLH_main(argv[0]);
 }
