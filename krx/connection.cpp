@@ -73,6 +73,16 @@ std::shared_ptr<const int> own_descriptor(int fd) {
           }};
 }
 
+struct SocketAccess {
+  mode_t mode = 0666;
+  gid_t group = static_cast<gid_t>(-1);
+};
+
+SocketAccess& socket_access() {
+  static SocketAccess access;
+  return access;
+}
+
 int& proc_directory() {
   static int fd = -1;
   return fd;
@@ -779,9 +789,12 @@ int bind_listener(std::string_view service_name) {
     close(fd);
     return -1;
   }
-  // Any local user may connect: who may do what is decided per message from
-  // the peer's entitlements, not by the socket's mode.
-  if (chmod(staging.c_str(), 0666) != 0 || listen(fd, SOMAXCONN) != 0 ||
+  // Who may connect is set by the socket's mode and group (set_socket_access);
+  // who may do what is decided per message from the peer's entitlements.
+  const SocketAccess access = socket_access();
+  const bool owned = access.group == static_cast<gid_t>(-1) ||
+                     chown(staging.c_str(), static_cast<uid_t>(-1), access.group) == 0;
+  if (!owned || chmod(staging.c_str(), access.mode) != 0 || listen(fd, SOMAXCONN) != 0 ||
       rename(staging.c_str(), path.c_str()) != 0) {
     close(fd);
     unlink(staging.c_str());
@@ -911,6 +924,10 @@ const AuditToken& Connection::audit_token() const { return impl(this).token; }
 // Process-wide settings
 
 void set_proc_directory(int fd) { proc_directory() = fd; }
+
+void set_socket_access(unsigned mode, gid_t group) {
+  socket_access() = SocketAccess{static_cast<mode_t>(mode & 0777), group};
+}
 
 void set_run_directory(std::string path) { run_directory_storage() = std::move(path); }
 

@@ -70,6 +70,11 @@ struct AuditToken {
 // taken.
 void set_proc_directory(int fd);
 
+// The mode and group a listener's socket file is bound with: 0666 and the
+// process's own group unless set (group -1 keeps it). Set it before
+// creating listeners; a handed-over socket keeps what its launcher gave it.
+void set_socket_access(unsigned mode, gid_t group);
+
 class Connection;
 
 class Event {
@@ -106,8 +111,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   //
   // Handed-over sockets: the one whose name (LISTEN_FDNAMES) is
   // `service_name`, else the first listening Unix stream socket not taken by
-  // another listener. Binding: the socket file is made mode 0666 (who may do
-  // what is decided per message, by entitlement); a socket file left by an
+  // another listener. Binding: the socket file gets the mode and group of
+  // set_socket_access (who may do what is still decided per message, by
+  // entitlement); a socket file left by an
   // earlier run is replaced, but not one a live listener still answers on,
   // and never a file of another kind. nullptr when the run directory is
   // missing, the path does not fit a socket address, `service_name` is not a

@@ -4,6 +4,7 @@
 // syslog socket.
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,29 +96,62 @@ TEST(DeviceCommands, RebootIsRecordedAndEndsTheHelperWithoutReply) {
   EXPECT_EQ(*reboots->array()->front().find("Howto"), vtl::Value(0));
 }
 
-TEST(DeviceCommands, QuitEndsTheHelperAndALauncherStartsItAgain) {
+TEST(DeviceCommands, WhateverEndsTheHelperALauncherStartsItAgainOnTheSameSocket) {
   Device device;
   const int listening = unix_socket(SOCK_STREAM, device.socket_path());
   ASSERT_GE(listening, 0);
   ASSERT_EQ(::listen(listening, 8), 0);
 
-  for (int round = 0; round < 2; ++round) {
-    SCOPED_TRACE(round);
+  // Any local user may end the helper with a message that is not a
+  // dictionary (it aborts, as it must); the next client is served all the
+  // same.
+  const struct {
+    const char* name;
+    krx::Value message;
+    bool aborts;
+  } ends[] = {
+      {"quit", dict({{"quitHelper:", true}}), false},
+      {"a message that is not a dictionary", krx::Value(std::int64_t{1}), true},
+      {"quit again", dict({{"quitHelper:", true}}), false},
+  };
+  for (const auto& end : ends) {
+    SCOPED_TRACE(end.name);
     // The client connects first; the launcher starts the helper on the
     // handed-over socket, as socket activation does.
     krx::Client client = device.connect();
     device.start_activated(listening);
     EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
               std::vector{kTrue});
-    ASSERT_TRUE(client.send(dict({{"quitHelper:", true}})));
+    ASSERT_TRUE(client.send(end.message));
     expect_ends_without_reply(client);
     std::optional<int> status = device.wait_exit(20s);
     ASSERT_TRUE(status);
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    if (end.aborts) {
+      EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << *status;
+    } else {
+      EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    }
   }
   ::close(listening);
   EXPECT_TRUE(
       device.wait_for_log("Entering -[VTLHMessageResponder quitHelper:] with parameter: 1"));
+}
+
+TEST(DeviceCommands, ASocketGroupLimitsWhoMayConnect) {
+  Device device;
+  device.start({"--socket-group", "mobile"});
+  struct stat st {};
+  ASSERT_EQ(::stat(device.socket_path().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  EXPECT_EQ(st.st_gid, 501u);  // the device's mobile group
+  krx::Client client = device.connect();
+  EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{kTrue});
+
+  Device other;
+  EXPECT_THROW(other.start({"--socket-group", "nobody-here"}), std::runtime_error);
+  EXPECT_NE(other.system_log().find("no group nobody-here in the device's /etc/group"),
+            std::string::npos);
 }
 
 TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {

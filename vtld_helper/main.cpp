@@ -18,6 +18,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -48,7 +49,11 @@ constexpr const char* kUsage =
     "  --syslog     with --root: send the system log to the device's syslog socket\n"
     "               (DIR/dev/log) instead of standard error\n"
     "  --host-disks with --root: the data partition is the host's: DIR/dev/rdisk0s1 is a\n"
-    "               block device node, the data volume a file system mounted in DIR\n";
+    "               block device node, the data volume a file system mounted in DIR\n"
+    "  --socket-group NAME\n"
+    "               the socket is mode 0660 and belongs to group NAME (on a simulated\n"
+    "               device, a group of DIR/etc/group); on a host the group \"vtld\" is\n"
+    "               taken when it exists\n";
 
 [[noreturn]] void fail(const std::string& message) {
   static_cast<void>(std::fprintf(stderr, "vtld_helper: %s\n", message.c_str()));
@@ -73,6 +78,24 @@ void confine_to(const std::string& root, int* proc_fd) {
   if (::chdir("/") != 0) fail(std::string("cannot enter the device root: ") + std::strerror(errno));
 }
 
+// Who may connect to the socket the helper binds itself: the members of a
+// dedicated group (mode 0660) where there is one: the group named on the
+// command line, else on a host the group "vtld" the package creates. Without
+// one, every local user may connect. Either way the entitlement check
+// decides every request. A socket handed over by a service manager keeps the
+// mode and group its unit gives it.
+void restrict_socket(const platform::Accounts& accounts, bool simulated, const std::string& named) {
+  constexpr const char* kHostGroup = "vtld";
+  const std::string name = named.empty() && !simulated ? kHostGroup : named;
+  if (name.empty()) return;
+  const std::optional<gid_t> gid = accounts.group_id(name);
+  if (gid) {
+    krx::set_socket_access(0660, *gid);
+  } else if (!named.empty()) {
+    fail("no group " + named + (simulated ? " in the device's /etc/group" : ""));
+  }
+}
+
 // Descriptors inherited from whoever started the helper are not its own and
 // must not outlive the start: all go but the standard streams and the
 // sockets a service manager hands over (LISTEN_FDS of them, from 3, when
@@ -95,12 +118,15 @@ int main(int argc, char** argv) {
   std::string root;
   bool syslog_on_device = false;
   bool host_disks = false;
+  std::string socket_group;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--root" && i + 1 < argc) {
       root = argv[++i];
     } else if (arg == "--syslog") {
       syslog_on_device = true;
+    } else if (arg == "--socket-group" && i + 1 < argc) {
+      socket_group = argv[++i];
     } else if (arg == "--host-disks") {
       host_disks = true;
     } else if (arg == "--version") {
@@ -149,6 +175,7 @@ int main(int argc, char** argv) {
   auto* the_platform = new platform::Platform();
   the_platform->system_log = system_log.release();
   the_platform->accounts = platform::make_passwd_accounts("/").release();
+  restrict_socket(*the_platform->accounts, simulated, socket_group);
   // Clients are identified through /proc when their connections are
   // accepted (krx) and when their messages are checked (code signing).
   krx::set_proc_directory(proc_fd);
