@@ -211,6 +211,10 @@ class ConnectionImpl final : public Connection {
   std::uint32_t interest = 0;
   bool registered = false;
   bool accept_paused = false;
+  // Bytes of the unfinished frame counted in the facility's input total, and
+  // when that frame began to arrive (for the deadline; nullopt: none).
+  std::size_t counted_input = 0;
+  std::optional<Clock::time_point> frame_started;
 };
 
 // The facility: the registry of connections, the one epoll set, the serial
@@ -236,6 +240,7 @@ class Facility {
 
   std::shared_ptr<ConnectionImpl> add_connection(bool listener, int fd, AuditToken token) {
     const std::uint64_t id = next_id_++;
+    if (!listener && fd >= 0) ++clients_;
     auto connection = std::make_shared<ConnectionImpl>(id, listener, fd, std::move(token));
     registry_.emplace(id, connection);
     return connection;
@@ -342,6 +347,8 @@ class Facility {
     return true;
   }
 
+  void set_limits(const Limits& limits) { limits_ = limits; }
+
   // Handed-over descriptors already given to a listener, so that two
   // listeners never share one.
   bool claimed(int fd) const { return claimed_.count(fd) != 0; }
@@ -388,7 +395,9 @@ class Facility {
     if (c.fd >= 0) {
       if (c.registered) epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, c.fd, nullptr);
       close(c.fd);
+      if (!c.listener) --clients_;
     }
+    count_input(c, 0, false);
     c.fd = -1;
     c.registered = false;
     c.interest = 0;
@@ -486,7 +495,15 @@ class Facility {
       c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(c.in_begin));
       c.in_begin = 0;
     }
+    const std::size_t unfinished = c.in.size() + static_cast<std::size_t>(n);
+    if (unfinished > limits_.small_frame &&
+        input_total_ - c.counted_input + unfinished > limits_.input_budget) {
+      fail(c, "unfinished frames of all connections would exceed " +
+                  std::to_string(limits_.input_budget >> 20) + " MiB");
+      return;
+    }
     c.in.insert(c.in.end(), read_buffer_.begin(), read_buffer_.begin() + n);
+    bool completed = false;
     while (c.fd >= 0 && c.in_begin < c.in.size()) {
       auto result = decode_frame(std::span(c.in).subspan(c.in_begin));
       if (auto* more = std::get_if<NeedMore>(&result)) {
@@ -500,11 +517,47 @@ class Facility {
       auto& decoded = std::get<Decoded>(result);
       c.in_begin += decoded.frame_size;
       c.in_wanted = 0;
+      completed = true;
       push(c.self(), Event::message(std::move(decoded.value)));
     }
     if (c.fd >= 0 && c.in_begin == c.in.size()) {
       c.in.clear();
       c.in_begin = 0;
+    }
+    if (c.fd >= 0) count_input(c, c.in.size() - c.in_begin, completed);
+  }
+
+  // Records that `c` holds `unfinished` bytes of a frame not yet whole, in
+  // the input total and for the deadline; a frame that `completed` in the
+  // same read restarts the deadline for the next one.
+  void count_input(ConnectionImpl& c, std::size_t unfinished, bool completed) {
+    input_total_ = input_total_ - c.counted_input + unfinished;
+    c.counted_input = unfinished;
+    const bool restart = unfinished == 0 || completed;
+    if (c.frame_started && restart) {
+      deadlines_.erase({*c.frame_started, c.id});
+      c.frame_started.reset();
+    }
+    if (unfinished != 0 && !c.frame_started) {
+      c.frame_started = Clock::now();
+      deadlines_.insert({*c.frame_started, c.id});
+    }
+  }
+
+  // Ends the connections whose frame has taken longer than the deadline.
+  void expire_frames() {
+    const auto now = Clock::now();
+    while (!deadlines_.empty() && deadlines_.begin()->first + limits_.frame_deadline <= now) {
+      const std::uint64_t id = deadlines_.begin()->second;
+      deadlines_.erase(deadlines_.begin());
+      auto it = registry_.find(id);
+      std::shared_ptr<ConnectionImpl> c = it != registry_.end() ? it->second.lock() : nullptr;
+      if (c) {
+        c->frame_started.reset();
+        fail(*c, "a frame took longer than " + std::to_string(limits_.frame_deadline.count()) +
+                     " ms to arrive");
+      }
+      bury(std::move(c));
     }
   }
 
@@ -514,10 +567,23 @@ class Facility {
       if (fd < 0) {
         if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO) continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+        // Out of descriptors: the one in reserve makes room to accept the
+        // waiting client and close it, so that the listener moves on.
+        if ((errno == EMFILE || errno == ENFILE) && reserve_fd_ >= 0) {
+          close(reserve_fd_);
+          const int turned_away = accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC);
+          if (turned_away >= 0) close(turned_away);
+          reserve_fd_ = eventfd(0, EFD_CLOEXEC);
+          continue;
+        }
         listener.accept_paused = true;
         accept_retry_at_ = Clock::now() + kAcceptPause;
         update_interest(listener);
         return;
+      }
+      if (clients_ >= limits_.max_connections) {
+        close(fd);
+        continue;
       }
       auto connection = add_connection(false, fd, audit_token_of_peer(fd));
       push(listener.self(), Event::connection(std::move(connection)));
@@ -566,10 +632,16 @@ class Facility {
     [[maybe_unused]] const auto n = read(wake_fd_, &count, sizeof count);
   }
 
+  // Until the next timed thing: a paused listener's retry, or the first
+  // frame deadline. -1: none.
   int wait_timeout_ms() const {
-    if (!accept_retry_at_) return -1;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(*accept_retry_at_ - Clock::now());
+    std::optional<Clock::time_point> next = accept_retry_at_;
+    if (!deadlines_.empty()) {
+      const Clock::time_point due = deadlines_.begin()->first + limits_.frame_deadline;
+      if (!next || due < *next) next = due;
+    }
+    if (!next) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
     return static_cast<int>(std::max<std::int64_t>(0, left.count()));
   }
 
@@ -662,6 +734,7 @@ class Facility {
       if (timeout >= 0) {
         Locked lock(*this);
         resume_accepting();
+        expire_frames();
       }
       if (n < 0 && errno != EINTR) {
         // Only a broken epoll set gets here; do not spin on it.
@@ -690,6 +763,12 @@ class Facility {
   int transactions_ = 0;
   bool termination_requested_ = false;
   std::set<int> claimed_;
+  Limits limits_;
+  std::size_t clients_ = 0;      // client connections with an open socket
+  std::size_t input_total_ = 0;  // bytes of unfinished frames, all connections
+  // Unfinished frames by the time they began to arrive.
+  std::set<std::pair<Clock::time_point, std::uint64_t>> deadlines_;
+  int reserve_fd_ = eventfd(0, EFD_CLOEXEC);
   std::vector<std::uint8_t> read_buffer_;  // used by the queue thread only
   std::vector<std::shared_ptr<const void>> graveyard_;
 };
@@ -924,6 +1003,12 @@ const AuditToken& Connection::audit_token() const { return impl(this).token; }
 // Process-wide settings
 
 void set_proc_directory(int fd) { proc_directory() = fd; }
+
+void set_limits(const Limits& limits) {
+  Facility& facility = Facility::instance();
+  Locked lock(facility);
+  facility.set_limits(limits);
+}
 
 void set_socket_access(unsigned mode, gid_t group) {
   socket_access() = SocketAccess{static_cast<mode_t>(mode & 0777), group};

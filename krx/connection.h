@@ -25,6 +25,8 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -69,6 +71,28 @@ struct AuditToken {
 // it before the listener accepts; until then (and with -1) no executable is
 // taken.
 void set_proc_directory(int fd);
+
+// What any client may cost the process, so that no number of them, idle,
+// slow or flooding, keeps a well-behaved client from being served:
+//   max_connections  clients connected at once; one past it is accepted and
+//                    closed at once. A descriptor is kept in reserve, so that
+//                    even a process out of descriptors accepts and closes
+//                    instead of leaving the listener stalled.
+//   input_budget     bytes of unfinished frames buffered across all
+//                    connections. A connection whose unfinished frame would
+//                    take the total past it fails (connection-invalid) once
+//                    that frame is over small_frame bytes: small frames, what
+//                    requests are, are always taken.
+//   frame_deadline   time a frame may take to arrive once its first byte is
+//                    in; a connection over it fails.
+struct Limits {
+  std::size_t max_connections = 512;
+  std::size_t input_budget = std::size_t{64} << 20;
+  std::size_t small_frame = std::size_t{64} << 10;
+  std::chrono::milliseconds frame_deadline{10'000};
+};
+// Replaces the limits (for connections made and frames begun from now on).
+void set_limits(const Limits& limits);
 
 // The mode and group a listener's socket file is bound with: 0666 and the
 // process's own group unless set (group -1 keeps it). Set it before

@@ -525,6 +525,94 @@ TEST_F(KrxConnectionTest, PeerThatDoesNotReadIsCutOff) {
   }
 }
 
+// What any client may cost, made small here; the defaults come back after.
+class KrxLimitsTest : public KrxConnectionTest {
+ protected:
+  void SetUp() override {
+    KrxConnectionTest::SetUp();
+    limits_.max_connections = 3;
+    limits_.input_budget = std::size_t{1} << 20;
+    limits_.frame_deadline = std::chrono::milliseconds(300);
+    set_limits(limits_);
+    ASSERT_NE(server_->listen(name_), nullptr);
+  }
+  void TearDown() override {
+    KrxConnectionTest::TearDown();
+    set_limits(Limits{});
+  }
+
+  // The header of a frame of `length` value bytes and `sent` of them.
+  static std::vector<std::uint8_t> unfinished(std::uint32_t length, std::size_t sent) {
+    std::vector<std::uint8_t> bytes = {'K', 'R', 'X', '1'};
+    for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
+    bytes.resize(bytes.size() + sent, 0x07);
+    return bytes;
+  }
+
+  // Whether `client` is still answered.
+  void expect_served(Client& client) {
+    ASSERT_TRUE(client.send(make_dictionary("Ping", true)));
+    EXPECT_EQ(expect_message(client), make_dictionary("Reply", make_dictionary("Ping", true)));
+  }
+
+  Limits limits_;
+};
+
+TEST_F(KrxLimitsTest, OnePastTheConnectionCapIsClosedAtOnce) {
+  Client first = connect();
+  Client second = connect();
+  Client third = connect();
+  ASSERT_TRUE(server_->wait_count("listener", 3));
+  Client fourth = connect();
+  EXPECT_TRUE(std::holds_alternative<Client::Closed>(fourth.receive(kPatience)));
+  expect_served(first);
+  // A place freed is a place taken.
+  { const Client gone = std::move(third); }
+  ASSERT_TRUE(server_->wait([](const std::vector<Record>& r) {
+    return std::any_of(r.begin(), r.end(), [](const Record& x) {
+      return x.who == "conn2" && x.error == ErrorKind::ConnectionInvalid;
+    });
+  }));
+  Client again = connect();
+  ASSERT_TRUE(server_->wait_count("listener", 4));
+  expect_served(again);
+}
+
+TEST_F(KrxLimitsTest, UnfinishedFramesShareOneBudgetAndSmallFramesAlwaysPass) {
+  Client hog = connect();
+  Client greedy = connect();
+  Client modest = connect();
+  const auto big = unfinished(8u << 20, 900u << 10);
+  ASSERT_TRUE(hog.send_raw(big.data(), big.size()));
+  ASSERT_TRUE(server_->wait_count("listener", 3));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // Past the budget with a frame over the small size: that one fails...
+  const auto more = unfinished(8u << 20, 200u << 10);
+  ASSERT_TRUE(greedy.send_raw(more.data(), more.size()));
+  EXPECT_TRUE(server_->wait([](const std::vector<Record>& r) {
+    return std::any_of(r.begin(), r.end(), [](const Record& x) {
+      return x.error == ErrorKind::ConnectionInvalid &&
+             x.description.find("unfinished frames of all connections") != std::string::npos;
+    });
+  }));
+  // ... a request still gets through.
+  expect_served(modest);
+}
+
+TEST_F(KrxLimitsTest, AFrameThatTakesTooLongEndsItsConnection) {
+  Client slow = connect();
+  Client quick = connect();
+  const auto start = unfinished(64, 3);
+  ASSERT_TRUE(slow.send_raw(start.data(), start.size()));
+  EXPECT_TRUE(std::holds_alternative<Client::Closed>(slow.receive(kPatience)));
+  EXPECT_TRUE(server_->wait([](const std::vector<Record>& r) {
+    return std::any_of(r.begin(), r.end(), [](const Record& x) {
+      return x.description.find("a frame took longer than 300 ms to arrive") != std::string::npos;
+    });
+  }));
+  expect_served(quick);
+}
+
 TEST_F(KrxConnectionTest, ConnectionOverAnExistingSocket) {
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);

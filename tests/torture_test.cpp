@@ -9,6 +9,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -93,6 +95,8 @@ std::size_t open_descriptors(pid_t pid) {
     ++n;
   return n;
 }
+
+constexpr const char* kWorkContainer = "/private/var/VTLWorkContainer";
 
 // A request that changes nothing and answers true: the well-behaved
 // client's probe.
@@ -275,6 +279,53 @@ TEST(WireFuzz, TheHelperKeepsServingAWellBehavedClientAndStaysFlat) {
             << " frames that end the helper by design left out); RSS " << rss_before
             << " kB before, " << rss_after << " kB after, peak "
             << status_kib(device.pid(), "VmHWM") << " kB\n";
+  EXPECT_EQ(device.terminate(), 0);
+}
+
+// --- Load ----------------------------------------------------------------------
+
+TEST(Load, AWellBehavedClientIsServedBesideTwoHundredOthersAndSigtermStillEndsIt) {
+  Device device;
+  for (int i = 0; i < 200; ++i) {
+    testsupport::write_file(device.path("/private/var/mobile/Media/f" + std::to_string(i)), "x");
+  }
+  fs::create_directories(device.path(kWorkContainer));
+  device.start();
+  // 150 that connect and say nothing, 25 that send a frame a byte at a
+  // time, and 25 that ask for a whole-data-area manifest (progress streams)
+  // and never read.
+  std::vector<krx::Client> idle;
+  std::vector<krx::Client> slow;
+  std::vector<krx::Client> deaf;
+  for (int i = 0; i < 150; ++i) idle.push_back(device.connect());
+  for (int i = 0; i < 25; ++i) slow.push_back(device.connect());
+  const krx::Value whole = dict({{"createDeviceManifest:", dict({{"Path", "/private/var/"}})}});
+  for (int i = 0; i < 25; ++i) {
+    deaf.push_back(device.connect());
+    ASSERT_TRUE(deaf.back().send(whole));
+  }
+  const std::vector<std::uint8_t> frame = krx::encode_frame(kHarmless);
+  std::atomic<bool> stop{false};
+  std::thread trickle([&] {
+    for (std::size_t at = 0; !stop && at < frame.size(); ++at) {
+      for (krx::Client& c : slow) static_cast<void>(c.send_raw(&frame[at], 1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+
+  krx::Client good = device.connect();
+  std::vector<double> latencies;
+  const auto until = Clock::now() + budget();
+  while (Clock::now() < until) {
+    const auto sent = Clock::now();
+    ASSERT_EQ(request(good, kHarmless, 1, std::chrono::seconds(10)), std::vector{kTrue});
+    latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
+  }
+  stop = true;
+  trickle.join();
+  std::sort(latencies.begin(), latencies.end());
+  std::cout << latencies.size() << " requests beside 200 connections: median "
+            << latencies[latencies.size() / 2] << " ms, slowest " << latencies.back() << " ms\n";
   EXPECT_EQ(device.terminate(), 0);
 }
 

@@ -8,9 +8,11 @@
 //                               the same, with its system log sent to syslog
 //                               inside the device (DIR/dev/log)
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -111,10 +113,22 @@ void close_inherited_descriptors() {
   static_cast<void>(::close_range(first, ~0U, 0));
 }
 
+// Each client connection holds two descriptors (its socket and a pidfd):
+// room for the facility's cap on connections and more, within what the
+// system allows.
+void raise_descriptor_limit() {
+  constexpr rlim_t kWanted = 4096;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
+  limit.rlim_cur = std::min(kWanted, limit.rlim_max);
+  static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   close_inherited_descriptors();
+  raise_descriptor_limit();
   std::string root;
   bool syslog_on_device = false;
   bool host_disks = false;
