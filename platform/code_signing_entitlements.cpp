@@ -116,9 +116,10 @@ std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
         !only_root_writes(st)) {
-      notes->push_back(dir + "/" + name +
-                       " is ignored: it is not a regular file owned by root that only root may "
-                       "write");
+      std::string note = dir;
+      note.append("/").append(name).append(
+          " is ignored: it is not a regular file owned by root that only root may write");
+      notes->push_back(std::move(note));
       continue;
     }
     if (static_cast<std::size_t>(st.st_size) > kMaxEntitlementsFile) continue;

@@ -222,7 +222,8 @@ TEST_F(HelperTest, AProcessThatExecsAnEntitledProgramAfterConnectingIsNotServed)
   const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", quiet_socket.c_str());
+  static_cast<void>(
+      std::snprintf(address.sun_path, sizeof address.sun_path, "%s", quiet_socket.c_str()));
   ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::listen(listener, 4), 0);
   const std::string trick = "/private/var/exec-trick";

@@ -209,11 +209,12 @@ TEST(PlistRead, ForeignXml) {
       "<key>Ratio</key><real>0.5</real><key>List</key><array><string>a</string><array/></array>"
       "</dict>"));
   ASSERT_TRUE(v.has_value());
-  EXPECT_EQ(description(*v),
-            "{ Blob = {length = 4, bytes = 0x000102ff}; Count = -5; Entitlements = { "
-            "com.tessal.private.vantrel.vantreld = 1; }; Executable = \"/usr/bin/vtldctl\"; List = ( "
-            "a, ( ) ); Max = 9223372036854775807; Ratio = 0.5; When = \"2026-11-16 06:32:26 "
-            "+0000\"; }");
+  EXPECT_EQ(
+      description(*v),
+      "{ Blob = {length = 4, bytes = 0x000102ff}; Count = -5; Entitlements = { "
+      "com.tessal.private.vantrel.vantreld = 1; }; Executable = \"/usr/bin/vtldctl\"; List = ( "
+      "a, ( ) ); Max = 9223372036854775807; Ratio = 0.5; When = \"2026-11-16 06:32:26 "
+      "+0000\"; }");
 }
 
 TEST(PlistRead, ForeignDatesAcrossTheWholeDateRange) {

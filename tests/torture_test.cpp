@@ -297,6 +297,9 @@ TEST(Load, AWellBehavedClientIsServedBesideTwoHundredOthersAndSigtermStillEndsIt
   std::vector<krx::Client> idle;
   std::vector<krx::Client> slow;
   std::vector<krx::Client> deaf;
+  idle.reserve(150);
+  slow.reserve(25);
+  deaf.reserve(25);
   for (int i = 0; i < 150; ++i) idle.push_back(device.connect());
   for (int i = 0; i < 25; ++i) slow.push_back(device.connect());
   const krx::Value whole = dict({{"createDeviceManifest:", dict({{"Path", "/private/var/"}})}});

@@ -33,11 +33,13 @@ void drop_privileges() {
     static_cast<void>(::prctl(PR_CAPBSET_DROP, cap, 0, 0, 0));
   }
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  // Version 3 takes the 64 capability bits as two 32-bit words, low first.
+  const std::array<std::uint32_t, 2> words = {static_cast<std::uint32_t>(kept),
+                                              static_cast<std::uint32_t>(kept >> 32)};
   std::array<__user_cap_data_struct, 2> data{};
   for (std::size_t i = 0; i < data.size(); ++i) {
-    const auto word = static_cast<std::uint32_t>(kept >> (32 * i));
-    data[i].effective = word;
-    data[i].permitted = word;
+    data[i].effective = words[i];
+    data[i].permitted = words[i];
     data[i].inheritable = 0;
   }
   static_cast<void>(::syscall(SYS_capset, &header, data.data()));
