@@ -104,11 +104,7 @@ TEST(Confinement, EachRegionRefusesWhatLiesOutsideItAndSaysWhy) {
   ::close(fd);
 }
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 // Every item of the device with everything recorded of it (owner, mode,
 // dates, link count, content digest), but the helper's own log folder.

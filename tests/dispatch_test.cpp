@@ -20,11 +20,7 @@ namespace {
 using testsupport::TempDir;
 using vtl::VTLHMessageResponder;
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 class DispatchTest : public ::testing::Test {
  protected:

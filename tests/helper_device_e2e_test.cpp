@@ -25,11 +25,7 @@ using namespace std::chrono_literals;
 using testsupport::Device;
 using testsupport::request;
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 const krx::Value kTrue = dict({{"Response", true}});
 const krx::Value kFalse = dict({{"Response", false}});

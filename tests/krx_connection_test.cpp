@@ -26,6 +26,7 @@
 #include "krx/client.h"
 #include "krx/codec.h"
 #include "krx/connection.h"
+#include "tests/support/daemon.h"
 
 namespace krx {
 namespace {
@@ -376,19 +377,7 @@ TEST_F(KrxConnectionTest, DescriptorsSentAlongAreClosedUnused) {
   ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
 
   const auto frame = encode_frame(make_dictionary("Descriptor", Fd{0}));
-  iovec iov{const_cast<std::uint8_t*>(frame.data()), frame.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
-  cmsghdr* c = CMSG_FIRSTHDR(&msg);
-  c->cmsg_level = SOL_SOCKET;
-  c->cmsg_type = SCM_RIGHTS;
-  c->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(c), &pipe_fds[1], sizeof(int));
-  ASSERT_EQ(sendmsg(client.fd(), &msg, MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+  ASSERT_TRUE(testsupport::send_with_descriptor(client.fd(), frame, pipe_fds[1]));
   close(pipe_fds[1]);
 
   // The message itself is delivered ...

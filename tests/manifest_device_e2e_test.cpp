@@ -38,11 +38,7 @@ using vtl::Value;
 constexpr const char* kManifestFile = "/private/var/VTLWorkContainer/DeviceManifest.plist";
 constexpr const char* kProtectionName = "trusted.com.tessal.protection-class";
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 const krx::Value kTrue = dict({{"Response", true}});
 const krx::Value kFalse = dict({{"Response", false}});

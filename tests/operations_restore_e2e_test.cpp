@@ -27,11 +27,7 @@ using testsupport::request;
 using vtl::Dictionary;
 using vtl::Value;
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 const krx::Value kTrue = dict({{"Response", true}});
 const krx::Value kFalse = dict({{"Response", false}});
@@ -39,15 +35,7 @@ const krx::Value kFalse = dict({{"Response", false}});
 constexpr const char* kStaging = "/private/var/mobile/Staging";
 constexpr const char* kManifest = "/private/var/mobile/content.signedmanifest";
 
-vtl::ManifestSigner device_signer(const Device& device) {
-  const std::string keep = device.path(std::string(platform::sim::kTestSignerDirectory)) + "/";
-  std::string error;
-  std::optional<vtl::ManifestSigner> signer = vtl::ManifestSigner::load(
-      keep + std::string(platform::sim::kTestSignerKeyFile),
-      {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
-  if (!signer) throw std::runtime_error(error);
-  return *signer;
-}
+using testsupport::device_signer;
 
 // Lays out a tree of `files` files in `dirs` directories with varied owners,
 // modes, extended attributes and protection classes.

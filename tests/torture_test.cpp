@@ -40,11 +40,7 @@ using Clock = std::chrono::steady_clock;
 using testsupport::Device;
 using testsupport::request;
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 const krx::Value kTrue = dict({{"Response", true}});
 
@@ -202,26 +198,6 @@ bool ends_the_helper(const std::vector<std::uint8_t>& bytes) {
   return false;
 }
 
-// Sends `bytes` with one descriptor attached, as a client may.
-bool send_with_descriptor(int socket, const std::vector<std::uint8_t>& bytes) {
-  const int passed = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  iovec iov{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
-  cmsghdr* c = CMSG_FIRSTHDR(&msg);
-  c->cmsg_level = SOL_SOCKET;
-  c->cmsg_type = SCM_RIGHTS;
-  c->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(c), &passed, sizeof passed);
-  const bool sent = ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-  ::close(passed);
-  return sent;
-}
-
 TEST(WireFuzz, TheHelperKeepsServingAWellBehavedClientAndStaysFlat) {
   Device device;
   device.start();
@@ -239,7 +215,9 @@ TEST(WireFuzz, TheHelperKeepsServingAWellBehavedClientAndStaysFlat) {
     }
     krx::Client fuzz = device.connect();
     if (kind == FrameMaker::Kind::kWithDescriptor) {
-      static_cast<void>(send_with_descriptor(fuzz.fd(), bytes));
+      const int passed = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+      static_cast<void>(testsupport::send_with_descriptor(fuzz.fd(), bytes, passed));
+      ::close(passed);
     } else {
       static_cast<void>(fuzz.send_raw(bytes.data(), bytes.size()));
     }
@@ -377,15 +355,7 @@ constexpr const char* kStaging = "/private/var/mobile/Staging";
 constexpr const char* kBackup = "/private/var/backup";
 constexpr const char* kSignedManifest = "/private/var/mobile/content.signedmanifest";
 
-vtl::ManifestSigner device_signer(const Device& device) {
-  const std::string keep = device.path(std::string(platform::sim::kTestSignerDirectory)) + "/";
-  std::string error;
-  std::optional<vtl::ManifestSigner> signer = vtl::ManifestSigner::load(
-      keep + std::string(platform::sim::kTestSignerKeyFile),
-      {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
-  if (!signer) throw std::runtime_error(error);
-  return *signer;
-}
+using testsupport::device_signer;
 
 std::vector<CrashPoint> crash_points() {
   return {

@@ -25,11 +25,7 @@ namespace {
 
 using testsupport::write_file;
 
-krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
-  krx::Dictionary d;
-  for (const auto& e : entries) d.emplace_back(e.first, e.second);
-  return krx::Value(std::move(d));
-}
+using testsupport::dict;
 
 TEST(VtldctlManifestCommands, RowsBuildTheHelpersRequests) {
   const vtldctl::Command* manifest = vtldctl::find_command("create-device-manifest");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -237,6 +238,28 @@ krx::Client Device::connect() const {
   std::optional<krx::Client> client = krx::Client::connect_path(socket_path(), &error);
   if (!client) throw std::runtime_error("cannot connect: " + error);
   return std::move(*client);
+}
+
+krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries) {
+  krx::Dictionary d;
+  for (const auto& e : entries) d.emplace_back(e.first, e.second);
+  return krx::Value(std::move(d));
+}
+
+bool send_with_descriptor(int socket, std::span<const std::uint8_t> bytes, int passed) {
+  iovec iov{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(c), &passed, sizeof passed);
+  return ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 std::vector<krx::Value> request(krx::Client& client, const krx::Value& message, int responses,

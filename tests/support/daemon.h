@@ -5,9 +5,12 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <initializer_list>
 #include <optional>
 #include <ostream>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "krx/client.h"
@@ -79,6 +82,13 @@ class Device {
   std::string stderr_path_;
   pid_t pid_ = -1;
 };
+
+// A KRX dictionary of `entries`, in the order given: requests and replies.
+krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries);
+
+// Sends `bytes` on the connected `socket` with the descriptor `passed`
+// attached, as a client may; whether all of them went.
+bool send_with_descriptor(int socket, std::span<const std::uint8_t> bytes, int passed);
 
 // Sends one request and collects messages until `responses` "Response"
 // messages arrived or nothing came for `idle`. Returns everything received.

@@ -12,6 +12,7 @@
 #include "manifest/attribute_keys.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
+#include "platform/sim/test_signer.h"
 #include "service/plist.h"
 
 namespace testsupport {
@@ -92,6 +93,16 @@ vtl::Dictionary raw_manifest(vtl::Dictionary backup, std::int64_t version) {
 }
 
 vtl::Data binary_plist(const vtl::Value& value) { return vtl::plist_to_binary(value); }
+
+vtl::ManifestSigner device_signer(const Device& device) {
+  const std::string keep = device.path(std::string(platform::sim::kTestSignerDirectory)) + "/";
+  std::string error;
+  std::optional<vtl::ManifestSigner> signer = vtl::ManifestSigner::load(
+      keep + std::string(platform::sim::kTestSignerKeyFile),
+      {keep + std::string(platform::sim::kTestSignerCertificateFile)}, &error);
+  if (!signer) throw std::runtime_error(error);
+  return *signer;
+}
 
 void write_signed_manifest(const std::string& path, const vtl::ManifestSigner& signer,
                            const vtl::Dictionary& raw) {

@@ -14,6 +14,7 @@
 #include "platform/device_properties.h"
 #include "service/value.h"
 #include "tests/support/capture.h"
+#include "tests/support/daemon.h"
 
 namespace testsupport {
 
@@ -40,6 +41,10 @@ void write_fuse(const std::string& root, Fuse fuse);
 vtl::Dictionary raw_manifest(vtl::Dictionary backup = {}, std::int64_t version = 3);
 // Serialized forms.
 vtl::Data binary_plist(const vtl::Value& value);
+
+// The signer a simulated device made for itself (its test signer), whose
+// manifests that device's helper accepts.
+vtl::ManifestSigner device_signer(const Device& device);
 
 // Signs `raw` with `signer` and writes the envelope, as a binary property
 // list, to `path`.
