@@ -3,7 +3,9 @@
 // queue, failures that end one connection and leave the rest serving.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -574,7 +576,14 @@ TEST_F(KrxLimitsTest, UnfinishedFramesShareOneBudgetAndSmallFramesAlwaysPass) {
   const auto big = unfinished(8u << 20, 900u << 10);
   ASSERT_TRUE(hog.send_raw(big.data(), big.size()));
   ASSERT_TRUE(server_->wait_count("listener", 3));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // Until the server has read all of it: nothing left in the hog's socket.
+  const auto until = std::chrono::steady_clock::now() + kPatience;
+  int unread = 1;
+  while ((::ioctl(hog.fd(), SIOCOUTQ, &unread) != 0 || unread != 0) &&
+         std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_EQ(unread, 0);
   // Past the budget with a frame over the small size: that one fails...
   const auto more = unfinished(8u << 20, 200u << 10);
   ASSERT_TRUE(greedy.send_raw(more.data(), more.size()));
