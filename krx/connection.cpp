@@ -215,6 +215,10 @@ class ConnectionImpl final : public Connection {
   // when that frame began to arrive (for the deadline; nullopt: none).
   std::size_t counted_input = 0;
   std::optional<Clock::time_point> frame_started;
+  // When bytes last came, and whether a whole frame ever did: who makes room
+  // when the connections are at their cap.
+  Clock::time_point last_heard = Clock::now();
+  bool spoke = false;
 };
 
 // The facility: the registry of connections, the one epoll set, the serial
@@ -521,9 +525,18 @@ class Facility {
       push(c.self(), Event::message(std::move(decoded.value)));
     }
     if (c.fd >= 0 && c.in_begin == c.in.size()) {
-      c.in.clear();
+      // Give back what a large frame needed; keep a small buffer for reuse.
+      // Kept, it would stay charged to no budget for as long as the
+      // connection lasts.
+      if (c.in.capacity() > limits_.small_frame) {
+        std::vector<std::uint8_t>().swap(c.in);
+      } else {
+        c.in.clear();
+      }
       c.in_begin = 0;
     }
+    c.last_heard = Clock::now();
+    c.spoke = c.spoke || completed;
     if (c.fd >= 0) count_input(c, c.in.size() - c.in_begin, completed);
   }
 
@@ -542,6 +555,33 @@ class Facility {
       c.frame_started = Clock::now();
       deadlines_.insert({*c.frame_started, c.id});
     }
+  }
+
+  // At the cap a newcomer still gets in, so that connections left idle can
+  // never lock a client out: the client connection quiet the longest is
+  // ended, one that never sent a whole frame before any that did. False
+  // when there is none to end.
+  bool make_room() {
+    std::shared_ptr<ConnectionImpl> victim;
+    for (auto& [id, weak] : registry_) {
+      std::shared_ptr<ConnectionImpl> c = weak.lock();
+      if (!c || c->listener || c->fd < 0 || c->failed || c->cancelled) {
+        bury(std::move(c));
+        continue;
+      }
+      if (!victim ||
+          std::pair(c->spoke, c->last_heard) < std::pair(victim->spoke, victim->last_heard)) {
+        bury(std::move(victim));
+        victim = std::move(c);
+      } else {
+        bury(std::move(c));
+      }
+    }
+    if (!victim) return false;
+    fail(*victim, "ended to make room for a new connection (" +
+                      std::to_string(limits_.max_connections) + " at most)");
+    bury(std::move(victim));
+    return true;
   }
 
   // Ends the connections whose frame has taken longer than the deadline.
@@ -581,7 +621,7 @@ class Facility {
         update_interest(listener);
         return;
       }
-      if (clients_ >= limits_.max_connections) {
+      if (clients_ >= limits_.max_connections && !make_room()) {
         close(fd);
         continue;
       }

@@ -74,15 +74,19 @@ void set_proc_directory(int fd);
 
 // What any client may cost the process, so that no number of them, idle,
 // slow or flooding, keeps a well-behaved client from being served:
-//   max_connections  clients connected at once; one past it is accepted and
-//                    closed at once. A descriptor is kept in reserve, so that
-//                    even a process out of descriptors accepts and closes
-//                    instead of leaving the listener stalled.
+//   max_connections  clients connected at once. A newcomer at the cap still
+//                    gets in: the connection quiet the longest is ended to
+//                    make room, one that never sent a whole frame before any
+//                    that did, so idle connections cannot lock a client out.
+//                    A descriptor is kept in reserve, so that even a process
+//                    out of descriptors accepts and closes instead of leaving
+//                    the listener stalled.
 //   input_budget     bytes of unfinished frames buffered across all
 //                    connections. A connection whose unfinished frame would
 //                    take the total past it fails (connection-invalid) once
 //                    that frame is over small_frame bytes: small frames, what
-//                    requests are, are always taken.
+//                    requests are, are always taken. A buffer a large frame
+//                    needed is given back once the frame is whole.
 //   frame_deadline   time a frame may take to arrive once its first byte is
 //                    in; a connection over it fails.
 struct Limits {

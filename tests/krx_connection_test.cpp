@@ -549,24 +549,25 @@ class KrxLimitsTest : public KrxConnectionTest {
   Limits limits_;
 };
 
-TEST_F(KrxLimitsTest, OnePastTheConnectionCapIsClosedAtOnce) {
-  Client first = connect();
-  Client second = connect();
-  Client third = connect();
+TEST_F(KrxLimitsTest, AtTheCapTheQuietestConnectionMakesRoom) {
+  Client talker = connect();
+  ASSERT_TRUE(server_->wait_count("listener", 1));
+  expect_served(talker);
+  Client silent = connect();
+  Client later = connect();
   ASSERT_TRUE(server_->wait_count("listener", 3));
-  Client fourth = connect();
-  EXPECT_TRUE(std::holds_alternative<Client::Closed>(fourth.receive(kPatience)));
-  expect_served(first);
-  // A place freed is a place taken.
-  { const Client gone = std::move(third); }
-  ASSERT_TRUE(server_->wait([](const std::vector<Record>& r) {
+  // At the cap a newcomer still gets in: the connection that never sent a
+  // frame and was heard from least recently goes, the talker stays.
+  Client newcomer = connect();
+  ASSERT_TRUE(server_->wait_count("listener", 4));
+  expect_served(newcomer);
+  EXPECT_TRUE(std::holds_alternative<Client::Closed>(silent.receive(kPatience)));
+  expect_served(talker);
+  EXPECT_TRUE(server_->wait([](const std::vector<Record>& r) {
     return std::any_of(r.begin(), r.end(), [](const Record& x) {
-      return x.who == "conn2" && x.error == ErrorKind::ConnectionInvalid;
+      return x.who == "conn1" && x.description.find("to make room") != std::string::npos;
     });
   }));
-  Client again = connect();
-  ASSERT_TRUE(server_->wait_count("listener", 4));
-  expect_served(again);
 }
 
 TEST_F(KrxLimitsTest, UnfinishedFramesShareOneBudgetAndSmallFramesAlwaysPass) {
