@@ -88,13 +88,17 @@ int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::
   return ::fchownat(dir, name, *uid, *gid, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
+std::string data_area_path(std::string path) {
+  if (path == "/var" || path.starts_with("/var/")) path.insert(0, "/private");
+  return path;
+}
+
 int open_directory_plain(const std::string& path) {
   if (!path.starts_with('/')) {
     errno = EINVAL;
     return -1;
   }
-  const bool alias = path == "/var" || path.starts_with("/var/");
-  const std::string plain = alias ? "/private" + path : path;
+  const std::string plain = data_area_path(path);
   int dir = ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
   std::string component;
   for (std::size_t start = 1; dir >= 0 && start < plain.size();) {

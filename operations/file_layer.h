@@ -46,6 +46,9 @@ int set_owner_by_name(const std::string& path, std::string_view user, std::strin
 int remove_tree(const std::string& path);
 // Renames `from` to `to`, failing with EEXIST rather than replacing `to`.
 int move_no_replace(const std::string& from, const std::string& to);
+// `path` with the data area's other name read as its own: the device's
+// "/var" is a link to "private/var", so "/var/x" is "/private/var/x".
+std::string data_area_path(std::string path);
 // The directory at the absolute `path`, opened (O_PATH) without passing a
 // symbolic link anywhere on the way: for folders a client owns, where a link
 // put in place of a folder would send root's action wherever it points. The

@@ -6,6 +6,9 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
+
+#include "operations/file_layer.h"
 
 namespace vtl::confinement {
 namespace {
@@ -111,8 +114,7 @@ std::optional<std::string> lexical_form(std::string_view path) {
     form += component;
   }
   if (form.empty()) return "/";
-  if (within(form, "/var")) form.insert(0, "/private");
-  return form;
+  return files::data_area_path(std::move(form));
 }
 
 std::optional<std::string> refusal(std::string_view path, Region region, int root) {
