@@ -59,6 +59,8 @@
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
+#include "base/VTLLogModel.h"
+#include "base/plist.h"
 #include "krx/value.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/VTLManifest.h"
@@ -68,8 +70,6 @@
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 #include "platform/system_log.h"
-#include "service/VTLLogModel.h"
-#include "service/plist.h"
 #include "vtldctl/helper_process.h"
 #include "vtldctl/sim.h"
 

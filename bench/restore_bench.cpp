@@ -33,6 +33,8 @@
 
 #include <fmt/format.h>
 
+#include "base/VTLLogModel.h"
+#include "base/plist.h"
 #include "krx/value.h"
 #include "manifest/VTLManifest.h"
 #include "manifest/binary_plist_writer.h"
@@ -42,8 +44,6 @@
 #include "platform/protection_classes.h"
 #include "platform/sim/test_signer.h"
 #include "platform/system_log.h"
-#include "service/VTLLogModel.h"
-#include "service/plist.h"
 #include "vtldctl/helper_process.h"
 #include "vtldctl/sim.h"
 

@@ -9,10 +9,10 @@
 
 #include <plist/plist.h>
 
+#include "base/plist.h"
 #include "fuzz/plist_value_source.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_store.h"
-#include "service/plist.h"
 
 namespace {
 

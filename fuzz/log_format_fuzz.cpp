@@ -6,7 +6,7 @@
 #include <span>
 #include <string_view>
 
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1 || size > 4096) return 0;

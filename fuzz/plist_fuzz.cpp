@@ -12,8 +12,8 @@
 #include <type_traits>
 #include <variant>
 
-#include "service/description.h"
-#include "service/plist.h"
+#include "base/description.h"
+#include "base/plist.h"
 
 namespace {
 

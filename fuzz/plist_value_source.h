@@ -14,7 +14,7 @@
 #include <span>
 #include <string>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace plistfuzz {
 

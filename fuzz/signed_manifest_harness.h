@@ -21,12 +21,12 @@
 #include <string>
 #include <vector>
 
+#include "base/VTLLogModel.h"
 #include "manifest/VTLSignedManifest.h"
 #include "platform/certificate_services.h"
 #include "platform/device_properties.h"
 #include "platform/platform.h"
 #include "platform/system_log.h"
-#include "service/VTLLogModel.h"
 
 namespace vtl::fuzzing {
 

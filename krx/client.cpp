@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/errors.h"
 #include "krx/codec.h"
 #include "krx/socket_io.h"
 
@@ -61,13 +62,13 @@ std::optional<Client> Client::connect_path(const std::string& socket_path, std::
   }
   std::memcpy(addr.sun_path, socket_path.data(), socket_path.size());
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return failed(error_text(errno));
+  if (fd < 0) return failed(vtl::error_description(errno));
   Client client(std::make_unique<State>(fd));
   int rc = 0;
   do {
     rc = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
   } while (rc != 0 && errno == EINTR);
-  if (rc != 0) return failed(error_text(errno));
+  if (rc != 0) return failed(vtl::error_description(errno));
   return client;
 }
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "krx/utf8.h"
+#include "base/utf8.h"
 
 namespace krx {
 namespace {
@@ -56,7 +56,7 @@ class Encoder {
   }
   bool put_text(std::string_view s) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(s.data());
-    return is_text(p, s.size()) && put_bytes(p, s.size());
+    return vtl::is_text(p, s.size()) && put_bytes(p, s.size());
   }
 
   static bool keys_unique(const Dictionary& dict) {
@@ -273,7 +273,7 @@ class Decoder {
   bool text(std::string_view* s, std::string_view what, const std::string& at) {
     std::size_t n = 0;
     if (!length(&n, what, at)) return false;
-    if (!is_text(p_, n)) {
+    if (!vtl::is_text(p_, n)) {
       return fail(std::string(what) + " at offset " + at +
                   (std::memchr(p_, 0, n) != nullptr ? " holds a NUL" : " is not UTF-8"));
     }

@@ -29,6 +29,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/errors.h"
 #include "krx/codec.h"
 #include "krx/socket_io.h"
 
@@ -430,7 +431,7 @@ class Facility {
     }
     c.interest = rc == 0 ? want : 0;
     if (rc != 0 && want != 0 && !c.listener) {
-      fail(c, "cannot watch the connection: " + error_text(errno));
+      fail(c, "cannot watch the connection: " + vtl::error_description(errno));
     }
   }
 
@@ -460,7 +461,7 @@ class Facility {
       } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         break;
       } else {
-        fail(c, "cannot send: " + error_text(n < 0 ? errno : EPIPE));
+        fail(c, "cannot send: " + vtl::error_description(n < 0 ? errno : EPIPE));
         return -1;
       }
     }
@@ -491,7 +492,7 @@ class Facility {
     }
     if (n < 0) {
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-        fail(c, "cannot receive: " + error_text(errno));
+        fail(c, "cannot receive: " + vtl::error_description(errno));
       }
       return;
     }

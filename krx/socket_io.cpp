@@ -40,10 +40,4 @@ ssize_t receive_closing_descriptors(int fd, void* buffer, std::size_t size, int 
   return n;
 }
 
-std::string error_text(int error) {
-  char buffer[256];
-  // The GNU strerror_r returns the text, which may or may not be `buffer`.
-  return strerror_r(error, buffer, sizeof buffer);
-}
-
 }  // namespace krx

@@ -14,7 +14,4 @@ namespace krx {
 // value and errno as recv().
 ssize_t receive_closing_descriptors(int fd, void* buffer, std::size_t size, int flags);
 
-// strerror() text of `error`, thread-safe.
-std::string error_text(int error);
-
 }  // namespace krx

@@ -7,13 +7,13 @@
 #include <array>
 #include <cerrno>
 
+#include "base/VTLLog.h"
 #include "manifest/attribute_keys.h"
 #include "manifest/file_attributes.h"
 #include "manifest/record_builder.h"
 #include "platform/item_at.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 namespace {
@@ -255,14 +255,14 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
     if (int error = manifest::set_attributes(item, recorded, manifest::WithProtectionClass::kNo);
         error != 0) {
       VTLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path,
-             manifest::error_description(error), Value(fileAttributesAllowSet(recorded)));
+             error_description(error), Value(fileAttributesAllowSet(recorded)));
       return false;
     }
     const auto it = recorded.find(keys::kProtectionClass);
     const Value* recorded_class = it != recorded.end() ? &it->second : nullptr;
     if (int error = manifest::set_protection_class(item, recorded_class); error != 0) {
       VTLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path,
-             manifest::error_description(error), recorded_class);
+             error_description(error), recorded_class);
       return false;
     }
     result = true;

@@ -30,8 +30,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/value.h"
 #include "platform/item_at.h"
-#include "service/value.h"
 
 namespace vtl {
 

@@ -10,9 +10,9 @@
 #include <mutex>
 #include <thread>
 
+#include "base/VTLLog.h"
 #include "manifest/record_builder.h"
 #include "manifest/tree_walk.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 namespace {
@@ -50,7 +50,7 @@ std::string file_url(const std::string& path) {
 
 void log_enumeration_error(const char* routine, const manifest::WalkEvent& event) {
   VTLLog(kCannotEnumerate, routine, event.path, file_url(event.path),
-         manifest::error_description(event.error));
+         error_description(event.error));
 }
 
 // Every occurrence of `what` in `text` removed, left to right.

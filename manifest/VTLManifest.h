@@ -28,10 +28,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/value.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/manifest_store.h"
-#include "service/VTLProgressUpdater.h"
-#include "service/value.h"
+#include "manifest/progress_reporter.h"
 
 namespace vtl {
 
@@ -53,8 +53,8 @@ class VTLManifest {
   void setDict(const Dictionary& dictionary);
   const std::optional<std::string>& rootPath() const { return root_path_; }
   void setRootPath(std::optional<std::string> path) { root_path_ = std::move(path); }
-  VTLProgressUpdater* progressUpdater() const { return progress_; }
-  void setProgressUpdater(VTLProgressUpdater* updater) { progress_ = updater; }
+  ProgressReporter* progressUpdater() const { return progress_; }
+  void setProgressUpdater(ProgressReporter* updater) { progress_ = updater; }
 
   // The record under `path` when it is a dictionary, else nothing.
   std::optional<VTLFileMetadata> metadataForFile(std::string_view path) const;
@@ -130,7 +130,7 @@ class VTLManifest {
 
   manifest::ManifestStore store_;
   std::optional<std::string> root_path_;
-  VTLProgressUpdater* progress_ = nullptr;
+  ProgressReporter* progress_ = nullptr;
   std::function<void(const std::string&)> before_record_;
 };
 

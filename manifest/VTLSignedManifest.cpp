@@ -10,11 +10,12 @@
 #include <string_view>
 #include <vector>
 
+#include "base/VTLLog.h"
+#include "base/errors.h"
+#include "base/plist.h"
 #include "manifest/binary_plist_writer.h"
 #include "platform/device_properties.h"
 #include "platform/platform.h"
-#include "service/VTLLog.h"
-#include "service/plist.h"
 
 namespace vtl {
 namespace {
@@ -87,11 +88,6 @@ struct ReadError {
 // The code the platform gives a document that is not a property list.
 constexpr int kPropertyListReadCorruptError = 3840;
 constexpr const char* kNotPropertyList = "The data is not a property list of a supported form.";
-
-std::string errno_description(int error) {
-  char buffer[256];
-  return ::strerror_r(error, buffer, sizeof buffer);
-}
 
 // A property list of any supported encoding, read in place when it is
 // binary. Anything else is read, then written out in binary form into
@@ -186,7 +182,7 @@ std::unique_ptr<VTLSignedManifest> VTLSignedManifest::initWithNSStream(InputStre
   std::vector<std::uint8_t> converted_envelope;
   std::optional<bplist::Document> envelope_document;
   if (contents.error != 0) {
-    error = {errno_description(contents.error), contents.error};
+    error = {error_description(contents.error), contents.error};
   } else {
     envelope_document = parse_property_list(contents.bytes, &converted_envelope, &error);
   }

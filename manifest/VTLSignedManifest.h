@@ -49,10 +49,10 @@
 #include <span>
 #include <vector>
 
+#include "base/binary_plist_reader.h"
+#include "base/value.h"
 #include "manifest/input_stream.h"
 #include "platform/certificate_services.h"
-#include "service/binary_plist_reader.h"
-#include "service/value.h"
 
 namespace vtl {
 

@@ -32,7 +32,7 @@
 #include <string_view>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl::bplist {
 

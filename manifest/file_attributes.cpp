@@ -10,6 +10,7 @@
 
 #include <cerrno>
 
+#include "base/unique_fd.h"
 #include "manifest/attribute_keys.h"
 #include "platform/accounts.h"
 #include "platform/platform.h"
@@ -26,20 +27,6 @@ constexpr long kSysFchmodat2 = 452;
 Date date_of(const statx_timestamp& t) {
   return Date(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
 }
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Opens a regular file or directory for changing its inode flags or mode,
 // never through a link, never blocking, and only when it is still the item
@@ -67,7 +54,7 @@ int set_mode_no_follow(const platform::ItemAt& item, mode_t mode) {
   const std::string& path = item.path;
   struct stat seen {};
   if (::lstat(path.c_str(), &seen) != 0) return errno;
-  Fd fd(open_item(path, seen));
+  UniqueFd fd(open_item(path, seen));
   if (fd.get() < 0) return errno;
   return ::fchmod(fd.get(), mode) == 0 ? 0 : errno;
 }
@@ -75,7 +62,7 @@ int set_mode_no_follow(const platform::ItemAt& item, mode_t mode) {
 int set_immutable(const std::string& path, bool immutable) {
   struct stat seen {};
   if (::lstat(path.c_str(), &seen) != 0) return errno;
-  Fd fd(open_item(path, seen));
+  UniqueFd fd(open_item(path, seen));
   if (fd.get() < 0) return errno;
   int flags = 0;
   if (::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) return errno;

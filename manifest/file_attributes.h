@@ -30,9 +30,9 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/value.h"
 #include "manifest/record_codec.h"
 #include "platform/item_at.h"
-#include "service/value.h"
 
 namespace vtl::manifest {
 

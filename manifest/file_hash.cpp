@@ -1,4 +1,5 @@
 #include "manifest/file_hash.h"
+#include "base/unique_fd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -89,20 +90,6 @@ bool range_cached(int fd, std::uint64_t offset, std::uint64_t length, std::uint6
 constexpr std::uint64_t kResidencyLead = 32;
 constexpr std::size_t kResidencyRing = 64;  // > kResidencyLead, a power of two
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 }  // namespace
 
 FileHasher::FileHasher()
@@ -125,7 +112,7 @@ std::optional<Data> FileHasher::fileHash(const std::string& path, LogSink& log) 
 
 std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, LogSink& log,
                                      std::optional<std::uint64_t> known_size) {
-  Fd fd(descriptor);
+  UniqueFd fd(descriptor);
   last_was_cached_ = true;
   std::uint64_t size = 0;
   if (known_size) {

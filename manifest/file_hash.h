@@ -48,8 +48,8 @@
 #include <string>
 #include <vector>
 
+#include "base/value.h"
 #include "manifest/log_sink.h"
-#include "service/value.h"
 
 namespace vtl::manifest {
 

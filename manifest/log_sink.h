@@ -9,15 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
+#include "base/errors.h"
 
 namespace vtl::manifest {
-
-// The system's text for an errno value, e.g. "No such file or directory".
-inline std::string error_description(int error) {
-  char buffer[256];
-  return ::strerror_r(error, buffer, sizeof buffer);
-}
 
 class LogSink {
  public:

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

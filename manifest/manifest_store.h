@@ -15,9 +15,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/value.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/record_codec.h"
-#include "service/value.h"
 
 namespace vtl::manifest {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "krx/utf8.h"
+#include "base/utf8.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 
@@ -34,10 +34,6 @@ constexpr const char* kMaybeFernbox = "Maybe it's an Fernbox file (%@)?";
 // call into a buffer of this size answers nearly always, and the two-call
 // dance (size, then contents) is the fallback when it is too small.
 constexpr std::size_t kFirstTry = 4096;
-
-bool is_utf8(std::string_view s) {
-  return krx::is_text(reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
-}
 
 const platform::ProtectionClasses* protection_classes() {
   return platform::current().protection_classes;
@@ -91,7 +87,7 @@ bool list_names(const std::string& path, int fd, LogSink& log, bool* hidden_seen
       if (hidden_seen != nullptr) *hidden_seen = true;
       continue;
     }
-    if (name.empty() || !is_utf8(name)) continue;
+    if (name.empty() || !is_text(name)) continue;
     names.emplace_back(name);
   }
   return true;
@@ -292,7 +288,7 @@ std::optional<std::string> link_target(const std::string& path, LogSink& log) {
     }
     target.resize(target.size() * 2);
   }
-  if (!is_utf8(target)) {
+  if (!is_text(target)) {
     log.log(kNoLinkTarget, path, error_description(EILSEQ));
     return std::nullopt;
   }

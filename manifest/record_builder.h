@@ -12,11 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/value.h"
 #include "manifest/file_attributes.h"
 #include "manifest/file_hash.h"
 #include "manifest/log_sink.h"
 #include "manifest/record_codec.h"
-#include "service/value.h"
 
 namespace vtl::manifest {
 

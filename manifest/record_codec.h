@@ -37,7 +37,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl::manifest {
 

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "krx/utf8.h"
+#include "base/utf8.h"
 
 namespace vtl::manifest {
 namespace {
@@ -118,8 +118,7 @@ bool TreeWalk::next(WalkEvent& event) {
     Entry& entry = frame.entries[frame.index++];
     event.path = child_path(frame.path, entry.name);
     event.error = 0;
-    if (!krx::is_text(reinterpret_cast<const std::uint8_t*>(entry.name.data()),
-                      entry.name.size())) {
+    if (!is_text(entry.name)) {
       event.kind = WalkEvent::Kind::kError;
       event.error = EILSEQ;
       return true;

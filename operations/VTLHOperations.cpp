@@ -8,8 +8,10 @@
 #include <memory>
 #include <string_view>
 
+#include "base/VTLLog.h"
+#include "base/errors.h"
+#include "base/path.h"
 #include "operations/file_layer.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 namespace {
@@ -38,8 +40,8 @@ VTLHOperations& VTLHOperations::sharedInstance() {
 }
 
 bool VTLHOperations::migratePreferencesFile() {
-  const std::string source = files::join(kRootPreferences, kPreferencesFile);
-  const std::string destination = files::join(kMobilePreferences, kPreferencesFile);
+  const std::string source = join(kRootPreferences, kPreferencesFile);
+  const std::string destination = join(kMobilePreferences, kPreferencesFile);
   // Both folders are opened without passing a link and the file is moved
   // and re-owned through them: mobile owns its folder, and a link put there
   // would otherwise send root's move and chown wherever it points. Such a
@@ -81,17 +83,17 @@ bool VTLHOperations::prepareDirectory_writableByMobile(const std::string* path,
     }
     const auto mode = static_cast<mode_t>(((st->st_mode & 07777) | kMobileWritableBits) & 0xFFFF);
     if (int error = files::set_mode(directory, mode); error != 0) {
-      VTLLog("%s: Cannot set attribute for %@ - %@", directory, files::error_description(error));
+      VTLLog("%s: Cannot set attribute for %@ - %@", directory, error_description(error));
       return false;
     }
   }
   // A new staging always starts clean: whatever an unfinished one left goes.
-  const std::string staging = files::join(directory, kStagingName);
+  const std::string staging = join(directory, kStagingName);
   if (files::exists(staging)) {
     if (int error = files::remove_tree(staging); error != 0) {
       VTLLog("%s: Could not remove the path %@ with error - %@(0x%x)",
              "-[VTLHOperations prepareDirectory:writableByMobile:]", staging,
-             files::error_description(error), error);
+             error_description(error), error);
       return false;
     }
   }

@@ -14,11 +14,23 @@
 
 #include <string>
 
+#include "manifest/progress_reporter.h"
+#include "operations/keep_alive.h"
+
 namespace vtl {
 
 class VTLHOperations {
  public:
   static VTLHOperations& sharedInstance();
+
+  // What the operations are handed by the service that calls them, once at
+  // start-up. Left out (tests of single operations), nothing reports progress
+  // and nothing holds the helper alive.
+  struct Environment {
+    ProgressReporter* progress = nullptr;
+    KeepAlive* keep_alive = nullptr;
+  };
+  void setUp(const Environment& environment) { environment_ = environment; }
 
   // Moves "com.tessal.Vantrel.plist" from root's preferences folder to
   // mobile's and gives it to mobile. Never overwrites: false when the source
@@ -86,6 +98,8 @@ class VTLHOperations {
 
  private:
   VTLHOperations() = default;
+
+  Environment environment_;
 };
 
 }  // namespace vtl

@@ -2,11 +2,11 @@
 // variables, restart, and the helper's own end.
 #include <cstdlib>
 
+#include "base/VTLLog.h"
 #include "operations/VTLHOperations.h"
 #include "platform/device_registry.h"
 #include "platform/platform.h"
 #include "platform/power.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 namespace {

@@ -4,13 +4,12 @@
 #include <string_view>
 #include <vector>
 
-#include "krx/connection.h"
+#include "base/VTLLog.h"
+#include "base/errors.h"
 #include "manifest/VTLManifest.h"
 #include "operations/VTLHOperations.h"
 #include "operations/file_layer.h"
 #include "operations/link_tree.h"
-#include "service/VTLLog.h"
-#include "service/VTLProgressUpdater.h"
 
 namespace vtl {
 namespace {
@@ -39,7 +38,7 @@ bool VTLHOperations::createDeviceManifest_inclusive(const std::string* path, boo
   VTLLog("Will create device manifest...");
   // The helper must not be ended while it walks; the transaction closes on
   // every way out of this function.
-  krx::Transaction keep_alive;
+  KeepAlive::Scope keep_alive(environment_.keep_alive);
   // The manifest and everything the walk made live in this scope and are
   // gone before the reply is sent.
   {
@@ -48,7 +47,7 @@ bool VTLHOperations::createDeviceManifest_inclusive(const std::string* path, boo
     if (path == nullptr) {
       // Nothing to walk: a failed walk, with its message.
     } else if (names_data_area(*path)) {
-      manifest.setProgressUpdater(&VTLProgressUpdater::sharedInstance());
+      manifest.setProgressUpdater(environment_.progress);
       walked = manifest.addFilesFromPath_relativeTo_skip_inclusive(
           kDataAreaRoot, kDataAreaBase,
           std::vector<std::string>(kDataAreaSkip.begin(), kDataAreaSkip.end()), inclusive);
@@ -72,8 +71,7 @@ bool VTLHOperations::createHardLinks_stagingPath(const std::string* file,
   const int error =
       file != nullptr && staging != nullptr ? files::link_item(*file, *staging) : EINVAL;
   if (error != 0) {
-    VTLLog("Could not link %@ to %@ with error -%@.", file, staging,
-           files::error_description(error));
+    VTLLog("Could not link %@ to %@ with error -%@.", file, staging, error_description(error));
     return false;
   }
   return true;

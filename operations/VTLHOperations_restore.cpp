@@ -18,13 +18,15 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/VTLLog.h"
+#include "base/binary_plist_reader.h"
+#include "base/errors.h"
+#include "base/path.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/VTLSignedManifest.h"
 #include "manifest/input_stream.h"
 #include "operations/VTLHOperations.h"
 #include "operations/file_layer.h"
-#include "service/VTLLog.h"
-#include "service/binary_plist_reader.h"
 
 namespace vtl {
 namespace {
@@ -118,7 +120,7 @@ bool is_plain_path(const std::string& root, std::string_view relative,
     start = end + 1;
     if (component.empty()) continue;
     if (component == "." || component == "..") return false;
-    prefix = files::join(prefix, component);
+    prefix = join(prefix, component);
     if (last) break;
     if (plain->contains(prefix)) continue;
     struct stat st {};
@@ -135,7 +137,7 @@ bool is_plain_path(const std::string& root, std::string_view relative,
 // `root` joined with `relative` as a path component; the root itself for
 // "/".
 std::string absolute_path(const std::string& root, std::string_view relative) {
-  std::string path = files::join(root, relative);
+  std::string path = join(root, relative);
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
 }
@@ -382,7 +384,7 @@ bool VTLHOperations::moveStagingToFinal(const std::string* staging) {
   // finds the old tree in its way.
   if (files::exists(destination)) static_cast<void>(files::remove_tree(destination));
   if (int error = files::move_no_replace(*staging, destination); error != 0) {
-    VTLLog(kCouldNotMove, staging, destination, files::error_description(error));
+    VTLLog(kCouldNotMove, staging, destination, error_description(error));
     return false;
   }
   return true;

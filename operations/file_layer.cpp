@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/errors.h"
 #include "platform/accounts.h"
 #include "platform/platform.h"
 
@@ -132,21 +133,6 @@ int remove_tree(const std::string& path) {
 int move_no_replace(const std::string& from, const std::string& to) {
   return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0 ? 0
                                                                                           : errno;
-}
-
-std::string join(std::string_view dir, std::string_view name) {
-  std::string out(dir);
-  while (out.size() > 1 && out.back() == '/') out.pop_back();
-  if (out.empty() || out.back() != '/') out.push_back('/');
-  std::string_view rest = name;
-  while (!rest.empty() && rest.front() == '/') rest.remove_prefix(1);
-  out.append(rest);
-  return out;
-}
-
-std::string error_description(int error) {
-  char buffer[256];
-  return ::strerror_r(error, buffer, sizeof buffer);
 }
 
 }  // namespace vtl::files

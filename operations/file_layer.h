@@ -1,6 +1,6 @@
 // The file operations the helper's actions are made of, on plain POSIX calls.
 // Each returns 0 or an errno value, so that callers can log the platform's own
-// description of what went wrong (error_description).
+// description of what went wrong (base/errors.h).
 //
 // None follows a symbolic link in the final component of its path: a client
 // that plants a link where a container should be gets a failure, not a root
@@ -13,6 +13,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "base/errors.h"
 
 namespace vtl::files {
 
@@ -59,9 +61,5 @@ int open_directory_plain(const std::string& path);
 // Gives the item `name` in the open directory `dir` to the named user and
 // group, never following a link: a link is re-owned itself.
 int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::string_view group);
-// `dir` joined with `name` as a path component.
-std::string join(std::string_view dir, std::string_view name);
-// The system's text for an errno value, e.g. "No such file or directory".
-std::string error_description(int error);
 
 }  // namespace vtl::files

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/VTLLog.h"
 #include "partition/utf16.h"
 #include "platform/platform.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 namespace {

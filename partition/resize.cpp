@@ -16,7 +16,7 @@
 #include "platform/mounted_volumes.h"
 #include "platform/platform.h"
 #include "platform/raw_disk.h"
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
 
 namespace vtl {
 namespace {

@@ -22,7 +22,7 @@
 #include <string>
 #include <string_view>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

@@ -16,9 +16,9 @@
 #include <climits>
 #include <optional>
 
+#include "base/plist.h"
 #include "platform/certificate_services.h"
 #include "platform/platform.h"
-#include "service/plist.h"
 
 namespace platform {
 namespace {

@@ -42,8 +42,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/value.h"
 #include "krx/connection.h"
-#include "service/value.h"
 
 namespace platform {
 

@@ -16,30 +16,17 @@
 #include <string>
 #include <vector>
 
+#include "base/plist.h"
+#include "base/unique_fd.h"
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
-#include "service/plist.h"
 
 namespace platform {
 namespace {
 
 // Entitlements files are small; anything larger is not one of ours.
 constexpr std::size_t kMaxEntitlementsFile = std::size_t{1} << 20;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Whether the process a pidfd pins is still there. While it is, its pid
 // cannot have been handed to another process. Signal 0 only asks; EPERM (a
@@ -90,7 +77,8 @@ bool only_root_writes(const struct stat& st) { return st.st_uid == 0 && (st.st_m
 std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
                                                std::vector<std::string>* notes) {
   std::vector<vtl::Value> files;
-  UniqueFd directory(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const vtl::UniqueFd directory(
+      ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat st {};
   if (directory.get() < 0 || ::fstat(directory.get(), &st) != 0) return files;
   if (!only_root_writes(st)) {
@@ -112,8 +100,8 @@ std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
   std::sort(names.begin(), names.end());
 
   for (const std::string& name : names) {
-    UniqueFd file(::openat(directory.get(), name.c_str(),
-                           O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    vtl::UniqueFd file(::openat(directory.get(), name.c_str(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
         !only_root_writes(st)) {
       std::string note = dir;
@@ -189,7 +177,7 @@ class ExecutableTask final : public CodeSigning::Task {
   // that file cannot be read.
   const std::string& digest_() {
     if (!digest_done_) {
-      const UniqueFd file(open_executable(proc_, token_));
+      const vtl::UniqueFd file(open_executable(proc_, token_));
       if (file.get() >= 0) digest_cache_ = sha256_of(file.get());
       digest_done_ = true;
     }

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace platform {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace platform {
 

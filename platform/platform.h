@@ -6,6 +6,10 @@
 #include <string>
 #include <string_view>
 
+namespace vtl {
+class SystemLog;
+}
+
 namespace platform {
 
 // `path` (absolute, as on the handset) under a device root: the root itself
@@ -13,7 +17,7 @@ namespace platform {
 // holds a simulated device (tests and tools that look at one from outside).
 std::string under_root(std::string_view root, std::string_view path);
 
-class SystemLog;
+using vtl::SystemLog;
 class Accounts;
 class CodeSigning;
 class DeviceRegistry;

@@ -3,11 +3,11 @@
 #include <array>
 #include <optional>
 
+#include "base/VTLLog.h"
 #include "operations/VTLHOperations.h"
 #include "partition/resize.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
-#include "service/VTLLog.h"
 #include "service/confinement.h"
 #include "service/krxdictConv.h"
 

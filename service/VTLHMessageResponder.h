@@ -18,9 +18,9 @@
 #include <span>
 #include <string_view>
 
+#include "base/value.h"
 #include "krx/connection.h"
 #include "krx/value.h"
-#include "service/value.h"
 
 namespace vtl {
 

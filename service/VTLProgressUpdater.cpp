@@ -1,7 +1,7 @@
 #include "service/VTLProgressUpdater.h"
 
+#include "base/VTLLog.h"
 #include "service/VTLHMessageResponder.h"
-#include "service/VTLLog.h"
 
 namespace vtl {
 

@@ -5,14 +5,16 @@
 #include <atomic>
 #include <cstdint>
 
+#include "manifest/progress_reporter.h"
+
 namespace vtl {
 
-class VTLProgressUpdater {
+class VTLProgressUpdater final : public ProgressReporter {
  public:
   static VTLProgressUpdater& sharedInstance();
 
-  void initializePercentageWithTotal(std::int64_t total);
-  void updatePercentageWithIncrement(std::int64_t increment);
+  void initializePercentageWithTotal(std::int64_t total) override;
+  void updatePercentageWithIncrement(std::int64_t increment) override;
 
   std::int64_t total() const { return total_.load(); }
   void setTotal(std::int64_t t) { total_.store(t); }

@@ -1,6 +1,6 @@
 #include "service/krxdictConv.h"
 
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
 
 namespace vtl::krxdictConv {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <optional>
 
+#include "base/value.h"
 #include "krx/value.h"
-#include "service/value.h"
 
 namespace vtl::krxdictConv {
 

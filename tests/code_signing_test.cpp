@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/sim/device.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
 

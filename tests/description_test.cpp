@@ -1,5 +1,5 @@
 // How objects print where a message says "%@".
-#include "service/description.h"
+#include "base/description.h"
 
 #include <gtest/gtest.h>
 

@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "platform/sim/device.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 
 namespace {

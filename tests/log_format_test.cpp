@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
 
 namespace vtl {
 namespace {

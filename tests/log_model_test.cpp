@@ -1,7 +1,7 @@
 // The shared logger: system-log copies, the day's file, and the expiry of old
 // entries in the log directory, driven through its public operations with a
 // clock set to the second and a captured system log.
-#include "service/VTLLogModel.h"
+#include "base/VTLLogModel.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -22,8 +22,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/description.h"
 #include "platform/system_log.h"
-#include "service/description.h"
 
 namespace vtl {
 namespace {

@@ -15,11 +15,11 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/VTLManifest.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 #include "service/VTLProgressUpdater.h"
-#include "service/plist.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"

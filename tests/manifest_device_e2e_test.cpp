@@ -18,8 +18,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/VTLManifest.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
 

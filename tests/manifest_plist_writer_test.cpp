@@ -15,10 +15,10 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "fuzz/plist_value_source.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_store.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 
 namespace {

@@ -13,11 +13,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/VTLSignedManifest.h"
 #include "platform/platform.h"
 #include "platform/sim/device.h"
 #include "platform/sim/test_signer.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/signing.h"
 

@@ -15,7 +15,7 @@
 #include "operations/VTLHOperations.h"
 #include "platform/device_registry.h"
 #include "platform/sim/device.h"
-#include "service/plist.h"
+#include "base/plist.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 

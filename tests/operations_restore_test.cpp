@@ -15,12 +15,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/VTLManifest.h"
 #include "manifest/attribute_keys.h"
 #include "operations/VTLHOperations.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/signing.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "service/plist.h"
+#include "base/plist.h"
 
 namespace vtl {
 namespace {

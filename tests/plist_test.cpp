@@ -1,6 +1,6 @@
 // Property lists: what round-trips, what is refused, and files written whole.
-#include "service/plist.h"
-#include "service/binary_plist_reader.h"
+#include "base/plist.h"
+#include "base/binary_plist_reader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "service/description.h"
+#include "base/description.h"
 
 namespace vtl {
 namespace {

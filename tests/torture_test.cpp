@@ -25,10 +25,10 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "krx/codec.h"
 #include "manifest/VTLManifest.h"
 #include "platform/sim/test_signer.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
 #include "tests/support/signing.h"

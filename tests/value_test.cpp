@@ -1,6 +1,6 @@
 // The program's value type: lookups and equality as the rest of the helper
 // relies on them.
-#include "service/value.h"
+#include "base/value.h"
 
 #include <gtest/gtest.h>
 

@@ -13,8 +13,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "platform/sim/device.h"
-#include "service/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/signing.h"
 

@@ -24,6 +24,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/VTLLogModel.h"
+#include "base/errors.h"
 #include "krx/connection.h"
 #include "platform/accounts.h"
 #include "platform/certificate_services.h"
@@ -37,8 +39,8 @@
 #include "platform/protection_classes.h"
 #include "platform/raw_disk.h"
 #include "platform/system_log.h"
-#include "service/VTLLogModel.h"
 #include "vtl_version.h"
+#include "service/service_setup.h"
 #include "vtld_helper/privileges.h"
 #include "vtld_helper/vtld_helper.h"
 
@@ -73,11 +75,13 @@ constexpr const char* kUsage =
 void confine_to(const std::string& root, int* proc_fd) {
   if (::geteuid() != 0) fail("must run as root: it confines itself to " + root + " with chroot");
   *proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  if (*proc_fd < 0) fail(std::string("cannot open /proc: ") + std::strerror(errno));
+  if (*proc_fd < 0) fail(std::string("cannot open /proc: ") + vtl::error_description(errno));
   ::tzset();
-  if (::chdir(root.c_str()) != 0) fail("cannot enter " + root + ": " + std::strerror(errno));
-  if (::chroot(".") != 0) fail("cannot confine to " + root + ": " + std::strerror(errno));
-  if (::chdir("/") != 0) fail(std::string("cannot enter the device root: ") + std::strerror(errno));
+  if (::chdir(root.c_str()) != 0)
+    fail("cannot enter " + root + ": " + vtl::error_description(errno));
+  if (::chroot(".") != 0) fail("cannot confine to " + root + ": " + vtl::error_description(errno));
+  if (::chdir("/") != 0)
+    fail(std::string("cannot enter the device root: ") + vtl::error_description(errno));
 }
 
 // Who may connect to the socket the helper binds itself: the members of a
@@ -229,6 +233,7 @@ int main(int argc, char** argv) {
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);
+  vtl::set_up_service();
   // Everything is open and the helper confined: from here on it holds only
   // the powers its commands use (privileges.h).
   vtl::drop_privileges();

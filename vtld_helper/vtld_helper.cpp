@@ -2,9 +2,9 @@
 
 #include <cstdlib>
 
+#include "base/VTLLog.h"
+#include "base/VTLLogModel.h"
 #include "service/VTLHMessageResponder.h"
-#include "service/VTLLog.h"
-#include "service/VTLLogModel.h"
 
 namespace vtl {
 namespace {

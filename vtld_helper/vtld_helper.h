@@ -4,11 +4,10 @@
 
 #include <memory>
 
+#include "base/service_name.h"
 #include "krx/connection.h"
 
 namespace vtl {
-
-inline constexpr const char* kServiceName = "com.tessal.vantreldhelper";
 
 // Creates, configures and resumes the listener; returns 0. Once a listener
 // exists, returns 0 and does nothing else. Ends the process with status 1 when

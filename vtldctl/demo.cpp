@@ -22,6 +22,7 @@
 
 #include <fmt/format.h>
 
+#include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/manifest_signer.h"
 #include "platform/accounts.h"
@@ -30,7 +31,6 @@
 #include "platform/sim/storage_device.h"
 #include "platform/sim/storage_state.h"
 #include "platform/sim/test_signer.h"
-#include "service/plist.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/describe.h"
 #include "vtldctl/disk_show.h"

@@ -8,8 +8,8 @@
 
 #include <fmt/format.h>
 
-#include "service/description.h"
-#include "service/value.h"
+#include "base/description.h"
+#include "base/value.h"
 
 namespace vtldctl {
 namespace {

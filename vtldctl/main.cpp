@@ -15,9 +15,9 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "base/service_name.h"
 #include "krx/connection.h"
 #include "vtl_version.h"
-#include "vtld_helper/vtld_helper.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/demo.h"
 #include "vtldctl/disk_show.h"

@@ -9,8 +9,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
-#include "service/plist.h"
 #include "vtldctl/exit_status.h"
 
 namespace vtldctl {

@@ -24,7 +24,7 @@
 #include <optional>
 #include <string>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtldctl {
 

@@ -16,6 +16,9 @@
 
 #include <fmt/format.h>
 
+#include "base/VTLLogModel.h"
+#include "base/description.h"
+#include "base/plist.h"
 #include "manifest/VTLManifest.h"
 #include "manifest/VTLSignedManifest.h"
 #include "manifest/input_stream.h"
@@ -27,9 +30,6 @@
 #include "platform/protection_classes.h"
 #include "platform/sim/test_signer.h"
 #include "platform/system_log.h"
-#include "service/VTLLogModel.h"
-#include "service/description.h"
-#include "service/plist.h"
 #include "vtldctl/exit_status.h"
 
 namespace vtldctl {

@@ -8,8 +8,8 @@
 
 #include <fmt/format.h>
 
+#include "base/service_name.h"
 #include "platform/sim/device.h"
-#include "vtld_helper/vtld_helper.h"
 #include "vtldctl/exit_status.h"
 
 namespace vtldctl {

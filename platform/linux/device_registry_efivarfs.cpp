@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/device_registry.h"
 
 namespace platform {
@@ -39,20 +40,6 @@ int status_of(int error) {
   }
 }
 
-class FdCloser {
- public:
-  explicit FdCloser(int fd) : fd_(fd) {}
-  ~FdCloser() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FdCloser(const FdCloser&) = delete;
-  FdCloser& operator=(const FdCloser&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Clears the immutable flag of an existing variable file for the lifetime of
 // this object, and puts it back afterwards when asked to.
 class Unlocked {
@@ -60,7 +47,7 @@ class Unlocked {
   explicit Unlocked(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return;
-    FdCloser closer(fd);
+    const vtl::UniqueFd closer(fd);
     int flags = 0;
     if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || (flags & FS_IMMUTABLE_FL) == 0) return;
     flags &= ~FS_IMMUTABLE_FL;
@@ -73,7 +60,7 @@ class Unlocked {
     if (!cleared_ || !restore_) return;
     const int fd = ::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return;
-    FdCloser closer(fd);
+    const vtl::UniqueFd closer(fd);
     int flags = 0;
     if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) return;
     flags |= FS_IMMUTABLE_FL;
@@ -146,7 +133,7 @@ class EfivarfsRegistry final : public DeviceRegistry {
     const int fd =
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return status_of(errno);
-    FdCloser closer(fd);
+    const vtl::UniqueFd closer(fd);
     // One write: efivarfs takes a variable whole or not at all.
     const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) return status_of(errno);
@@ -162,11 +149,11 @@ class EfivarfsRegistry final : public DeviceRegistry {
   int commit(const std::string& path) const {
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return status_of(errno);
-    FdCloser closer(fd);
+    const vtl::UniqueFd closer(fd);
     if (::fsync(fd) != 0 && errno != EINVAL) return status_of(errno);
     const int dir = ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) return status_of(errno);
-    FdCloser dir_closer(dir);
+    const vtl::UniqueFd dir_closer(dir);
     if (::fsync(dir) != 0 && errno != EINVAL) return status_of(errno);
     return 0;
   }

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "base/errors.h"
 #include "platform/platform.h"
 #include "platform/raw_disk.h"
 #include "platform/system_log.h"
@@ -98,7 +99,7 @@ class LinuxDiskDevice final : public DiskDevice {
   // Tells the kernel the partitions of the GPT now on the disk (the header
   // at LBA 1, the first 8 entries at LBA 2, as the helper writes them).
   void publish_partitions() {
-    if (::fsync(fd_) != 0) log_line("raw disk: fsync failed: " + std::string(std::strerror(errno)));
+    if (::fsync(fd_) != 0) log_line("raw disk: fsync failed: " + vtl::error_description(errno));
     const std::optional<std::uint32_t> size = block_size();
     if (!size) return;
     std::vector<std::uint8_t> header(*size);
@@ -147,7 +148,7 @@ class LinuxDiskDevice final : public DiskDevice {
                                 p.number, p.start, p.length);
         if (error != 0) {
           log_line("raw disk: the kernel did not take partition " + std::to_string(p.number) +
-                   ": " + std::strerror(error));
+                   ": " + vtl::error_description(error));
         }
       }
     }

@@ -8,10 +8,11 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/errors.h"
+#include "base/plist.h"
 #include "platform/code_signing.h"
 #include "platform/sim/storage_device.h"
 #include "platform/sim/test_signer.h"
-#include "service/plist.h"
 
 namespace platform::sim {
 namespace {
@@ -29,7 +30,7 @@ std::string write_file(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << content;
   out.close();
-  if (!out) return "cannot write " + path + ": " + std::strerror(errno);
+  if (!out) return "cannot write " + path + ": " + vtl::error_description(errno);
   return {};
 }
 
@@ -38,7 +39,8 @@ std::string make_dirs(const std::string& path, uid_t owner = 0) {
   fs::create_directories(path, ec);
   if (ec) return "cannot create " + path + ": " + ec.message();
   if (::chown(path.c_str(), owner, owner) != 0 && owner != 0) {
-    return "cannot give " + path + " to uid " + std::to_string(owner) + ": " + std::strerror(errno);
+    return "cannot give " + path + " to uid " + std::to_string(owner) + ": " +
+           vtl::error_description(errno);
   }
   return {};
 }
@@ -65,7 +67,7 @@ std::string write_entitlements_file(const std::string& dir, const std::string& n
   // The helper reads only what root alone may write, whatever the mask of
   // whoever laid the device out.
   if (::chmod(folder.c_str(), 0755) != 0 || ::chmod(path.c_str(), 0644) != 0) {
-    return "cannot set the mode of " + path + ": " + std::strerror(errno);
+    return "cannot set the mode of " + path + ": " + vtl::error_description(errno);
   }
   return {};
 }

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace platform::sim {
 

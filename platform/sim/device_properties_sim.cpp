@@ -1,6 +1,6 @@
+#include "base/plist.h"
 #include "platform/device_properties.h"
 #include "platform/platform.h"
-#include "service/plist.h"
 
 namespace platform {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "platform/device_registry.h"
 #include "platform/platform.h"
-#include "service/plist.h"
+#include "base/plist.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,5 @@
 #include "platform/sim/disk_image.h"
+#include "base/errors.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -133,7 +134,7 @@ std::string write_disk_image(const std::string& path, const ImageLayout& l) {
   mbr[511] = 0xAA;
 
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return "cannot create " + path + ": " + std::strerror(errno);
+  if (fd < 0) return "cannot create " + path + ": " + vtl::error_description(errno);
   const std::uint64_t backup_entries = last - entry_blocks;
   const bool ok =
       ::ftruncate(fd, static_cast<off_t>(l.block_count * bs)) == 0 && write_all(fd, mbr, 0) &&
@@ -146,7 +147,7 @@ std::string write_disk_image(const std::string& path, const ImageLayout& l) {
                 last * bs);
   const int error = errno;
   ::close(fd);
-  if (!ok) return "cannot write " + path + ": " + std::strerror(error);
+  if (!ok) return "cannot write " + path + ": " + vtl::error_description(error);
   return {};
 }
 

@@ -6,9 +6,9 @@
 #include <chrono>
 #include <string>
 
+#include "base/plist.h"
 #include "platform/platform.h"
 #include "platform/power.h"
-#include "service/plist.h"
 
 namespace platform {
 namespace {

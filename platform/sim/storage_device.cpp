@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "base/errors.h"
 #include "platform/device_properties.h"
 #include "platform/mounted_volumes.h"
 #include "platform/platform.h"
@@ -90,7 +91,7 @@ std::string create_storage(const std::string& root) {
   };
   for (const auto& f : files) {
     if (int e = write_state(root, f.path, f.value); e != 0) {
-      return std::string("cannot write ") + f.path + ": " + std::strerror(e);
+      return std::string("cannot write ") + f.path + ": " + vtl::error_description(e);
     }
   }
   return {};

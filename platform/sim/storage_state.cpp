@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "platform/platform.h"
-#include "service/plist.h"
+#include "base/plist.h"
 
 namespace platform::sim {
 

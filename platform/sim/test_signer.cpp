@@ -15,8 +15,9 @@
 #include <memory>
 #include <span>
 
+#include "base/errors.h"
+#include "base/plist.h"
 #include "platform/certificate_services.h"
-#include "service/plist.h"
 
 namespace platform::sim {
 namespace {
@@ -112,7 +113,7 @@ std::string write_pem(const std::string& path, X509* cert, EVP_PKEY* key) {
           std::span(reinterpret_cast<const std::uint8_t*>(bytes), static_cast<std::size_t>(length)),
           mode);
       error != 0) {
-    return "cannot write " + path + ": " + std::strerror(error);
+    return "cannot write " + path + ": " + vtl::error_description(error);
   }
   return {};
 }
@@ -128,7 +129,7 @@ std::string write_policy(const std::string& directory, std::string_view usage) {
   if (int error = vtl::write_file_atomically(
           path, std::span(reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()));
       error != 0) {
-    return "cannot write " + path + ": " + std::strerror(error);
+    return "cannot write " + path + ": " + vtl::error_description(error);
   }
   return {};
 }

@@ -1,6 +1,6 @@
 #include "tests/support/capture.h"
 
-#include "service/VTLLogModel.h"
+#include "base/VTLLogModel.h"
 
 namespace testsupport {
 

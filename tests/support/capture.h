@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "base/value.h"
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
 #include "platform/system_log.h"
-#include "service/value.h"
 
 namespace testsupport {
 

@@ -8,12 +8,12 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/attribute_keys.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 #include "platform/sim/test_signer.h"
-#include "service/plist.h"
 
 namespace testsupport {
 namespace {

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/value.h"
 #include "manifest/manifest_signer.h"
 #include "platform/certificate_services.h"
 #include "platform/device_properties.h"
-#include "service/value.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 

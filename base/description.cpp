@@ -1,4 +1,4 @@
-#include "service/description.h"
+#include "base/description.h"
 
 #include <array>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "service/binary_plist_reader.h"
+#include "base/binary_plist_reader.h"
 
 #include <algorithm>
 #include <bit>
@@ -7,8 +7,8 @@
 #include <limits>
 #include <vector>
 
-#include "krx/utf8.h"
-#include "service/plist.h"
+#include "base/plist.h"
+#include "base/utf8.h"
 
 namespace vtl::bplist {
 namespace {
@@ -206,7 +206,7 @@ class Checker {
         std::uint64_t length = 0;
         std::uint64_t content = 0;
         return read_length(at, &length, &content) && length <= l_.table - content &&
-               krx::is_text(l_.bytes + content, length);
+               vtl::is_text(l_.bytes + content, length);
       }
       case kUtf16Type: {
         std::uint64_t length = 0;

@@ -1,4 +1,4 @@
-#include "service/VTLLogModel.h"
+#include "base/VTLLogModel.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -14,9 +14,8 @@
 #include <optional>
 #include <vector>
 
-#include "platform/system_log.h"
-#include "service/description.h"
-#include "service/plist.h"
+#include "base/description.h"
+#include "base/plist.h"
 
 namespace vtl {
 namespace {
@@ -37,9 +36,9 @@ constexpr std::int64_t kSecondsPerDay = 86400;
 // descriptors.
 constexpr int kMaxRemovalDepth = 128;
 
-platform::SystemLog& default_system_log() {
+SystemLog& default_system_log() {
   // Created once and never destroyed, like the logger that uses it.
-  static platform::SystemLog* const sink = platform::make_stderr_system_log().release();
+  static SystemLog* const sink = make_stderr_system_log().release();
   return *sink;
 }
 
@@ -196,7 +195,7 @@ void VTLLogModel::logWithFormat_andArgs(std::string_view format, std::span<const
 
 void VTLLogModel::logMessage(std::string_view message) {
   const Clock* clock = nullptr;
-  platform::SystemLog* sink = nullptr;
+  SystemLog* sink = nullptr;
   {
     std::lock_guard<std::mutex> guard(lock_);
     clock = clock_;
@@ -246,7 +245,7 @@ bool VTLLogModel::enableLogToFilesUnder_prefix_expireDays(const std::string& dir
   static_cast<void>(::unlink(probe.c_str()));
 
   const Clock* clock = nullptr;
-  platform::SystemLog* sink = nullptr;
+  SystemLog* sink = nullptr;
   {
     std::lock_guard<std::mutex> guard(lock_);
     clock = clock_;
@@ -310,7 +309,7 @@ void VTLLogModel::setLogFP(FILE* fp) {
   logFP_ = fp;
 }
 
-void VTLLogModel::setSystemLog(platform::SystemLog* sink) {
+void VTLLogModel::setSystemLog(SystemLog* sink) {
   std::lock_guard<std::mutex> guard(lock_);
   system_log_ = sink != nullptr ? sink : &default_system_log();
 }

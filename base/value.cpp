@@ -1,4 +1,4 @@
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

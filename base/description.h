@@ -26,7 +26,7 @@
 
 #include <string>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

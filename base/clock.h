@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

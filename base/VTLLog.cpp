@@ -1,11 +1,11 @@
-#include "service/VTLLog.h"
+#include "base/VTLLog.h"
 
 #include <cmath>
 #include <cstdio>
 #include <limits>
 
-#include "service/VTLLogModel.h"
-#include "service/description.h"
+#include "base/VTLLogModel.h"
+#include "base/description.h"
 
 namespace vtl {
 namespace {

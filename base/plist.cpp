@@ -1,4 +1,4 @@
-#include "service/plist.h"
+#include "base/plist.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -15,8 +15,8 @@
 #include <string_view>
 #include <type_traits>
 
-#include "krx/utf8.h"
-#include "service/binary_plist_reader.h"
+#include "base/binary_plist_reader.h"
+#include "base/utf8.h"
 
 namespace vtl {
 namespace {
@@ -42,10 +42,6 @@ std::uint64_t read_big_endian(const std::uint8_t* p, std::size_t n) {
   std::uint64_t v = 0;
   for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
   return v;
-}
-
-bool is_text(std::string_view s) {
-  return krx::is_text(reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
 }
 
 // ---------------------------------------------------------------------------

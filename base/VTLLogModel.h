@@ -17,12 +17,9 @@
 #include <string>
 #include <string_view>
 
-#include "service/VTLLog.h"
-#include "service/clock.h"
-
-namespace platform {
-class SystemLog;
-}
+#include "base/VTLLog.h"
+#include "base/clock.h"
+#include "base/system_log.h"
 
 namespace vtl {
 
@@ -77,7 +74,7 @@ class VTLLogModel {
   // Seams for the process set-up and for tests. Neither is owned; each must
   // outlive its use here. nullptr restores the default: standard error, and
   // the system clock.
-  void setSystemLog(platform::SystemLog* sink);
+  void setSystemLog(SystemLog* sink);
   void setClock(const Clock* clock);
 
  private:
@@ -85,7 +82,7 @@ class VTLLogModel {
 
   mutable std::mutex lock_;
   FILE* logFP_ = nullptr;
-  platform::SystemLog* system_log_;
+  SystemLog* system_log_;
   const Clock* clock_;
 };
 

@@ -1,8 +1,8 @@
-#include "krx/utf8.h"
+#include "base/utf8.h"
 
 #include <cstring>
 
-namespace krx {
+namespace vtl {
 namespace {
 
 constexpr std::uint64_t kLowBits = 0x0101010101010101ULL;
@@ -56,4 +56,4 @@ bool is_text(const std::uint8_t* p, std::size_t n) {
   return true;
 }
 
-}  // namespace krx
+}  // namespace vtl

@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "service/value.h"
+#include "base/value.h"
 
 namespace vtl {
 

@@ -1,12 +1,12 @@
-// The simulated device's system log: standard error, one line per message.
+// The system log on standard error, one line per message.
 #include <errno.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "platform/system_log.h"
+#include "base/system_log.h"
 
-namespace platform {
+namespace vtl {
 namespace {
 
 class StderrSystemLog final : public SystemLog {
@@ -37,4 +37,4 @@ class StderrSystemLog final : public SystemLog {
 
 std::unique_ptr<SystemLog> make_stderr_system_log() { return std::make_unique<StderrSystemLog>(); }
 
-}  // namespace platform
+}  // namespace vtl

@@ -1,4 +1,4 @@
-#include "service/clock.h"
+#include "base/clock.h"
 
 #include <time.h>
 
