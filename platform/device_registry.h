@@ -41,11 +41,8 @@ inline constexpr std::string_view kNvramSyncNowProperty = "IONVRAM-SYNCNOW-PROPE
 
 // Simulated device: the variables are a property list, <root>/sim/nvram.plist
 // (variable name -> bytes), replaced whole on every change so that a crash
-// never leaves it half written. Faults are read from
-// <root>/sim/registry-faults.plist on every call:
-//   NoMasterPort       bool   master_port() fails
-//   NoOptionsNode      bool   the options node does not resolve
-//   RefusedProperties  array  property names whose setting is refused
+// never leaves it half written. Faults are injected around it
+// (fault_injection.h).
 std::unique_ptr<DeviceRegistry> make_sim_registry(const std::string& root);
 
 // Linux host: EFI variables in efivarfs, all under the vendor GUID below.

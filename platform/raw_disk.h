@@ -3,14 +3,14 @@
 // offsets.
 //
 //   simulated device  the image file <root>/dev/rdisk0s1; its logical block
-//                     size and node type kept in <root>/sim/disk.plist; faults
-//                     injected through <root>/sim/faults.plist
+//                     size and node type kept in <root>/sim/disk.plist
 //   Linux host        the block device node, BLKSSZGET and BLKGETSIZE64; the
 //                     kernel is told the new partition sizes when a disk that
 //                     was written is closed
 //
 // Errors are errno values, reported the way the system calls they stand for
-// report them: a null device or -1 with errno set.
+// report them: a null device or -1 with errno set. Faults are injected around
+// either backend (fault_injection.h).
 #pragma once
 
 #include <sys/types.h>

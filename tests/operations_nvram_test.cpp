@@ -12,10 +12,11 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "operations/VTLHOperations.h"
 #include "platform/device_registry.h"
+#include "platform/fault_injection.h"
 #include "platform/sim/device.h"
-#include "base/plist.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 
@@ -150,7 +151,10 @@ INSTANTIATE_TEST_SUITE_P(Backends, NvramTest, ::testing::Values("sim", "efivarfs
 // Faults only the simulated device can be told to have.
 class NvramFaultTest : public ::testing::Test {
  protected:
-  NvramFaultTest() : platform_(dir_.path()), registry_(platform::make_sim_registry(dir_.path())) {
+  NvramFaultTest()
+      : platform_(dir_.path()),
+        registry_(
+            platform::with_registry_faults(platform::make_sim_registry(dir_.path()), dir_.path())) {
     fs::create_directories(dir_.path() + "/sim");
     platform::current().device_registry = registry_.get();
   }

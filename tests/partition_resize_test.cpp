@@ -47,9 +47,9 @@ class ResizeTest : public ::testing::Test {
   void fresh_device() {
     root_ = dir_ / ("device" + std::to_string(devices_++));
     ASSERT_EQ(sim::create_device(root(), {}), "");
-    raw_disks_ = platform::make_sim_raw_disks(root());
+    raw_disks_ = platform::with_storage_faults(platform::make_sim_raw_disks(root()), root());
     volumes_ = platform::make_sim_mounted_volumes(root());
-    resize_ = platform::make_sim_filesystem_resize(root());
+    resize_ = platform::with_storage_faults(platform::make_sim_filesystem_resize(root()), root());
     properties_ = platform::make_sim_device_properties(root());
     platform_ = platform::current();
     platform_.raw_disks = raw_disks_.get();

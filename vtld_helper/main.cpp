@@ -32,6 +32,7 @@
 #include "platform/code_signing.h"
 #include "platform/device_properties.h"
 #include "platform/device_registry.h"
+#include "platform/fault_injection.h"
 #include "platform/filesystem_resize.h"
 #include "platform/mounted_volumes.h"
 #include "platform/platform.h"
@@ -230,6 +231,21 @@ int main(int argc, char** argv) {
       the_platform->device_properties =
           platform::make_linux_device_properties("/private/var").release();
     }
+  }
+  if (simulated) {
+    // A device directory carries its own fault plan (sim/), for drills against
+    // a disk image and a host's disks alike.
+    the_platform->raw_disks = platform::with_storage_faults(
+                                  std::unique_ptr<platform::RawDisks>(the_platform->raw_disks), "/")
+                                  .release();
+    the_platform->filesystem_resize =
+        platform::with_storage_faults(
+            std::unique_ptr<platform::FileSystemResize>(the_platform->filesystem_resize), "/")
+            .release();
+    the_platform->device_registry =
+        platform::with_registry_faults(
+            std::unique_ptr<platform::DeviceRegistry>(the_platform->device_registry), "/")
+            .release();
   }
   platform::install(the_platform);
   vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);

@@ -1,9 +1,9 @@
 // NVRAM of the simulated device, kept as a readable property list.
 #include <string>
 
+#include "base/plist.h"
 #include "platform/device_registry.h"
 #include "platform/platform.h"
-#include "base/plist.h"
 
 namespace platform {
 namespace {
@@ -12,20 +12,17 @@ constexpr DeviceRegistry::Entry kOptionsNode = 1;
 
 class SimRegistry final : public DeviceRegistry {
  public:
-  explicit SimRegistry(const std::string& root)
-      : store_(under_root(root, "/sim/nvram.plist")),
-        faults_path_(under_root(root, "/sim/registry-faults.plist")) {}
+  explicit SimRegistry(const std::string& root) : store_(under_root(root, "/sim/nvram.plist")) {}
 
-  int master_port() override { return fault("NoMasterPort") ? kRegistryNoDevice : 0; }
+  int master_port() override { return 0; }
 
   std::optional<Entry> entry_from_path(std::string_view path) override {
-    if (path != kOptionsNodePath || fault("NoOptionsNode")) return std::nullopt;
+    if (path != kOptionsNodePath) return std::nullopt;
     return kOptionsNode;
   }
 
   int set_property(Entry entry, std::string_view name, const vtl::Value& value) override {
     if (entry != kOptionsNode) return kRegistryBadArgument;
-    if (refused(name)) return kRegistryNotPermitted;
     vtl::Dictionary variables = load();
     if (name == kNvramDeleteProperty || name == kNvramSyncNowProperty) {
       const std::string* variable = value.string();
@@ -58,26 +55,7 @@ class SimRegistry final : public DeviceRegistry {
     return error == 0 ? 0 : kRegistryError;
   }
 
-  std::optional<vtl::Value> faults() const { return vtl::read_plist_file(faults_path_); }
-
-  bool fault(std::string_view key) const {
-    std::optional<vtl::Value> f = faults();
-    const vtl::Value* v = f ? f->find(key) : nullptr;
-    return v != nullptr && v->boolean() != nullptr && *v->boolean();
-  }
-
-  bool refused(std::string_view property) const {
-    std::optional<vtl::Value> f = faults();
-    const vtl::Value* list = f ? f->find("RefusedProperties") : nullptr;
-    if (list == nullptr || list->array() == nullptr) return false;
-    for (const vtl::Value& v : *list->array()) {
-      if (v.string() != nullptr && *v.string() == property) return true;
-    }
-    return false;
-  }
-
   std::string store_;
-  std::string faults_path_;
 };
 
 }  // namespace

@@ -26,7 +26,6 @@ class SimFileSystemResize final : public FileSystemResize {
   explicit SimFileSystemResize(std::string root) : root_(std::move(root)) {}
 
   int resize_volume(const std::string& mount_point, std::uint64_t new_size) override {
-    sim::failpoint(root_, "before-filesystem-resize");
     vtl::Dictionary event{{"Event", "FileSystemResize"},
                           {"MountedOn", mount_point},
                           {"Size", static_cast<std::int64_t>(new_size)}};
@@ -34,15 +33,11 @@ class SimFileSystemResize final : public FileSystemResize {
     event.emplace("Accepted", error == 0);
     if (error != 0) event.emplace("Error", error);
     sim::journal(root_, std::move(event));
-    if (error == 0) sim::failpoint(root_, "after-filesystem-resize");
     return error;
   }
 
  private:
   int resize(const std::string& mount_point, std::uint64_t new_size, vtl::Dictionary& event) {
-    if (std::optional<std::int64_t> injected = sim::fault_number(root_, "FileSystemResizeError")) {
-      return static_cast<int>(*injected);
-    }
     std::optional<vtl::Value> table = sim::read_state(root_, sim::kMountsStatePath);
     vtl::Value* volume = nullptr;
     if (table && table->array() != nullptr) {

@@ -1,6 +1,6 @@
 // The simulated device's raw disk: the image file standing for the raw node,
-// its geometry and node type from the device's state, and faults injected on
-// the way to the image.
+// its geometry and node type from the device's state, every write and sync
+// recorded in the device's storage journal.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -54,25 +54,13 @@ class SimDiskDevice final : public DiskDevice {
   }
 
   ssize_t write_at(std::span<const std::uint8_t> buffer, std::uint64_t offset) override {
-    sim::failpoint(root_, "before-disk-write");
     vtl::Dictionary event{{"Event", "DiskWrite"},
                           {"Offset", static_cast<std::int64_t>(offset)},
                           {"Length", static_cast<std::int64_t>(buffer.size())}};
-    if (std::optional<std::int64_t> error = sim::fault_number(root_, "DiskWriteError")) {
-      event.emplace("Error", *error);
-      sim::journal(root_, std::move(event));
-      errno = static_cast<int>(*error);
-      return -1;
-    }
-    if (std::optional<std::int64_t> limit = sim::fault_number(root_, "DiskWriteShort");
-        limit && *limit >= 0 && static_cast<std::uint64_t>(*limit) < buffer.size()) {
-      buffer = buffer.first(static_cast<std::size_t>(*limit));
-    }
     const ssize_t n = ::pwrite(fd_, buffer.data(), buffer.size(), static_cast<off_t>(offset));
     const int error = errno;
     event.emplace("Written", static_cast<std::int64_t>(n));
     sim::journal(root_, std::move(event));
-    sim::failpoint(root_, "after-disk-write");
     errno = error;
     return n;
   }
@@ -104,10 +92,7 @@ class SimRawDisks final : public RawDisks {
     return std::make_unique<SimDiskDevice>(root_, fd);
   }
 
-  void sync() override {
-    sim::journal(root_, vtl::Dictionary{{"Event", "Sync"}});
-    sim::failpoint(root_, "after-sync");
-  }
+  void sync() override { sim::journal(root_, vtl::Dictionary{{"Event", "Sync"}}); }
 
  private:
   std::string root_;

@@ -1,11 +1,9 @@
 #include "platform/sim/storage_state.h"
 
-#include <unistd.h>
-
 #include <utility>
 
-#include "platform/platform.h"
 #include "base/plist.h"
+#include "platform/platform.h"
 
 namespace platform::sim {
 
@@ -17,19 +15,6 @@ int write_state(const std::string& root, std::string_view path, const vtl::Value
   const std::string xml = vtl::plist_to_xml(value);
   return vtl::write_file_atomically(
       under_root(root, path), {reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()});
-}
-
-std::optional<std::int64_t> fault_number(const std::string& root, std::string_view key) {
-  const std::optional<vtl::Value> faults = read_state(root, kStorageFaultsPath);
-  const vtl::Value* v = faults ? faults->find(key) : nullptr;
-  if (v == nullptr || v->integer() == nullptr) return std::nullopt;
-  return *v->integer();
-}
-
-void failpoint(const std::string& root, std::string_view step) {
-  const std::optional<vtl::Value> faults = read_state(root, kStorageFaultsPath);
-  const std::string* name = faults ? faults->find_string("Failpoint") : nullptr;
-  if (name != nullptr && *name == step) ::_exit(kFailpointExitStatus);
 }
 
 void journal(const std::string& root, vtl::Dictionary event) {

@@ -11,15 +11,8 @@
 //   device-properties.plist device-information answers ("DiskUsage")
 //   storage-journal.plist   what happened, in order: DiskWrite, Sync and
 //                           FileSystemResize events
-//   storage-faults.plist    faults to inject, read at every operation:
-//     DiskWriteError         integer  disk writes fail with this errno
-//     DiskWriteShort         integer  disk writes stop after this many bytes
-//     FileSystemResizeError  integer  file-system resizes fail with this errno
-//     Failpoint              string   the helper ends at once (_exit) at this
-//                                     step, as a device losing power would:
-//                                     "before-disk-write", "after-disk-write",
-//                                     "after-sync", "before-filesystem-resize",
-//                                     "after-filesystem-resize"
+//
+// Faults are not the backends' business: fault_injection.h wraps them.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +21,7 @@
 #include <string_view>
 
 #include "base/value.h"
+#include "platform/fault_injection.h"
 
 namespace platform::sim {
 
@@ -37,10 +31,9 @@ inline constexpr const char* kMountsStatePath = "/sim/mounts.plist";
 inline constexpr const char* kDisksStatePath = "/sim/disks.plist";
 inline constexpr const char* kDevicePropertiesStatePath = "/sim/device-properties.plist";
 inline constexpr const char* kStorageJournalPath = "/sim/storage-journal.plist";
-inline constexpr const char* kStorageFaultsPath = "/sim/storage-faults.plist";
-
-// How a failpoint ends the helper: a status no other exit of the helper uses.
-inline constexpr int kFailpointExitStatus = 86;
+// Where tests set faults, and the status a failpoint ends the helper with.
+using platform::kFailpointExitStatus;
+using platform::kStorageFaultsPath;
 
 // The property list at a device path under `root`; nullopt when absent or
 // not a property list.
@@ -48,11 +41,6 @@ std::optional<vtl::Value> read_state(const std::string& root, std::string_view p
 // Replaces it: 0 or an errno value.
 int write_state(const std::string& root, std::string_view path, const vtl::Value& value);
 
-// One integer fault from storage-faults.plist.
-std::optional<std::int64_t> fault_number(const std::string& root, std::string_view key);
-// Ends the process at once when storage-faults.plist names `step` as its
-// Failpoint. Nothing is flushed or unwound, as on a power loss.
-void failpoint(const std::string& root, std::string_view step);
 // Appends one event to storage-journal.plist.
 void journal(const std::string& root, vtl::Dictionary event);
 
