@@ -10,13 +10,14 @@
 #include <optional>
 #include <vector>
 
+#include "base/VTLLog.h"
+#include "base/errors.h"
 #include "partition/partition_map.h"
 #include "platform/device_properties.h"
 #include "platform/filesystem_resize.h"
 #include "platform/mounted_volumes.h"
 #include "platform/platform.h"
 #include "platform/raw_disk.h"
-#include "base/VTLLog.h"
 
 namespace vtl {
 namespace {
@@ -89,7 +90,7 @@ bool write_partition_map(const PartitionMapSnapshot& map, std::uint32_t block_si
   const int error = errno;
   if (written != static_cast<ssize_t>(blocks.size())) {
     VTLLog("failed to write GPT header and table to %s (return %d). errno=%d : %s", kRawDiskPath,
-           static_cast<int>(written), error, std::strerror(error));
+           static_cast<int>(written), error, vtl::error_description(error));
     return false;
   }
   VTLLog("Wrote GPT header back to disk");
@@ -172,109 +173,154 @@ std::int32_t expand_data_partition() {
   return adjust_partition(static_cast<std::int64_t>(new_size));
 }
 
+namespace {
+
+// What adjusting the data partition to a new size comes to on this map.
+struct Adjustment {
+  std::int32_t count = 0;      // entries the header counts
+  std::int32_t which = 0;      // the data partition's entry; `count` for a new one
+  int held = 0;                // entries the snapshot holds
+  bool existing = false;       // `which` is one of them
+  std::uint64_t required = 0;  // blocks the new size takes, rounded up
+  std::uint64_t new_bytes = 0;
+  std::uint64_t old_bytes = 0;
+
+  // The last word of every failure after the plan is made.
+  std::int32_t fail() const {
+    VTLLog("failed to %s partition %d", which == count ? "create" : "adjust", which);
+    return 1;
+  }
+};
+
+Adjustment plan_adjustment(const PartitionMapSnapshot& map, std::uint64_t block_size,
+                           std::int64_t newSize) {
+  Adjustment a;
+  const auto size = static_cast<std::uint64_t>(newSize);
+  a.required = size / block_size + (size % block_size != 0 ? 1 : 0);
+  VTLLog("partition: requiredSize=%llu", a.required);
+  a.count = map.nPartitions();
+  const std::int32_t data_index = named_partitions()[kDataPartitionRow].index;
+  a.which = data_index != -1 ? data_index : a.count;
+  a.held = std::clamp(a.count, 0, gpt::kEntriesHeld);
+  a.existing = a.which >= 0 && a.which < a.count && a.which < a.held;
+  a.new_bytes = a.required * block_size;
+  a.old_bytes = a.existing ? entry_blocks(map.entry(a.which)) * block_size : 0;
+  return a;
+}
+
+// Whether the new size fits beside every other partition. Entries beyond
+// the 8 held count as empty.
+bool fits_beside_the_others(const PartitionMapSnapshot& map, const Adjustment& a) {
+  if (a.count < 0) return true;
+  const std::uint64_t available =
+      gpt::last_usable_lba(map.header) + 1 - gpt::first_usable_lba(map.header);
+  std::uint64_t sum = 0;
+  for (int i = 0; i < a.held; ++i) sum += i == a.which ? a.required : entry_blocks(map.entry(i));
+  if (a.which >= a.held && a.which <= a.count) sum += a.required;
+  return sum <= available;
+}
+
+// The answer when the adjustment ends before anything is touched: refused,
+// or nothing to do. nullopt when it goes ahead.
+std::optional<std::int32_t> refused_or_unchanged(const PartitionMapSnapshot& map,
+                                                 const Adjustment& a) {
+  if (!fits_beside_the_others(map, a)) return 1;
+  if (a.required == 0) {
+    // Always names partition 1, whichever it is.
+    VTLLog("deletion of partition %d disallowed", 1);
+    return 1;
+  }
+  if (a.existing && entry_blocks(map.entry(a.which)) == a.required) {
+    VTLLog("no change in size");
+    return 0;
+  }
+  // A negative index can only come from a header counting more than 2^31
+  // entries; it is as bad a partition number as one past the table.
+  if (a.which > 7 || a.which > a.count || a.which < 0) {
+    VTLLog("bad partion number");
+    return a.fail();
+  }
+  return std::nullopt;
+}
+
+// Where the file system on the partition's entry is mounted, found by the
+// entry's unique GUID: GPT stores it in mixed-endian order, the registry's
+// "UUID" is written in RFC 4122 order.
+std::optional<std::string> mount_point_of(std::span<const std::uint8_t> entry) {
+  const std::array<std::uint8_t, 16> guid = gpt::swap_guid_order(gpt::unique_guid(entry));
+  char guid_text[37];
+  ::uuid_unparse(guid.data(), guid_text);
+  return find_mount_point(guid.data(), guid_text);
+}
+
+// Shrinking: the file system first, so that it never outgrows its
+// partition; if it cannot shrink, the map stays as it is.
+bool shrink_file_system_first(const Adjustment& a, const std::optional<std::string>& mount_point) {
+  if (!mount_point || a.new_bytes >= a.old_bytes) return true;
+  if (a.new_bytes == 0) {
+    VTLLog("can't delete partition %d, currently mounted on %s", a.which, *mount_point);
+    return false;
+  }
+  VTLLog("shrinking JRF filesystem on %s from %llu to %llu", *mount_point, a.old_bytes,
+         a.new_bytes);
+  if (resize_filesystem(*mount_point, a.new_bytes) != 0) {
+    VTLLog("can't shrink partition %d, currently mounted on %s", a.which, *mount_point);
+    return false;
+  }
+  return true;
+}
+
+// The new map, computed by the volume manager's code; false when it refuses.
+bool adjust_map(PartitionMapSnapshot& map, ZmraMediaGeometry& geometry, const Adjustment& a) {
+  if (a.which == a.count) {
+    VTLLog("Creating new partition instead of adjusting existing one");
+  } else {
+    VTLLog("Resizing existing partition with GPT index %d", a.which);
+  }
+  VTLLog("About to adjust with settings partitionIndex:%d size:%llu MB", a.which,
+         a.new_bytes >> 20U);
+  const std::int64_t adjusted =
+      zmraAdjustPartition(&geometry, map.header, map.entries, a.which, a.new_bytes);
+  if (static_cast<std::int32_t>(adjusted) != 0) {
+    VTLLog("adjustment failed");
+    return false;
+  }
+  return true;
+}
+
+// Growing: the file system last, once the larger partition is on disk.
+std::int32_t grow_file_system_last(const Adjustment& a,
+                                   const std::optional<std::string>& mount_point) {
+  if (!mount_point || a.new_bytes < a.old_bytes) return 0;
+  VTLLog("expanding JRF filesystem on %s to %llu", *mount_point, a.new_bytes);
+  if (resize_filesystem(*mount_point, a.new_bytes) != 0) {
+    VTLLog("can't expanding JRF filesystem on %s", *mount_point);
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
 std::int32_t adjust_partition(std::int64_t newSize) {
   VTLLog("entering %s", "adjust_partition");
   PartitionMapSnapshot map;
   ZmraMediaGeometry geometry;
   if (read_partition_map(&map, &geometry) <= 0) return 1;
 
-  const std::uint64_t block_size = geometry.blockSize;
-  const auto size = static_cast<std::uint64_t>(newSize);
-  const std::uint64_t required = size / block_size + (size % block_size != 0 ? 1 : 0);
-  VTLLog("partition: requiredSize=%llu", required);
+  const Adjustment a = plan_adjustment(map, geometry.blockSize, newSize);
+  if (std::optional<std::int32_t> answer = refused_or_unchanged(map, a)) return *answer;
 
-  const std::int32_t count = map.nPartitions();
-  const std::int32_t data_index = named_partitions()[kDataPartitionRow].index;
-  const std::int32_t which = data_index != -1 ? data_index : count;
-  const int held = std::clamp(count, 0, gpt::kEntriesHeld);
-  const bool existing = which >= 0 && which < count && which < held;
-
-  // Does the new size fit beside every other partition? Entries beyond the
-  // 8 held count as empty.
-  if (count >= 0) {
-    const std::uint64_t available =
-        gpt::last_usable_lba(map.header) + 1 - gpt::first_usable_lba(map.header);
-    std::uint64_t sum = 0;
-    for (int i = 0; i < held; ++i) sum += i == which ? required : entry_blocks(map.entry(i));
-    if (which >= held && which <= count) sum += required;
-    if (sum > available) return 1;
-  }
-  if (required == 0) {
-    // Always names partition 1, whichever it is.
-    VTLLog("deletion of partition %d disallowed", 1);
-    return 1;
-  }
-  if (existing && entry_blocks(map.entry(which)) == required) {
-    VTLLog("no change in size");
-    return 0;
-  }
-
-  const auto fail = [&] {
-    VTLLog("failed to %s partition %d", which == count ? "create" : "adjust", which);
-    return 1;
-  };
-  // A negative index can only come from a header counting more than 2^31
-  // entries; it is as bad a partition number as one past the table.
-  if (which > 7 || which > count || which < 0) {
-    VTLLog("bad partion number");
-    return fail();
-  }
-
-  const std::uint64_t new_bytes = required * block_size;
-  const std::uint64_t old_bytes = existing ? entry_blocks(map.entry(which)) * block_size : 0;
-
-  // The partition's unique GUID, from GPT's mixed-endian order into RFC 4122
-  // order, as the registry's "UUID" is written.
-  const std::array<std::uint8_t, 16> guid =
-      gpt::swap_guid_order(gpt::unique_guid(map.entry(which)));
-  char guid_text[37];
-  ::uuid_unparse(guid.data(), guid_text);
-  const std::optional<std::string> mount_point = find_mount_point(guid.data(), guid_text);
-
-  if (existing && !mount_point) {
+  const std::optional<std::string> mount_point = mount_point_of(map.entry(a.which));
+  if (a.existing && !mount_point) {
     VTLLog("filesystem must be mounted (mountPoint=%s,which=%d,nPartitions=%d,newSize=%llu)",
-           nullptr, which, count, required);
-    return fail();
+           nullptr, a.which, a.count, a.required);
+    return a.fail();
   }
-
-  // Shrinking: the file system first, so that it never outgrows its
-  // partition; if it cannot shrink, the map stays as it is.
-  if (mount_point && new_bytes < old_bytes) {
-    if (new_bytes == 0) {
-      VTLLog("can't delete partition %d, currently mounted on %s", which, *mount_point);
-      return fail();
-    }
-    VTLLog("shrinking JRF filesystem on %s from %llu to %llu", *mount_point, old_bytes, new_bytes);
-    if (resize_filesystem(*mount_point, new_bytes) != 0) {
-      VTLLog("can't shrink partition %d, currently mounted on %s", which, *mount_point);
-      return fail();
-    }
-  }
-
-  if (which == count) {
-    VTLLog("Creating new partition instead of adjusting existing one");
-  } else {
-    VTLLog("Resizing existing partition with GPT index %d", which);
-  }
-  VTLLog("About to adjust with settings partitionIndex:%d size:%llu MB", which, new_bytes >> 20U);
-  const std::int64_t adjusted =
-      zmraAdjustPartition(&geometry, map.header, map.entries, which, new_bytes);
-  if (static_cast<std::int32_t>(adjusted) != 0) {
-    VTLLog("adjustment failed");
-    return fail();
-  }
-
+  if (!shrink_file_system_first(a, mount_point)) return a.fail();
+  if (!adjust_map(map, geometry, a)) return a.fail();
   if (!write_partition_map(map, geometry.blockSize)) return 1;
-
-  // Growing: the file system last, once the larger partition is on disk.
-  if (mount_point && new_bytes >= old_bytes) {
-    VTLLog("expanding JRF filesystem on %s to %llu", *mount_point, new_bytes);
-    if (resize_filesystem(*mount_point, new_bytes) != 0) {
-      VTLLog("can't expanding JRF filesystem on %s", *mount_point);
-      return 1;
-    }
-  }
-  return 0;
+  return grow_file_system_last(a, mount_point);
 }
 
 std::int32_t resize_filesystem(const std::string& mountPoint, std::uint64_t newSize) {
