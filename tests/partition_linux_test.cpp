@@ -34,6 +34,7 @@
 
 #include "krx/client.h"
 #include "platform/sim/device.h"
+#include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
 
 namespace {
@@ -314,6 +315,18 @@ TEST_F(LinuxPartitionTest, ShrinksAndExpandsBtrfsOnALoopDeviceInTheOrderThatKeep
   EXPECT_GT(grown, before);
   EXPECT_EQ(btrfs_size(), grown) << helper_log();
   EXPECT_EQ(kernel_data_partition(), grown);
+
+  // A disk that fails its writes, injected around the host's disk as around
+  // a simulated one: the file system shrinks first, the map cannot be
+  // written, and the file system is left inside its unchanged partition.
+  ASSERT_EQ(platform::sim::write_state(root_, platform::sim::kStorageFaultsPath,
+                                       vtl::Dictionary{{"DiskWriteError", EIO}}),
+            0);
+  EXPECT_EQ(send("shrinkDataPartition:"), false) << helper_log();
+  EXPECT_EQ(data_partition(), grown);
+  EXPECT_EQ(kernel_data_partition(), grown);
+  EXPECT_LT(btrfs_size(), grown);
+  EXPECT_NE(helper_log().find("errno=5 : Input/output error"), std::string::npos) << helper_log();
 
   // The data is still there.
   EXPECT_EQ(fs::file_size(var_ + "/payload.bin"), 64U << 20);
