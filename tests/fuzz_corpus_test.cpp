@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <ostream>
 #include <span>
 #include <string>
 #include <vector>
@@ -127,6 +128,8 @@ const Corpus kCorpora[] = {
     {"partition_map", replay_partition_map, 6},
     {"bplist_writer", replay_bplist_writer, 10},
 };
+
+void PrintTo(const Corpus& corpus, std::ostream* out) { *out << corpus.folder; }
 
 class FuzzCorpusTest : public testing::TestWithParam<Corpus> {};
 

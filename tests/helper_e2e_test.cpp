@@ -250,20 +250,6 @@ TEST_F(HelperTest, AProcessThatExecsAnEntitledProgramAfterConnectingIsNotServed)
   EXPECT_FALSE(fs::exists(device_.path(trick)));
 }
 
-TEST_F(HelperTest, ClientsComeAndGoWhileTheHelperStays) {
-  { krx::Client silent = device_.connect(); }
-  EXPECT_TRUE(device_.wait_for_log("KRX disconnected by client"));
-  const std::string log = device_.system_log();
-  const auto accepted = log.find("It's an KRX_TYPE_CONNECTION");
-  const auto dealt = log.find("Start to deal with new connection");
-  const auto gone = log.find("KRX disconnected by client");
-  EXPECT_TRUE(accepted < dealt && dealt < gone) << log;
-  EXPECT_TRUE(device_.running());
-  krx::Client next = device_.connect();
-  EXPECT_EQ(request(next, dict({{"removeWorkContainer:", "/private/var/none"}})),
-            std::vector{kTrue});
-}
-
 TEST_F(HelperTest, SigtermEndsWithStatusZero) {
   krx::Client client = device_.connect();
   ASSERT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
