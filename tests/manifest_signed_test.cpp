@@ -266,7 +266,7 @@ TEST_F(SignedManifestTest, ABadOrMissingSignatureLeavesNoLogLine) {
 
 struct EnvelopeCase {
   const char* name;
-  std::function<Data(const Dictionary& good)> bytes;
+  Data bytes;
   std::vector<std::string> log;
 };
 
@@ -303,81 +303,54 @@ TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
   Data trailing = pki_der("production-leaf");
   trailing.push_back(0);
 
+  Data truncated = bytes_of(Value(good));
+  truncated.resize(truncated.size() / 2);
   const std::vector<EnvelopeCase> cases = {
-      {"empty", [](const Dictionary&) { return Data{}; }, {kNotPlist}},
-      {"truncated",
-       [](const Dictionary& g) {
-         Data b = bytes_of(Value(g));
-         b.resize(b.size() / 2);
-         return b;
-       },
-       {kNotPlist}},
-      {"deeply_nested", [](const Dictionary&) { return deep_xml(100000); }, {kNotPlist}},
-      {"nested_past_the_limit",
-       [](const Dictionary&) { return deep_xml(vtl::kMaxPlistDepth + 1); },
-       {kNotPlist}},
-      {"array",
-       [](const Dictionary&) { return bytes_of(Value(vtl::Array{})); },
-       {init + "format not correct."}},
+      {"empty", Data{}, {kNotPlist}},
+      {"truncated", truncated, {kNotPlist}},
+      {"deeply_nested", deep_xml(100000), {kNotPlist}},
+      {"nested_past_the_limit", deep_xml(vtl::kMaxPlistDepth + 1), {kNotPlist}},
+      {"array", bytes_of(Value(vtl::Array{})), {init + "format not correct."}},
       {"no_version",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Version", {}))); },
+       bytes_of(Value(with(good, "Version", {}))),
        {init + "required key (version) not found."}},
       {"version_3",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Version", 3))); },
+       bytes_of(Value(with(good, "Version", 3))),
        {init + "signed manifest version 3 is not supported yet"}},
       {"version_2_beyond_32_bits",
-       [](const Dictionary& g) {
-         return bytes_of(Value(with(g, "Version", Value(std::int64_t{0x100000002}))));
-       },
+       bytes_of(Value(with(good, "Version", Value(std::int64_t{0x100000002})))),
        {init + "signed manifest version 2147483647 is not supported yet"}},
       {"version_data",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Version", Value(Data{2})))); },
+       bytes_of(Value(with(good, "Version", Value(Data{2})))),
        {init + "signed manifest version 0 is not supported yet"}},
-      {"version_2.9",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Version", Value(2.9)))); },
-       {kStrong, kPassed}},
-      {"version_string",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Version", Value(" 2")))); },
-       {kStrong, kPassed}},
-      {"no_certificate",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Certificate", {}))); },
-       {no_certificates}},
+      {"version_2.9", bytes_of(Value(with(good, "Version", Value(2.9)))), {kStrong, kPassed}},
+      {"version_string", bytes_of(Value(with(good, "Version", Value(" 2")))), {kStrong, kPassed}},
+      {"no_certificate", bytes_of(Value(with(good, "Certificate", {}))), {no_certificates}},
       {"certificate_data",
-       [](const Dictionary& g) {
-         return bytes_of(Value(with(g, "Certificate", Value(pki_der("production-leaf")))));
-       },
+       bytes_of(Value(with(good, "Certificate", Value(pki_der("production-leaf"))))),
        {no_certificates}},
       {"certificate_empty",
-       [](const Dictionary& g) {
-         return bytes_of(Value(with(g, "Certificate", Value(vtl::Array{}))));
-       },
+       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{})))),
        {kStrong, kNoTrustObject, kDevelopment, kNoTrustObject, kNotValid}},
       {"certificate_garbage",
-       [&](const Dictionary& g) {
-         return bytes_of(Value(with(g, "Certificate", Value(vtl::Array{Value(garbage_der)}))));
-       },
+       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{Value(garbage_der)})))),
        {kStrong, kCannotLoad, kDevelopment, kCannotLoad, kNotValid}},
       {"certificate_trailing_byte",
-       [&](const Dictionary& g) {
-         return bytes_of(Value(with(g, "Certificate", Value(vtl::Array{Value(trailing)}))));
-       },
+       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{Value(trailing)})))),
        {kStrong, kCannotLoad, kDevelopment, kCannotLoad, kNotValid}},
       // The certificate is checked before the payload's presence.
       {"no_payload_untrusted",
-       [](const Dictionary& g) {
-         Dictionary d = with(g, "Payload", {});
-         d["Certificate"] = Value(vtl::Array{Value(pki_der("unknown-leaf"))});
-         return bytes_of(Value(d));
-       },
+       bytes_of(Value(with(with(good, "Payload", {}), "Certificate",
+                           Value(vtl::Array{Value(pki_der("unknown-leaf"))})))),
        {kStrong, kRecoverable, kDevelopment, kRecoverable, kNotValid}},
       {"no_payload",
-       [](const Dictionary& g) { return bytes_of(Value(with(g, "Payload", {}))); },
+       bytes_of(Value(with(good, "Payload", {}))),
        {kStrong, verify + "Manifest format not correct."}},
   };
   for (const EnvelopeCase& c : cases) {
     SCOPED_TRACE(c.name);
     const bool accepted = c.log.size() == 2 && c.log.back() == kPassed;
-    EXPECT_EQ(read(c.bytes(good)) != nullptr, accepted);
+    EXPECT_EQ(read(c.bytes) != nullptr, accepted);
     EXPECT_EQ(log(), c.log);
   }
 }
