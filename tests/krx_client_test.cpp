@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
@@ -147,44 +146,6 @@ TEST(KrxClientTest, SendToAClosedPeerFailsWithoutSignal) {
   // Without MSG_NOSIGNAL this would raise SIGPIPE and end the test runner.
   EXPECT_FALSE(p.client->send(Value("anyone?")));
   EXPECT_FALSE(p.client->send(Value("anyone?")));
-}
-
-TEST(KrxClientTest, LargeFrameBothWaysThroughAFullSocket) {
-  Pair p;
-  const Value value = Data(4u << 20, 0x99);
-  const Bytes frame = encode_frame(value);
-  // The send blocks until the other end drains it; the echo comes back whole.
-  std::thread echo([&] {
-    const Bytes got = p.read_peer(frame.size());
-    p.write_peer(got);
-  });
-  ASSERT_TRUE(p.client->send(value));
-  auto got = p.client->receive(10s);
-  echo.join();
-  ASSERT_TRUE(std::holds_alternative<Client::Message>(got));
-  EXPECT_EQ(std::get<Client::Message>(got).value, value);
-}
-
-TEST(KrxClientTest, FailedConnectSaysWhereAndWhy) {
-  std::string error;
-  const std::string dir = (std::filesystem::temp_directory_path() / "krx-no-such-dir").string();
-  EXPECT_FALSE(Client::connect_service(dir, "com.tessal.vantreldhelper", &error).has_value());
-  EXPECT_EQ(error,
-            "cannot connect to " + dir + "/com.tessal.vantreldhelper: No such file or directory");
-
-  const std::string too_long = "/" + std::string(200, 'x');
-  EXPECT_FALSE(Client::connect_path(too_long, &error).has_value());
-  EXPECT_EQ(error.rfind("cannot connect to " + too_long + ": ", 0), 0u) << error;
-}
-
-TEST(KrxClientTest, MovedClientKeepsTheSocket) {
-  Pair p;
-  const int fd = p.client->fd();
-  Client moved = std::move(*p.client);
-  EXPECT_EQ(moved.fd(), fd);
-  p.client.reset();  // the moved-from shell closes nothing
-  ASSERT_TRUE(moved.send(Value(true)));
-  EXPECT_EQ(p.read_peer(encode_frame(Value(true)).size()), encode_frame(Value(true)));
 }
 
 }  // namespace

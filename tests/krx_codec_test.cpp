@@ -335,20 +335,5 @@ TEST(KrxCodecTest, HeaderFaultsShowBeforeTheBodyArrives) {
   EXPECT_TRUE(std::holds_alternative<NeedMore>(decode({})));
 }
 
-TEST(KrxValueTest, DictionaryHelpers) {
-  Value v = make_dictionary("Path", "/a");
-  v.set("Mode", std::int64_t{0644});
-  v.set("Path", "/b");  // replaces, keeps its place
-  ASSERT_EQ(v.get<Dictionary>()->size(), 2u);
-  EXPECT_EQ(v.get<Dictionary>()->front().first, "Path");
-  EXPECT_EQ(*v.find("Path"), Value("/b"));
-  EXPECT_EQ(v.find("Missing"), nullptr);
-  EXPECT_EQ(Value("not a dictionary").find("Path"), nullptr);
-
-  Value s = "replaced";
-  s.set("Key", true);
-  EXPECT_EQ(s, make_dictionary("Key", true));
-}
-
 }  // namespace
 }  // namespace krx

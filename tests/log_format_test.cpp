@@ -126,27 +126,6 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"LengthWithoutConversion", "%ll", {LogArg(1)}, "%ll"}),
     [](const auto& case_info) { return std::string(case_info.param.name); });
 
-TEST(LogArg, ConvertsBetweenNumberKinds) {
-  EXPECT_EQ(LogArg(-1).as_unsigned(), std::numeric_limits<std::uint64_t>::max());
-  EXPECT_EQ(LogArg(std::numeric_limits<std::uint64_t>::max()).as_signed(), -1);
-  EXPECT_EQ(LogArg(std::nan("")).as_signed(), 0);
-  EXPECT_EQ(LogArg(-1e300).as_signed(), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(LogArg(1e300).as_unsigned(), std::numeric_limits<std::uint64_t>::max());
-  EXPECT_DOUBLE_EQ(LogArg(std::uint64_t{3}).as_real(), 3.0);
-  EXPECT_EQ(LogArg("x").as_signed(), 0);
-}
-
-TEST(LogArg, DescribesEachKind) {
-  const std::string text = "t";
-  EXPECT_EQ(LogArg(nullptr).describe(), "(null)");
-  EXPECT_EQ(LogArg(static_cast<const char*>(nullptr)).describe(), "(null)");
-  EXPECT_EQ(LogArg(static_cast<const std::string*>(nullptr)).describe(), "(null)");
-  EXPECT_EQ(LogArg(&text).describe(), "t");
-  EXPECT_EQ(LogArg(std::uint64_t{18446744073709551615U}).describe(), "18446744073709551615");
-  EXPECT_EQ(LogArg(0.1).describe(), "0.1");
-  EXPECT_EQ(LogArg(Value(Array{Value(1)})).describe(), "( 1 )");
-}
-
 // Whatever a format string holds, formatting ends and yields a string; the
 // sanitizers catch any read or write it should not make.
 TEST(FormatRobustness, RandomFormatsNeverFail) {

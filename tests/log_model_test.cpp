@@ -22,8 +22,11 @@
 #include <thread>
 #include <vector>
 
-#include "base/description.h"
 #include "platform/system_log.h"
+#include "base/description.h"
+#include "tests/support/capture.h"
+#include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 
 namespace vtl {
 namespace {
@@ -34,26 +37,6 @@ using std::chrono::seconds;
 
 constexpr std::int64_t kDay = 86400;
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = "/tmp/vtl_log_model_XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
 class FakeClock final : public Clock {
  public:
   Date now() const override { return now_.load(); }
@@ -63,45 +46,8 @@ class FakeClock final : public Clock {
   std::atomic<Date> now_{Date{}};
 };
 
-class CapturingLog final : public platform::SystemLog {
- public:
-  void write(std::string_view message) override {
-    std::lock_guard<std::mutex> guard(mutex_);
-    lines_.emplace_back(message);
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return lines_;
-  }
-  bool contains(const std::string& line) const {
-    for (const std::string& l : lines()) {
-      if (l == line) return true;
-    }
-    return false;
-  }
-  std::size_t count_starting_with(const std::string& prefix) const {
-    std::size_t n = 0;
-    for (const std::string& l : lines()) {
-      if (l.starts_with(prefix)) ++n;
-    }
-    return n;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-void write_file(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
+using testsupport::read_file;
+using testsupport::write_file;
 
 // The creation date as the kernel reports it: birth time, or status-change
 // time where the file system keeps no birth time.
@@ -142,9 +88,9 @@ class LogModelTest : public ::testing::Test {
     }
   }
 
-  TempDir dir_;
+  testsupport::TempDir dir_;
   FakeClock clock_;
-  CapturingLog log_;
+  testsupport::CapturedLog log_;
   std::vector<FILE*> streams_;
 };
 
@@ -235,29 +181,6 @@ TEST_F(LogModelTest, NeverAppendsThroughALinkOrToAFifo) {
 
   ASSERT_EQ(::mkfifo((dir_ / "fifo.log").c_str(), 0644), 0);
   EXPECT_FALSE(model().enableLogToFile(dir_ / "fifo.log"));  // and does not block
-}
-
-TEST_F(LogModelTest, ExpandsALeadingTilde) {
-  const char* old_home = std::getenv("HOME");
-  const std::string saved = old_home != nullptr ? old_home : "";
-  ::setenv("HOME", dir_.path().c_str(), 1);
-  const bool enabled = model().enableLogToFile("~/logs/x.log");
-  remember_stream();
-  if (old_home != nullptr) {
-    ::setenv("HOME", saved.c_str(), 1);
-  } else {
-    ::unsetenv("HOME");
-  }
-  ASSERT_TRUE(enabled);
-  model().logMessage("home");
-  EXPECT_EQ(read_file(dir_ / "logs/x.log"), "2026-11-16 12:00:00 +0000 home\n");
-}
-
-TEST_F(LogModelTest, FileNameForTodayUsesTheLocalDate) {
-  EXPECT_EQ(model().fileNameForTodayUnder_prefix("/private/var/logs/vtld", "vtld_helper"),
-            "/private/var/logs/vtld/vtld_helper-20261116.log");
-  clock_.set(Date(seconds(1767268800)));  // 2026-01-01 12:00 UTC
-  EXPECT_EQ(model().fileNameForTodayUnder_prefix("d", "p"), "d/p-20260101.log");
 }
 
 TEST_F(LogModelTest, TurningOnCreatesTheDirectoryAndOpensTodaysFile) {

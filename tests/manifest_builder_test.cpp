@@ -140,15 +140,6 @@ TEST_F(ManifestTest, InclusiveRecordsThePathItselfLast) {
   EXPECT_EQ(handled(root_, root_, false).size(), 3u);
 }
 
-TEST_F(ManifestTest, EmptyDirectory) {
-  VTLManifest plain;
-  EXPECT_TRUE(plain.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
-  EXPECT_EQ(plain.count(), 0u);
-  VTLManifest inclusive;
-  EXPECT_TRUE(inclusive.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
-  EXPECT_EQ(keys_of(inclusive), std::set<std::string>{"/"});
-}
-
 TEST_F(ManifestTest, OneAddPerManifest) {
   write_file(at("a"), "1");
   VTLManifest m;
@@ -273,20 +264,6 @@ TEST_F(ManifestTest, AVanishedFileEndsTheWalkWithTheEarlierRecordsKept) {
           "Cannot get file attribute for " + at("d"), "Couldn't get meta data for " + at("d")}));
 }
 
-TEST_F(ManifestTest, AHandlerMayRemoveTheNextItem) {
-  for (const char* name : {"a", "b", "c", "d"}) write_file(at(name), name);
-  VTLManifest m;
-  std::vector<std::string> seen;
-  EXPECT_TRUE(m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
-      root_, root_, {}, false, [&](const VTLFileMetadata&, const std::string& key) {
-        seen.push_back(key);
-        if (key == "/b") std::filesystem::remove(at("c"));
-        return true;
-      }));
-  EXPECT_EQ(seen, (std::vector<std::string>{"/a", "/b"}));
-  EXPECT_TRUE(logged("Couldn't get meta data for " + at("c")));
-}
-
 TEST_F(ManifestTest, AHandlerRefusalFailsTheWalk) {
   for (const char* name : {"a", "b", "c"}) write_file(at(name), name);
   VTLManifest m;
@@ -375,26 +352,6 @@ TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {
     ASSERT_TRUE(parallel.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
     EXPECT_TRUE(parallel.dict() == sequential);
   }
-}
-
-TEST_F(ManifestTest, ManifestsFromDictionaries) {
-  VTLManifest fresh;
-  EXPECT_TRUE(fresh.pathSet().empty());
-  EXPECT_FALSE(fresh.metadataForFile("/x"));
-
-  const Dictionary given = {
-      {"/file", Value(Dictionary{{"VTLManifestFileHash", Value(vtl::Data{1})}})},
-      {"/odd", Value("not a record")}};
-  VTLManifest m(given);
-  EXPECT_EQ(m.dict(), given);
-  EXPECT_FALSE(m.metadataForFile("/odd"));
-  EXPECT_FALSE(m.metadataForFile("/unknown"));
-  EXPECT_EQ(*m.metadataForFile("/file")->getHash(), vtl::Data{1});
-
-  m.setMetadata_forFile(VTLFileMetadata(Dictionary{{"k", Value(2)}}), "/file");
-  m.setMetadata_forFile(VTLFileMetadata(Dictionary{}), "/new");
-  EXPECT_EQ(m.dict().at("/file"), Value(Dictionary{{"k", Value(2)}}));
-  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/file", "/new", "/odd"}));
 }
 
 TEST_F(ManifestTest, WrittenPropertyListHoldsTheDictionary) {

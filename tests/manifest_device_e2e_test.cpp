@@ -1,20 +1,15 @@
 // The device manifest and hard-link staging through the real helper on a
-// simulated device: every record against the item on disk, the file read by
-// libplist and by Python's plistlib, progress of the whole-data-area walk, a
-// file removed while the walk runs, and staging trees of hard links.
-#include <fcntl.h>
-#include <signal.h>
+// simulated device: the file read by Python's plistlib, progress of the
+// whole-data-area walk, and staging trees of hard links. What each record
+// holds is tested in-process (manifest_file_metadata_test.cpp,
+// manifest_builder_test.cpp).
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <set>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -31,12 +26,10 @@ using testsupport::Device;
 using testsupport::make_dir;
 using testsupport::request;
 using testsupport::write_file;
-using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 
 constexpr const char* kManifestFile = "/private/var/VTLWorkContainer/DeviceManifest.plist";
-constexpr const char* kProtectionName = "trusted.com.tessal.protection-class";
 
 using testsupport::dict;
 
@@ -75,95 +68,6 @@ class DeviceManifestTest : public ::testing::Test {
   Device device_;
   std::unique_ptr<krx::Client> client_;
 };
-
-// What the record of the item at `path` must say, read here independently.
-void expect_record_matches(const Value& record, const std::string& path) {
-  SCOPED_TRACE(path);
-  const struct stat st = testsupport::lstat_of(path);
-  const Value* attributes = record.find("VTLManifestFileAttributes");
-  ASSERT_NE(attributes, nullptr);
-  const char* type = S_ISREG(st.st_mode)   ? "Regular"
-                     : S_ISDIR(st.st_mode) ? "Directory"
-                     : S_ISLNK(st.st_mode) ? "SymbolicLink"
-                                           : "other";
-  EXPECT_EQ(*attributes->find("FileType"), Value(type));
-  EXPECT_EQ(*attributes->find("FileSize"), Value(static_cast<std::int64_t>(st.st_size)));
-  EXPECT_EQ(*attributes->find("OwnerAccountID"), Value(static_cast<std::int64_t>(st.st_uid)));
-  EXPECT_EQ(*attributes->find("GroupOwnerAccountID"), Value(static_cast<std::int64_t>(st.st_gid)));
-  EXPECT_EQ(*attributes->find("PosixPermissions"),
-            Value(static_cast<std::int64_t>(st.st_mode & 07777)));
-  EXPECT_EQ(*attributes->find("SystemFileNumber"), Value(static_cast<std::int64_t>(st.st_ino)));
-
-  char klass[16];
-  const ssize_t klass_length = ::lgetxattr(path.c_str(), kProtectionName, klass, sizeof klass);
-  if (klass_length > 0) {
-    EXPECT_EQ(*attributes->find("ProtectionClass"),
-              Value(std::string(klass, static_cast<std::size_t>(klass_length))));
-  } else {
-    EXPECT_EQ(attributes->find("ProtectionClass"), nullptr);
-  }
-
-  Dictionary xattrs;
-  char names[65536];
-  const ssize_t n = ::llistxattr(path.c_str(), names, sizeof names);
-  ASSERT_GE(n, 0);
-  for (ssize_t at = 0; at < n;) {
-    const std::string name(names + at);
-    at += static_cast<ssize_t>(name.size()) + 1;
-    if (name == kProtectionName) continue;
-    std::vector<std::uint8_t> value(65536);
-    const ssize_t v = ::lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
-    ASSERT_GE(v, 0);
-    value.resize(static_cast<std::size_t>(v));
-    xattrs.emplace(name, Value(value));
-  }
-  EXPECT_EQ(*record.find("VTLManifestFileExtendedAttributes"), Value(xattrs));
-
-  const Data hash = S_ISREG(st.st_mode) ? testsupport::sha1(testsupport::read_file(path)) : Data{};
-  EXPECT_EQ(*record.find("VTLManifestFileHash"), Value(hash));
-  std::string target;
-  if (S_ISLNK(st.st_mode)) target = fs::read_symlink(path).string();
-  EXPECT_EQ(*record.find("VTLManifestSymbolicLinkTargetFile"), Value(target));
-}
-
-TEST_F(DeviceManifestTest, EveryRecordAgreesWithTheItemOnDisk) {
-  const std::string data = device_.path("/private/var/mobile/Data");
-  write_file(data + "/empty", "");
-  write_file(data + "/small.txt", "hello");
-  std::string big(700000, '\0');
-  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + (i >> 11));
-  write_file(data + "/Library/big.bin", big);
-  write_file(data + "/Library/Prefs/p.plist", "<plist/>");
-  testsupport::set_xattr(data + "/small.txt", "user.tag", "blue");
-  testsupport::set_xattr(data + "/small.txt", "user.binary", std::string("\0\xff\x01", 3));
-  testsupport::set_xattr(data + "/Library", "trusted.dir", "d");
-  testsupport::set_xattr(data + "/Library/big.bin", kProtectionName, "C");
-  testsupport::set_xattr(data + "/empty", kProtectionName, "None");
-  ASSERT_EQ(::chown((data + "/Library/Prefs/p.plist").c_str(), 501, 501), 0);
-  ASSERT_EQ(::chmod((data + "/Library/Prefs/p.plist").c_str(), 0600), 0);
-  testsupport::make_link("Library/big.bin", data + "/link");
-  testsupport::make_link("/nowhere", data + "/dangling");
-  testsupport::make_fifo(data + "/Library/fifo");
-  write_file(data + "/.cache/skipped", "hidden");
-  write_file(data + "/.hidden-file", "hidden");
-
-  EXPECT_EQ(manifest_of("/private/var/mobile/Data", true), std::vector{kTrue});
-  const Dictionary manifest = read_manifest();
-  EXPECT_EQ(keys(manifest), (std::set<std::string>{
-                                "/", "/empty", "/small.txt", "/Library", "/Library/big.bin",
-                                "/Library/Prefs", "/Library/Prefs/p.plist", "/link", "/dangling"}));
-  for (const auto& [key, record] : manifest) {
-    expect_record_matches(record, key == "/" ? data : data + key);
-  }
-  EXPECT_TRUE(device_.wait_for_log("Device manifest created (for /private/var/mobile/Data)"));
-  EXPECT_TRUE(device_.wait_for_log(
-      "/private/var/mobile/Data/Library/fifo is special file. Leave it along"));
-  EXPECT_TRUE(device_.wait_for_log(
-      "Entering -[VTLHMessageResponder createDeviceManifest:] with parameter: { Inclusive = 1; "
-      "Path = \"/private/var/mobile/Data\"; }"));
-  // The client can read it.
-  EXPECT_EQ(testsupport::lstat_of(device_.path(kManifestFile)).st_mode & 0777, 0644u);
-}
 
 TEST_F(DeviceManifestTest, PythonsPlistlibReadsTheManifest) {
   if (std::system("command -v python3 >/dev/null 2>&1") != 0) GTEST_SKIP() << "no python3";
@@ -282,67 +186,6 @@ TEST_F(DeviceManifestTest,
   EXPECT_EQ(manifest_of("/private/var/mobile/Missing", false), std::vector{kTrue});
   EXPECT_TRUE(device_.wait_for_log("Could not enumerate /private/var/mobile/Missing"));
   EXPECT_EQ(keys(read_manifest()), std::set<std::string>{});
-}
-
-std::atomic<bool> g_lease_broken{false};
-void on_lease_break(int) { g_lease_broken = true; }
-
-TEST_F(DeviceManifestTest, AFileRemovedDuringTheWalkEndsItEarlyWithTheEarlierRecordsKept) {
-  // The walk is held at its first file by a lease, taken here: the helper's
-  // open waits until the lease is released. Meanwhile it builds at most
-  // kLookAhead records ahead, so a file further on can be removed before its
-  // record is built, and everything observable is fixed.
-  const std::string dir = device_.path("/private/var/mobile/Gate");
-  write_file(dir + "/a_gate", "held");
-  const std::size_t between = vtl::VTLManifest::kLookAhead + 100;
-  char name[32];
-  for (std::size_t i = 0; i < between; ++i) {
-    static_cast<void>(std::snprintf(name, sizeof name, "/b_%05zu", i));
-    write_file(dir + name, "");
-  }
-  write_file(dir + "/c_victim", "removed");
-  write_file(dir + "/d_after", "never reached");
-
-  struct sigaction action {};
-  struct sigaction previous {};
-  action.sa_handler = on_lease_break;
-  ASSERT_EQ(::sigaction(SIGIO, &action, &previous), 0);
-  g_lease_broken = false;
-  const int fd = ::open((dir + "/a_gate").c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::fcntl(fd, F_SETLEASE, F_WRLCK), 0) << std::strerror(errno);
-
-  krx::Dictionary parameters{{"Path", "/private/var/mobile/Gate"}};
-  ASSERT_TRUE(client_->send(dict({{"createDeviceManifest:", krx::Value(parameters)}})));
-  const auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (!g_lease_broken && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(1ms);
-  }
-  const bool broken = g_lease_broken;
-  ASSERT_EQ(::unlink((dir + "/c_victim").c_str()), 0);
-  ::fcntl(fd, F_SETLEASE, F_UNLCK);
-  ::close(fd);
-  ::sigaction(SIGIO, &previous, nullptr);
-  ASSERT_TRUE(broken) << "the helper never opened the first file";
-
-  std::vector<krx::Value> messages;
-  for (;;) {
-    krx::Client::Received r = client_->receive(60s);
-    auto* m = std::get_if<krx::Client::Message>(&r);
-    ASSERT_NE(m, nullptr);
-    messages.push_back(m->value);
-    if (m->value.find("Response") != nullptr) break;
-  }
-  EXPECT_EQ(messages, std::vector{kTrue});
-  const Dictionary manifest = read_manifest();
-  EXPECT_EQ(manifest.size(), between + 1);
-  EXPECT_TRUE(manifest.contains("/a_gate"));
-  static_cast<void>(std::snprintf(name, sizeof name, "/b_%05zu", between - 1));
-  EXPECT_TRUE(manifest.contains(name));
-  EXPECT_FALSE(manifest.contains("/c_victim"));
-  EXPECT_FALSE(manifest.contains("/d_after"));
-  EXPECT_TRUE(device_.wait_for_log("Couldn't get meta data for /private/var/mobile/Gate/c_victim"));
-  EXPECT_EQ(*manifest.at("/a_gate").find("VTLManifestFileHash"), Value(testsupport::sha1("held")));
 }
 
 TEST_F(DeviceManifestTest, HardLinkedStagingSharesInodes) {

@@ -120,17 +120,6 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
 }
 
-TEST_F(FileMetadataTest, SizeIsReportedForRegularFilesOnly) {
-  write_file(at("file"), std::string(1234, 'x'));
-  make_dir(at("dir"));
-  testsupport::make_link("file", at("link"));
-  EXPECT_EQ(record_of(at("file")).getFileSize(), 1234u);
-  EXPECT_EQ(record_of(at("dir")).getFileSize(), 0u);
-  EXPECT_EQ(record_of(at("link")).getFileSize(), 0u);
-  // The attribute itself is there for every item: a link's is its target's length.
-  EXPECT_EQ(*attribute(record_of(at("link")), keys::kFileSize)->integer(), 4);
-}
-
 TEST_F(FileMetadataTest, NoRecordForNothing) {
   EXPECT_FALSE(VTLFileMetadata::fileMetadatatWithPath(at("missing")).has_value());
   EXPECT_TRUE(logged("Cannot get file attribute for " + at("missing")));
@@ -283,19 +272,6 @@ TEST_F(FileMetadataTest, ProtectionClassIsKeptButNeverListedAsAnExtendedAttribut
   // A value that is not a class name (put there by hand) is no class.
   testsupport::set_xattr(path, "trusted.com.tessal.protection-class", "bogus");
   EXPECT_EQ(attribute(record_of(path), "ProtectionClass"), nullptr);
-}
-
-TEST_F(FileMetadataTest, MissingValuesAndNamesAreReported) {
-  EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.none", at("x")));
-  EXPECT_TRUE(
-      logged("Could not extract extended file attributes from " + at("x") + ", returned -1"));
-  EXPECT_FALSE(VTLFileMetadata::extendedAttributeKeysWithPath(at("x")));
-  EXPECT_TRUE(logged("Could not extract extended attributes from " + at("x") + "."));
-  EXPECT_FALSE(VTLFileMetadata::extendedAttributesWithPath(at("x")));
-  EXPECT_TRUE(logged("Could not get attribute keys from file " + at("x")));
-  EXPECT_FALSE(VTLFileMetadata::targetFileWithPath(at("x")));
-  EXPECT_TRUE(logged("Could not get destination of symbolic link " + at("x") +
-                     " with error - No such file or directory"));
 }
 
 TEST_F(FileMetadataTest, LinkWithUnreadableTargetHasNoTargetEntry) {
@@ -465,29 +441,6 @@ TEST_F(FileMetadataTest, SmallFilesAreKeptInTheCacheOnlyWhenFoundThereWhole) {
   }
 }
 
-// --- Records from dictionaries, and truncated ones --------------------------------
-
-TEST_F(FileMetadataTest, GettersOfTruncatedAndMistypedRecords) {
-  const VTLFileMetadata only_attributes(
-      Dictionary{{"VTLManifestFileAttributes",
-                  Value(Dictionary{{"FileType", Value("Regular")}, {"FileSize", Value(7)}})}});
-  EXPECT_EQ(only_attributes.getHash(), nullptr);
-  EXPECT_EQ(only_attributes.getTargetFile(), nullptr);
-  EXPECT_EQ(only_attributes.getExtendedAttributes(), nullptr);
-  EXPECT_EQ(only_attributes.getFileSize(), 7u);
-
-  const VTLFileMetadata mistyped(Dictionary{{"VTLManifestFileAttributes", Value("not a dict")},
-                                            {"VTLManifestFileHash", Value("not data")},
-                                            {"VTLManifestSymbolicLinkTargetFile", Value(3)}});
-  EXPECT_EQ(mistyped.getFileAttributes(), nullptr);
-  EXPECT_EQ(mistyped.getFileType(), nullptr);
-  EXPECT_EQ(mistyped.getHash(), nullptr);
-  EXPECT_EQ(mistyped.getTargetFile(), nullptr);
-  EXPECT_EQ(mistyped.getFileSize(), 0u);
-  // Kept exactly as given.
-  EXPECT_EQ(mistyped.dict().at("VTLManifestFileHash"), Value("not data"));
-}
-
 // --- compareWith ----------------------------------------------------------------------
 
 Dictionary file_record(const Dictionary& attributes_override = {}, Dictionary xattrs = {},
@@ -575,28 +528,6 @@ TEST(CompareWith, FirstDifferenceInOrder) {
   }
 }
 
-TEST_F(FileMetadataTest, TwoRecordsOfUntouchedItemsCompareEqual) {
-  write_file(at("a"), "same");
-  testsupport::set_xattr(at("a"), "user.k", "v");
-  make_dir(at("d"));
-  testsupport::make_link("a", at("l"));
-  for (const char* name : {"a", "d", "l"}) {
-    const VTLFileMetadata first = record_of(at(name));
-    const VTLFileMetadata second = record_of(at(name));
-    EXPECT_EQ(first.compareWith(&second), 6) << name;
-  }
-  // Two files that differ only in class and dates are the same file.
-  write_file(at("b"), "same");
-  testsupport::set_xattr(at("b"), "user.k", "v");
-  ASSERT_EQ(classes_->set(at("b"), "A"), 0);
-  const timespec times[2] = {{0, UTIME_OMIT}, {1000, 0}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, at("b").c_str(), times, 0), 0);
-  const VTLFileMetadata a = record_of(at("a"));
-  const VTLFileMetadata b = record_of(at("b"));
-  EXPECT_EQ(a.compareWith(&b), 6);
-  EXPECT_EQ(b.compareWith(&a), 6);
-}
-
 // --- Restoring ---------------------------------------------------------------------------
 
 TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
@@ -619,34 +550,6 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
                                       "ModificationDate", "OwnerAccountID", "OwnerAccountName",
                                       "PosixPermissions", "TypeCode"}));
   EXPECT_TRUE(VTLFileMetadata::fileAttributesAllowSet({{"FileType", Value("Regular")}}).empty());
-}
-
-TEST_F(FileMetadataTest, RestorePutsOwnershipModeDateClassAndXattrsBack) {
-  const std::string source = at("source");
-  write_file(source, "payload");
-  ASSERT_EQ(::chown(source.c_str(), 501, 501), 0);
-  ASSERT_EQ(::chmod(source.c_str(), 02640), 0);
-  const timespec times[2] = {{0, UTIME_OMIT}, {1600000000, 5}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, source.c_str(), times, 0), 0);
-  ASSERT_EQ(classes_->set(source, "B"), 0);
-  testsupport::set_xattr(source, "user.one", "1");
-  testsupport::set_xattr(source, "trusted.two", std::string("\0\x02", 2));
-  const VTLFileMetadata recorded = record_of(source);
-
-  const std::string staged = at("staged");
-  write_file(staged, "payload");
-  testsupport::set_xattr(staged, "user.unrelated", "stays");
-  ASSERT_TRUE(recorded.restoreAttribuesToPath(staged));
-
-  const VTLFileMetadata now = record_of(staged);
-  EXPECT_EQ(*attribute(now, "OwnerAccountID"), Value(501));
-  EXPECT_EQ(*attribute(now, "PosixPermissions"), Value(02640));
-  EXPECT_EQ(*attribute(now, "ModificationDate"), *attribute(recorded, "ModificationDate"));
-  EXPECT_EQ(*attribute(now, "ProtectionClass"), Value("B"));
-  const Dictionary& xattrs = *now.getExtendedAttributes();
-  EXPECT_EQ(xattrs.at("user.one"), Value(bytes("1")));
-  EXPECT_EQ(xattrs.at("trusted.two"), Value(bytes(std::string("\0\x02", 2))));
-  EXPECT_EQ(xattrs.at("user.unrelated"), Value(bytes("stays")));
 }
 
 TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {

@@ -1,24 +1,22 @@
 // The streaming binary property-list writer, read back by libplist: every
 // type and size class of the format, reference and offset widths, text that
-// needs UTF-16, malformed UTF-8, the manifest store's writer, and the fuzz
-// corpus replayed.
+// needs UTF-16, malformed UTF-8 and the manifest store's writer. The fuzz
+// corpus is replayed by fuzz_corpus_test.cpp.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "base/plist.h"
-#include "fuzz/plist_value_source.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_store.h"
+#include "base/plist.h"
 #include "tests/support/daemon.h"
 
 namespace {
@@ -83,13 +81,6 @@ TEST(BinaryPlistWriter, EveryTypeAndSizeClassReadsBack) {
   EXPECT_EQ(*read, value);
   // And libplist reads its own writer's version of it the same way.
   EXPECT_EQ(vtl::plist_from_bytes(vtl::plist_to_binary(value)), read);
-}
-
-TEST(BinaryPlistWriter, TopLevelScalarsAndEmptyContainers) {
-  for (const Value& v : {Value(7), Value("only"), Value(Data{}), Value(Array{}),
-                         Value(Dictionary{}), Value(false)}) {
-    EXPECT_EQ(round_trip(v), v);
-  }
 }
 
 TEST(BinaryPlistWriter, ManyObjectsWidenTheReferences) {
@@ -179,18 +170,6 @@ TEST(ManifestStoreWriter, StreamsWhatTheDictionaryHolds) {
   EXPECT_FALSE(store.holds_dictionary("/dir0/file0"));
 }
 
-TEST(ManifestStoreWriter, EmptyManifest) {
-  vtl::manifest::ManifestStore store;
-  std::vector<std::uint8_t> bytes;
-  vtl::bplist::ByteSink sink(&bytes);
-  ASSERT_EQ(store.write_binary(sink), 0);
-  EXPECT_EQ(vtl::plist_from_bytes(bytes), Value(Dictionary{}));
-}
-
-std::filesystem::path corpus_dir() {
-  return std::filesystem::path(__FILE__).parent_path() / ".." / "fuzz" / "corpus" / "bplist_writer";
-}
-
 // The fuzz target's check, for every committed input.
 TEST(ReplaceFile, RemovesTheTemporariesOfWritersThatAreGoneAndNoOtherFile) {
   testsupport::TempDir dir;
@@ -217,29 +196,6 @@ TEST(ReplaceFile, RemovesTheTemporariesOfWritersThatAreGoneAndNoOtherFile) {
   EXPECT_TRUE(std::filesystem::exists(live));
   for (const std::string& path : others) EXPECT_TRUE(std::filesystem::exists(path)) << path;
   EXPECT_EQ(vtl::read_plist_file(target, 1024), Value(1));
-}
-
-TEST(BinaryPlistWriterCorpus, EveryInputRoundTrips) {
-  ASSERT_TRUE(std::filesystem::is_directory(corpus_dir())) << corpus_dir();
-  std::size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(corpus_dir())) {
-    if (!entry.is_regular_file()) continue;
-    ++files;
-    SCOPED_TRACE(entry.path().filename().string());
-    std::ifstream in(entry.path(), std::ios::binary);
-    const std::vector<std::uint8_t> input((std::istreambuf_iterator<char>(in)),
-                                          std::istreambuf_iterator<char>());
-    plistfuzz::ValueSource source(input);
-    const Value value = source.value();
-    EXPECT_EQ(round_trip(value), value);
-    vtl::manifest::ManifestStore store;
-    store.set_value("/record", value);
-    std::vector<std::uint8_t> bytes;
-    vtl::bplist::ByteSink sink(&bytes);
-    ASSERT_EQ(store.write_binary(sink), 0);
-    EXPECT_EQ(vtl::plist_from_bytes(bytes), Value(Dictionary{{"/record", value}}));
-  }
-  EXPECT_GT(files, 0u);
 }
 
 }  // namespace

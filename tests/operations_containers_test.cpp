@@ -148,14 +148,4 @@ TEST_F(ContainerTest, LogEntryLinksAreReownedAsLinksNotTargets) {
   EXPECT_EQ(st.st_uid, 0u);
 }
 
-TEST_F(ContainerTest, RemoveDirectory) {
-  const std::string dir = at("/private/var/gone");
-  fs::create_directories(dir + "/a/b");
-  touch(dir + "/a/b/c");
-  EXPECT_TRUE(ops_.removeDirectory(&dir));
-  EXPECT_FALSE(fs::exists(dir));
-  // Nothing there is success too.
-  EXPECT_TRUE(ops_.removeDirectory(&dir));
-}
-
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -19,6 +18,7 @@
 #include "platform/sim/device.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 
 namespace {
 
@@ -26,12 +26,7 @@ namespace fs = std::filesystem;
 using testsupport::TempDir;
 using vtl::VTLHOperations;
 
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using testsupport::read_file;
 
 // The stored bytes of one variable, whichever backend holds it.
 class Backend {

@@ -94,38 +94,6 @@ class RestoreThroughHelper : public ::testing::Test {
   testsupport::TestPlatform platform_;
 };
 
-TEST_F(RestoreThroughHelper, EveryStagedFileEndsUpAsItsRecordSays) {
-  testsupport::TempDir source;
-  make_source_tree(source.path(), 7, 300, *classes_);
-  const Dictionary records = record_tree(source.path());
-  stage_copy(source.path(), device_.path(kStaging));
-
-  Dictionary raw = testsupport::raw_manifest();
-  raw["AppData"] = Value(Dictionary{{"com.example.app", Value(Dictionary{{"Manifest", records}})}});
-  sign(raw);
-  device_.start();
-  krx::Client client = device_.connect();
-  EXPECT_EQ(
-      request(client, dict({{"restoreAttributes:", dict({{"StagingRootPath", kStaging},
-                                                         {"ManifestPath", kManifest},
-                                                         {"ContentType", "AppData"},
-                                                         {"Identifier", "com.example.app"}})}})),
-      std::vector{kTrue});
-  std::size_t checked = 0;
-  for (const auto& [relative, record] : records) {
-    const std::string path = device_.path(kStaging) + (relative == "/" ? "" : relative);
-    EXPECT_EQ(testsupport::differences_from_record(path, *record.dictionary()), "") << relative;
-    ++checked;
-  }
-  EXPECT_EQ(checked, 300u + 7u + 1u);
-  EXPECT_TRUE(device_.wait_for_log(
-      "Entering -[VTLHMessageResponder restoreAttributes:] with parameter: { ContentType = "
-      "AppData; Identifier = com.example.app; ManifestPath = "
-      "\"/private/var/mobile/content.signedmanifest\"; StagingRootPath = "
-      "\"/private/var/mobile/Staging\"; }"));
-  EXPECT_TRUE(device_.wait_for_log("Manifest passed signature check."));
-}
-
 TEST_F(RestoreThroughHelper, RefusedManifestsAndSelectionsAnswerFalse) {
   fs::create_directories(device_.path(kStaging));
   std::ofstream(device_.path(kStaging) + "/f") << "x";
@@ -147,16 +115,6 @@ TEST_F(RestoreThroughHelper, RefusedManifestsAndSelectionsAnswerFalse) {
                                                          {"Identifier", "com.example.none"}})}})),
       std::vector{kFalse});
   EXPECT_TRUE(device_.wait_for_log("Couldn't load container data for AppData/com.example.none"));
-
-  // Signed by a signer this device does not trust.
-  testsupport::write_signed_manifest(
-      device_.path(kManifest),
-      testsupport::pki_signer("unknown-leaf", {"unknown-intermediate", "unknown-root"}), raw);
-  EXPECT_EQ(request(client, dict({{"restoreAttributes:", dict({{"StagingRootPath", kStaging},
-                                                               {"ManifestPath", kManifest}})}})),
-            std::vector{kFalse});
-  EXPECT_TRUE(device_.wait_for_log(
-      "-[VTLSignedManifest verifyManifestSignature:]: Certificate not valid."));
 }
 
 TEST_F(RestoreThroughHelper, TheStagingTreeReplacesVarBackup) {

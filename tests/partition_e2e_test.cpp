@@ -85,24 +85,6 @@ class PartitionE2ETest : public ::testing::Test {
   Device device_;
 };
 
-TEST_F(PartitionE2ETest, ShrinkAndExpandAnswerTrueAndKeepFileSystemAndPartitionOneSize) {
-  EXPECT_EQ(send("shrinkDataPartition:"), true);
-  EXPECT_TRUE(device_.wait_for_log(
-      "Entering -[VTLHMessageResponder shrinkDataPartition:] with parameter: 1"));
-  EXPECT_EQ(partition(), 176 * MiB);
-  EXPECT_EQ(volume(), 176 * MiB);
-
-  EXPECT_EQ(send("expandDataPartition:"), true);
-  EXPECT_TRUE(device_.wait_for_log(
-      "Entering -[VTLHMessageResponder expandDataPartition:] with parameter: 1"));
-  const std::int64_t all_free = (131061 - 2 * 16384) * std::int64_t{4096};
-  EXPECT_EQ(partition(), all_free);
-  EXPECT_EQ(volume(), all_free);
-  // Asked again, there is nothing to change.
-  EXPECT_EQ(send("expandDataPartition:"), true);
-  EXPECT_TRUE(device_.wait_for_log("no change in size"));
-}
-
 struct ShrinkFault {
   const char* name;
   const char* key;
@@ -177,16 +159,6 @@ TEST_F(PartitionE2ETest, EveryExpandFaultLeavesASafeState) {
     }
     EXPECT_EQ(volume(), partition());
   }
-}
-
-TEST_F(PartitionE2ETest, ARefusedRequestNamesItsReasonInTheLog) {
-  ::unlink(device_.path(sim::kMountsStatePath).c_str());
-  EXPECT_EQ(send("shrinkDataPartition:"), false);
-  EXPECT_TRUE(device_.wait_for_log("failed to get filesystem information"));
-  EXPECT_TRUE(device_.wait_for_log(
-      "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)"));
-  EXPECT_EQ(partition(), 256 * MiB);
-  EXPECT_TRUE(device_.running());
 }
 
 }  // namespace

@@ -218,10 +218,4 @@ TEST_F(PartitionMapTest, WithoutGeometryAnyBlockSizeTheDeviceGivesIsSafe) {
   EXPECT_EQ(log(), Lines{"Device /dev/rdisk0s1 not suitable"});
 }
 
-TEST_F(PartitionMapTest, OpensForWritingWithASharedLockFlag) {
-  EXPECT_NE(vtl::open_raw_disk(platform::kDiskOpenReadWriteShared), nullptr);
-  EXPECT_EQ(platform::kDiskOpenReadWriteShared, 18);
-  EXPECT_EQ(platform::kDiskOpenReadOnly, 0);
-}
-
 }  // namespace

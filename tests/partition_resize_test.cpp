@@ -108,6 +108,16 @@ class ResizeTest : public ::testing::Test {
         "DiskUsage", vtl::Dictionary{{"TotalDataCapacity", total}, {"TotalDataAvailable", free}});
     set_state(sim::kDevicePropertiesStatePath, answers);
   }
+  // The registry's entry for the data volume's disk; nullopt removes it.
+  void set_data_disk(const std::optional<vtl::Value>& entry) {
+    vtl::Value disks = state(sim::kDisksStatePath);
+    if (entry) {
+      disks.dictionary()->insert_or_assign("disk0s1s2", *entry);
+    } else {
+      disks.dictionary()->erase("disk0s1s2");
+    }
+    set_state(sim::kDisksStatePath, disks);
+  }
   void set_fault(const char* key, const vtl::Value& v) {
     set_state(sim::kStorageFaultsPath, vtl::Dictionary{{key, v}});
   }
@@ -217,6 +227,9 @@ TEST_F(ResizeTest, HalfAnOddFreeSizeRoundsTowardZeroAndSizesRoundUpToBlocks) {
 }
 
 TEST_F(ResizeTest, RefusalsAndTheirMessages) {
+  const std::string kNotMounted =
+      "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)";
+  const std::string kNotAdjusted = "failed to adjust partition 1";
   struct Case {
     const char* name;
     std::function<void(ResizeTest&)> arrange;
@@ -252,47 +265,29 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
        },
        vtl::shrink_data_partition,
        -1,
-       {"filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)",
-        "failed to adjust partition 1"}},
+       {kNotMounted, kNotAdjusted}},
       {"no registry service for the disk",
-       [](ResizeTest& t) {
-         vtl::Value disks = t.state(sim::kDisksStatePath);
-         disks.dictionary()->erase("disk0s1s2");
-         t.set_state(sim::kDisksStatePath, disks);
-       },
+       [](ResizeTest& t) { t.set_data_disk(std::nullopt); },
        vtl::shrink_data_partition,
        -1,
-       {"failed to find an RegService owning disk0s1s2 (unexpected)",
-        "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)",
-        "failed to adjust partition 1"}},
+       {"failed to find an RegService owning disk0s1s2 (unexpected)", kNotMounted, kNotAdjusted}},
       {"a disk without UUID",
-       [](ResizeTest& t) {
-         vtl::Value disks = t.state(sim::kDisksStatePath);
-         disks.dictionary()->insert_or_assign("disk0s1s2", vtl::Dictionary{});
-         t.set_state(sim::kDisksStatePath, disks);
-       },
+       [](ResizeTest& t) { t.set_data_disk(vtl::Dictionary{}); },
        vtl::shrink_data_partition,
        -1,
-       {"device matching disk0s1s2 has no UUID (unexpected)",
-        "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)",
-        "failed to adjust partition 1"}},
+       {"device matching disk0s1s2 has no UUID (unexpected)", kNotMounted, kNotAdjusted}},
       {"a UUID that is no string",
        [](ResizeTest& t) {
-         vtl::Value disks = t.state(sim::kDisksStatePath);
-         disks.dictionary()->insert_or_assign("disk0s1s2", vtl::Dictionary{{"UUID", 7}});
-         t.set_state(sim::kDisksStatePath, disks);
+         t.set_data_disk(vtl::Dictionary{{"UUID", 7}});
        },
        vtl::shrink_data_partition,
        -1,
-       {"failed to get string from UUID property (unexpected)",
-        "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)",
-        "failed to adjust partition 1"}},
+       {"failed to get string from UUID property (unexpected)", kNotMounted, kNotAdjusted}},
       {"no mount table",
        [](ResizeTest& t) { ::unlink((t.root() + sim::kMountsStatePath).c_str()); },
        vtl::shrink_data_partition,
        -1,
-       {"filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=45056)",
-        "failed to adjust partition 1"}},
+       {kNotMounted, kNotAdjusted}},
       {"the disk is a block node",
        [](ResizeTest& t) {
          t.set_state(sim::kDiskStatePath,

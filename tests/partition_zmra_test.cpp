@@ -5,12 +5,10 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "partition/gpt.h"
 #include "partition/utf16.h"
@@ -48,10 +46,6 @@ Medium make_medium(std::uint64_t media_size, std::uint32_t block_size) {
   EXPECT_EQ(vtl::zmraCreateHeader(&m.geometry, &m.header), 0);
   vtl::zmraSetHeaderCRC(&m.header);
   return m;
-}
-
-std::uint64_t data_start(const ZmraMediaGeometry& g) {
-  return 16384 + 2 * std::uint64_t{g.blockSize};
 }
 
 // --- Geometry ----------------------------------------------------------------
@@ -269,33 +263,6 @@ TEST(ZmraAcquire, TakesTheMainCopyThenTheBackupAndSaysWhyNeitherServed) {
   }
 }
 
-// --- Chunk lookup --------------------------------------------------------------
-
-TEST(ZmraChunkLookup, FindsThePhysicalChunkOfAPartitionOffset) {
-  Medium m = make_medium(GiB, 4096);  // 1 MiB chunks, partition 0 on chunks 1..1016
-  const ZmraMediaGeometry& g = m.geometry;
-  std::uint16_t chunk = 0;
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 0, 0, &chunk), 0);
-  EXPECT_EQ(chunk, 1);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 0, 5 * MiB + 17, &chunk), 0);
-  EXPECT_EQ(chunk, 6);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionBlock(&g, &m.header, 0, 256 * 3, &chunk), 0);
-  EXPECT_EQ(chunk, 4);
-  const std::uint64_t length = g.usableSize;
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 0, length - 1, &chunk), 0);
-  EXPECT_EQ(chunk, 1016);
-  // Past the end, another partition, no such partition, an overflowing block.
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 0, length, &chunk), -1);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 1, 0, &chunk), -1);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 8, 0, &chunk), -1);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionBlock(&g, &m.header, 0, UINT64_MAX / 2, &chunk), -1);
-  // A chunk moved elsewhere in the map is found there.
-  vtl::zmraHeaderSetChunk(m.header, 6, 0xF111);
-  vtl::zmraHeaderSetChunk(m.header, 1020, 5);
-  EXPECT_EQ(vtl::zmraChunkContainingPartitionByte(&g, &m.header, 0, 5 * MiB, &chunk), 0);
-  EXPECT_EQ(chunk, 1020);
-}
-
 // --- Check and repair, one invariant at a time ------------------------------------
 
 // A 1 GiB medium (1 MiB chunks, 1024 of them) whose partition 0 is split in
@@ -417,84 +384,6 @@ TEST(ZmraCheckAndRepair, ChunksBeyondTheMediumMustBeInvalid) {
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraRepairHeader(&m.geometry, &m.header), 0); }),
             "zmra: reclaiming chunk 0x0320 not assigned to valid partition\n");
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraCheckHeader(&m.geometry, &m.header), 0); }), "");
-}
-
-TEST(ZmraCheckAndRepair, NullArgumentsAreReported) {
-  Medium m = make_medium(GiB, 4096);
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraCheckHeader(nullptr, &m.header), -1); }),
-            "zmra: NULL media properties\n");
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraCheckHeader(&m.geometry, nullptr), -1); }),
-            "zmra: NULL header buffer\n");
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraRepairHeader(nullptr, &m.header), -1); }),
-            "zmra: NULL media properties\n");
-  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraRepairHeader(&m.geometry, nullptr), -1); }),
-            "zmra: NULL header buffer\n");
-}
-
-TEST(ZmraCheckAndRepair, RepairTurnsArbitraryBytesIntoAHeaderThatPassesTheCheck) {
-  std::mt19937_64 random(20240601);
-  for (int round = 0; round < 300; ++round) {
-    SCOPED_TRACE(round);
-    Medium m = two_partitions();
-    // From light damage (a few bytes of a good header) to pure noise.
-    const int flips = round < 200 ? 1 + round % 40 : 4096;
-    for (int i = 0; i < flips; ++i) {
-      m.header.bytes[random() % vtl::kZmraHeaderSize] = static_cast<std::uint8_t>(random());
-    }
-    int rc = 0;
-    std::string out = stderr_of([&] { rc = vtl::zmraRepairHeader(&m.geometry, &m.header); });
-    ASSERT_EQ(rc, 0) << out;
-    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(vtl::zmraCheckHeader(&m.geometry, &m.header), 0); }), "");
-    // Every line the repair wrote is one of its own.
-    std::size_t start = 0;
-    while (start < out.size()) {
-      const std::size_t end = out.find('\n', start);
-      ASSERT_NE(end, std::string::npos);
-      EXPECT_EQ(out.compare(start, 6, "zmra: "), 0) << out.substr(start, end - start);
-      start = end + 1;
-    }
-  }
-}
-
-// --- Export ------------------------------------------------------------------
-
-TEST(ZmraExport, DescribesTheMediumAsJson) {
-  Medium m = two_partitions();
-  // A name outside ASCII and the BMP comes out exactly.
-  set_record(m, 1, [](auto& r) {
-    ASSERT_EQ(vtl::utf_encodestr2("D\xC3\xA4t\"a \xF0\x9F\x98\x80", r.name), 8);
-  });
-  vtl::zmraSetHeaderCRC(&m.header);
-  std::string text;
-  ASSERT_EQ(vtl::Zmra_ExportMediaInfo(&m.geometry, &m.header, &text), 0);
-  for (char c : text) ASSERT_LT(static_cast<unsigned char>(c), 0x80);
-  const nlohmann::json j = nlohmann::json::parse(text);
-  EXPECT_EQ(j["Format"], "current");
-  EXPECT_EQ(j["CRCValid"], true);
-  EXPECT_EQ(j["MediaSize"], GiB);
-  EXPECT_EQ(j["Geometry"]["ChunkSize"], MiB);
-  EXPECT_EQ(j["Geometry"]["ChunkCount"], 1024);
-  EXPECT_EQ(j["SpareChunks"], 7);
-  ASSERT_EQ(j["Partitions"].size(), 2U);
-  EXPECT_EQ(j["Partitions"][0]["Name"], "Zmra");
-  EXPECT_EQ(j["Partitions"][0]["Type"], "0FC63DAF-8483-4772-8E79-3D69D8477DE4");
-  EXPECT_EQ(j["Partitions"][0]["Begin"], data_start(m.geometry));
-  EXPECT_EQ(j["Partitions"][0]["Chunks"].size(), 400U);
-  EXPECT_EQ(j["Partitions"][0]["Chunks"][0], 1);
-  EXPECT_EQ(j["Partitions"][1]["Name"], "D\xC3\xA4t\"a \xF0\x9F\x98\x80");
-  EXPECT_EQ(j["Partitions"][1]["Chunks"].size(), 616U);
-  EXPECT_EQ(j["Partitions"][1]["Chunks"][615], 1016);
-
-  vtl::zmraHeaderSetChunk(m.header, 6, 0xF111);
-  text.clear();
-  ASSERT_EQ(vtl::Zmra_ExportMediaInfo(&m.geometry, &m.header, &text), 0);
-  const nlohmann::json broken = nlohmann::json::parse(text);
-  EXPECT_EQ(broken["CRCValid"], false);
-  EXPECT_EQ(broken["Partitions"][0]["Chunks"][5], -1);
-
-  EXPECT_EQ(
-      stderr_of([&] { EXPECT_EQ(vtl::Zmra_ExportMediaInfo(&m.geometry, &m.header, nullptr), -1); }),
-      "zmra: NULL header buffer\n");
 }
 
 // --- UTF-16 names --------------------------------------------------------------

@@ -1,12 +1,7 @@
 // The simulated device's system log: standard error, one whole line per
 // message.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -14,55 +9,23 @@
 #include <vector>
 
 #include "platform/system_log.h"
+#include "tests/support/stderr_capture.h"
 
 namespace {
 
-// Points standard error at a file for the lifetime of the object.
-class StderrToFile {
- public:
-  StderrToFile() {
-    std::string pattern = "/tmp/vtl_system_log_XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    dir_ = pattern;
-    static_cast<void>(std::fflush(stderr));
-    saved_ = ::dup(STDERR_FILENO);
-    const int fd =
-        ::open((dir_ + "/stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (saved_ < 0 || fd < 0 || ::dup2(fd, STDERR_FILENO) < 0) std::abort();
-    ::close(fd);
-  }
-  ~StderrToFile() {
-    ::dup2(saved_, STDERR_FILENO);
-    ::close(saved_);
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  StderrToFile(const StderrToFile&) = delete;
-  StderrToFile& operator=(const StderrToFile&) = delete;
-
-  std::string contents() const {
-    std::ifstream in(dir_ + "/stderr", std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
-
- private:
-  std::string dir_;
-  int saved_ = -1;
-};
+using testsupport::StderrCapture;
 
 TEST(StderrSystemLog, OneLinePerMessageVerbatim) {
-  StderrToFile capture;
+  StderrCapture capture;
   auto log = platform::make_stderr_system_log();
   log->write("VTLH: started");
   log->write("100% %s %@ kept as written");
   log->write("");
-  EXPECT_EQ(capture.contents(), "VTLH: started\n100% %s %@ kept as written\n\n");
+  EXPECT_EQ(capture.text(), "VTLH: started\n100% %s %@ kept as written\n\n");
 }
 
 TEST(StderrSystemLog, ConcurrentMessagesStayWhole) {
-  StderrToFile capture;
+  StderrCapture capture;
   auto log = platform::make_stderr_system_log();
   constexpr int kThreads = 8;
   constexpr int kMessages = 300;
@@ -77,7 +40,7 @@ TEST(StderrSystemLog, ConcurrentMessagesStayWhole) {
     });
   }
   for (std::thread& th : threads) th.join();
-  std::istringstream in(capture.contents());
+  std::istringstream in(capture.text());
   std::set<std::string> seen;
   std::string line;
   while (std::getline(in, line)) {

@@ -30,7 +30,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AllOf;
-using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -219,25 +218,6 @@ TEST_F(VtldctlOnDevice, EachCommandAnswersWithItsExitStatus) {
       "Entering -[VTLHMessageResponder removeWorkContainer:] with parameter: /private/var/Work"));
 }
 
-TEST_F(VtldctlOnDevice, SendWaitsForOneAnswerPerKeyAndFailsOnAnyFalse) {
-  // Which command runs first is the helper's choice; both answers are due.
-  const Outcome run = on_device(
-      {"send",
-       R"({"prepareWorkContainer:": "/private/var/Both", "prepareLogContainer:": "/tmp/x"})"});
-  EXPECT_EQ(run.status, 1) << run.err;
-  EXPECT_THAT(run.out,
-              AnyOf("Response: true\nResponse: false\n", "Response: false\nResponse: true\n"));
-  EXPECT_TRUE(fs::is_directory(device_->path("/private/var/Both")));
-}
-
-TEST_F(VtldctlOnDevice, SendReadsStandardInput) {
-  const Outcome run =
-      on_device({"send", "-"}, R"({"prepareWorkContainer:": "/private/var/FromStdin"})");
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, "Response: true\n");
-  EXPECT_TRUE(fs::is_directory(device_->path("/private/var/FromStdin")));
-}
-
 TEST_F(VtldctlOnDevice, UnknownCommandEndsInTheTimeOutWithAHint) {
   const Outcome run = on_device({"send", "--timeout", "1", R"({"prepareWorkContainer": "/x"})"});
   EXPECT_EQ(run.status, 3);
@@ -245,28 +225,6 @@ TEST_F(VtldctlOnDevice, UnknownCommandEndsInTheTimeOutWithAHint) {
   EXPECT_THAT(run.err, AllOf(HasSubstr("vtldctl: no reply from the helper within 1 s"),
                              HasSubstr("for a command it does not know: its log says which")));
   EXPECT_TRUE(device_->wait_for_log("does not respond to prepareWorkContainer."));
-}
-
-TEST_F(VtldctlOnDevice, AnUnknownKeyAmongOthersEndsInTheTimeOutToo) {
-  // The helper drops the rest of a request at an unknown key, so the known
-  // one may or may not have run, depending on the helper's order.
-  const Outcome run = on_device(
-      {"--timeout", "1", "send", R"({"prepareWorkContainer:": "/private/var/A", "bogus:": 1})"});
-  EXPECT_EQ(run.status, 3);
-  EXPECT_THAT(run.out, AnyOf("", "Response: true\n"));
-  EXPECT_THAT(run.err, HasSubstr(" of 2 answers arrived)"));
-}
-
-TEST_F(VtldctlOnDevice, WithoutTheEntitlementTheHelperStaysSilent) {
-  // Entitlement files are read for every message, so removing it takes
-  // effect at once.
-  ASSERT_TRUE(fs::remove(device_->path("/etc/krx/entitlements.d/vtldctl.plist")));
-  const Outcome run = on_device({"--timeout", "1", "migrate-preferences"});
-  EXPECT_EQ(run.status, 3);
-  EXPECT_THAT(run.err,
-              HasSubstr("without the entitlement \"com.tessal.private.vantrel.vantreld\""));
-  EXPECT_TRUE(device_->wait_for_log("The client does not have proper entitlement"));
-  EXPECT_TRUE(fs::exists(device_->path("/var/root/Library/Preferences/com.tessal.Vantrel.plist")));
 }
 
 // vtld_helper serving a device that `vtldctl sim create` laid out.

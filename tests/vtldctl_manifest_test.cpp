@@ -17,6 +17,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
+#include "tests/support/output_file.h"
 #include "vtldctl/commands.h"
 #include "vtldctl/exit_status.h"
 #include "vtldctl/manifest_tools.h"
@@ -45,26 +46,7 @@ TEST(VtldctlManifestCommands, RowsBuildTheHelpersRequests) {
             dict({{"createHardLink:", dict({{"FilePath", "/a"}, {"StagingPath", "/b"}})}}));
 }
 
-// Captures what a tool prints.
-class Output {
- public:
-  Output() : file_(std::tmpfile()) {}
-  ~Output() { static_cast<void>(std::fclose(file_)); }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-  std::FILE* get() { return file_; }
-  std::string text() {
-    static_cast<void>(std::fflush(file_));
-    std::rewind(file_);
-    std::string s;
-    char buffer[4096];
-    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) s.append(buffer, n);
-    return s;
-  }
-
- private:
-  std::FILE* file_;
-};
+using Output = testsupport::OutputFile;
 
 class ManifestToolsTest : public ::testing::Test {
  protected:
@@ -98,7 +80,7 @@ TEST_F(ManifestToolsTest, ShowPrintsOneLinePerRecord) {
 
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_show(file, false, out.get(), err.get()), vtldctl::kExitSuccess);
+  EXPECT_EQ(vtldctl::manifest_show(file, false, out.file(), err.file()), vtldctl::kExitSuccess);
   const std::string text = out.text();
   EXPECT_NE(text.find(file + ": 2 records\n"), std::string::npos) << text;
   // SHA-1 of "hello": aaf4c61ddcc5e8a2dabede0f3b482cd9aea9434d.
@@ -121,7 +103,7 @@ TEST_F(ManifestToolsTest, ShowAsJsonKeepsEveryValue) {
   const std::string file = manifest_of(tree, dir_ / "m.plist");
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_show(file, true, out.get(), err.get()), vtldctl::kExitSuccess);
+  EXPECT_EQ(vtldctl::manifest_show(file, true, out.file(), err.file()), vtldctl::kExitSuccess);
   const nlohmann::json j = nlohmann::json::parse(out.text());
   const auto& record = j.at("/a");
   EXPECT_EQ(record.at("VTLManifestFileHash"), "aaf4c61ddcc5e8a2dabede0f3b482cd9aea9434d");
@@ -154,7 +136,7 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
 
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_diff(first, second, out.get(), err.get()), vtldctl::kExitFailed);
+  EXPECT_EQ(vtldctl::manifest_diff(first, second, out.file(), err.file()), vtldctl::kExitFailed);
   EXPECT_EQ(out.text(),
             "/changed: contents differ (SHA-1) (51de2b835bd3 -> 405906c9d5be)\n"
             "/link: link target differs (same -> changed)\n"
@@ -170,7 +152,7 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
                 first + "; 1 only in " + second + "\n");
 
   Output same;
-  EXPECT_EQ(vtldctl::manifest_diff(first, first, same.get(), err.get()), vtldctl::kExitSuccess);
+  EXPECT_EQ(vtldctl::manifest_diff(first, first, same.file(), err.file()), vtldctl::kExitSuccess);
 }
 
 TEST_F(ManifestToolsTest, FilesThatAreNotManifestsAreRefused) {
@@ -179,11 +161,11 @@ TEST_F(ManifestToolsTest, FilesThatAreNotManifestsAreRefused) {
              "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>");
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_show(dir_ / "junk", false, out.get(), err.get()),
+  EXPECT_EQ(vtldctl::manifest_show(dir_ / "junk", false, out.file(), err.file()),
             vtldctl::kExitLocalFailure);
-  EXPECT_EQ(vtldctl::manifest_show(dir_ / "array.plist", false, out.get(), err.get()),
+  EXPECT_EQ(vtldctl::manifest_show(dir_ / "array.plist", false, out.file(), err.file()),
             vtldctl::kExitLocalFailure);
-  EXPECT_EQ(vtldctl::manifest_diff(dir_ / "missing", dir_ / "junk", out.get(), err.get()),
+  EXPECT_EQ(vtldctl::manifest_diff(dir_ / "missing", dir_ / "junk", out.file(), err.file()),
             vtldctl::kExitLocalFailure);
   EXPECT_NE(err.text().find("not a manifest"), std::string::npos);
 }

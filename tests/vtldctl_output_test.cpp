@@ -20,6 +20,7 @@
 #include "krx/client.h"
 #include "krx/codec.h"
 #include "krx/value.h"
+#include "tests/support/output_file.h"
 #include "vtldctl/exchange.h"
 #include "vtldctl/reply_printer.h"
 
@@ -29,24 +30,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using namespace std::chrono_literals;
 
-// A stream that can be read back: what vtldctl printed.
-class Capture {
- public:
-  Capture() : file_(std::tmpfile(), &std::fclose) {}
-  std::FILE* file() const { return file_.get(); }
-  std::string text() const {
-    (void)std::fflush(file_.get());
-    std::string content;
-    std::rewind(file_.get());
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, file_.get())) > 0) content.append(buffer, n);
-    return content;
-  }
-
- private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
-};
+using Capture = testsupport::OutputFile;
 
 TEST(ProgressBar, FillsInTwentiethsWithinZeroToAHundred) {
   EXPECT_EQ(vtldctl::progress_bar(0), "[                    ]   0%");

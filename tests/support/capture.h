@@ -32,6 +32,11 @@ class CapturedLog final : public platform::SystemLog {
     }
     return false;
   }
+  std::size_t count_starting_with(const std::string& prefix) const {
+    std::size_t n = 0;
+    for (const std::string& l : lines()) n += l.starts_with(prefix) ? 1U : 0U;
+    return n;
+  }
   void clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();
