@@ -182,6 +182,23 @@ constexpr const char* kWorkContainer = "/private/var/VTLWorkContainer";
 constexpr const char* kLogContainer = "/private/var/logs/vtld-client";
 constexpr const char* kRefusedLogPath = "/tmp/x";
 
+// The data volume's size as the simulated device's mounts record it; -1
+// when they do not say.
+std::int64_t data_volume_bytes(const DemoDevice& d) {
+  std::int64_t volume = -1;
+  const std::optional<vtl::Value> mounts =
+      platform::sim::read_state(d.root(), platform::sim::kMountsStatePath);
+  if (!mounts || mounts->array() == nullptr) return volume;
+  for (const vtl::Value& m : *mounts->array()) {
+    const std::string* on = m.find_string("MountedOn");
+    const vtl::Value* size = m.find("Size");
+    if (on != nullptr && *on == "/private/var" && size != nullptr && size->integer()) {
+      volume = *size->integer();
+    }
+  }
+  return volume;
+}
+
 // The partition map as the disk now has it, one fact per entry, and the
 // data volume's size against its partition's: wrong where the volume is
 // larger than its partition or the partition is not `data_bytes`.
@@ -203,18 +220,7 @@ std::vector<Fact> partition_facts(const DemoDevice& d, std::uint64_t data_bytes)
   }
   facts.push_back(Fact{
       fmt::format("free           {:>24.1f} MiB", mib(map->free_blocks * map->block_size)), ""});
-  std::int64_t volume = -1;
-  if (const std::optional<vtl::Value> mounts =
-          platform::sim::read_state(d.root(), platform::sim::kMountsStatePath);
-      mounts && mounts->array() != nullptr) {
-    for (const vtl::Value& m : *mounts->array()) {
-      const std::string* on = m.find_string("MountedOn");
-      const vtl::Value* size = m.find("Size");
-      if (on != nullptr && *on == "/private/var" && size != nullptr && size->integer()) {
-        volume = *size->integer();
-      }
-    }
-  }
+  const std::int64_t volume = data_volume_bytes(d);
   facts.push_back(
       Fact{fmt::format("data volume /private/var {:>14.1f} MiB",
                        mib(static_cast<std::uint64_t>(std::max<std::int64_t>(volume, 0)))),
@@ -284,31 +290,33 @@ vtl::Dictionary record_of(const Prescribed& item) {
           {"VTLManifestSymbolicLinkTargetFile", vtl::Value("")}};
 }
 
-// The client's download, staged by hard links (as the client stages what it
-// owns), and a signed manifest for it from the device's own test signer.
-std::string stage_and_sign(const DemoDevice& d) {
-  for (const Prescribed& item : prescribed_items()) {
-    const std::string download = d.host_path(std::string(kDownloads) + item.path);
-    const std::string staged = d.host_path(std::string(kStaging) + item.path);
-    if (item.directory) {
-      std::error_code ec;
-      fs::create_directories(download, ec);
-      fs::create_directories(staged, ec);
-      if (ec) return "cannot create " + staged + ": " + ec.message();
-      static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
-    } else {
-      if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
-          !error.empty()) {
-        return error;
-      }
-      static_cast<void>(::chmod(download.c_str(), 0644));
-      if (::link(download.c_str(), staged.c_str()) != 0) {
-        return "cannot link " + staged + ": " + std::strerror(errno);
-      }
+// One item of the client's download, and its staged name: a new directory,
+// or a hard link to the downloaded file (as the client stages what it owns).
+std::string download_and_stage(const DemoDevice& d, const Prescribed& item) {
+  const std::string download = d.host_path(std::string(kDownloads) + item.path);
+  const std::string staged = d.host_path(std::string(kStaging) + item.path);
+  if (item.directory) {
+    std::error_code ec;
+    fs::create_directories(download, ec);
+    fs::create_directories(staged, ec);
+    if (ec) return "cannot create " + staged + ": " + ec.message();
+    static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
+  } else {
+    if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
+        !error.empty()) {
+      return error;
     }
-    static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
+    static_cast<void>(::chmod(download.c_str(), 0644));
+    if (::link(download.c_str(), staged.c_str()) != 0) {
+      return "cannot link " + staged + ": " + std::strerror(errno);
+    }
   }
+  static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
+  return "";
+}
 
+// The signed manifest of the download, from the device's own test signer.
+std::string write_signed_manifest(const DemoDevice& d) {
   vtl::Dictionary records;
   for (const Prescribed& item : prescribed_items()) records.emplace(item.path, record_of(item));
   vtl::Dictionary raw = {
@@ -334,24 +342,41 @@ std::string stage_and_sign(const DemoDevice& d) {
   return "";
 }
 
-// The extended attributes and protection class of the item at `path`, and
-// what is wrong with them against `item`.
-Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescribed& item) {
-  static const auto classes = platform::make_xattr_protection_classes();
-  const std::string host = d.host_path(path);
+// The client's download, staged, and its signed manifest.
+std::string stage_and_sign(const DemoDevice& d) {
+  for (const Prescribed& item : prescribed_items()) {
+    if (std::string error = download_and_stage(d, item); !error.empty()) return error;
+  }
+  return write_signed_manifest(d);
+}
+
+// The extended attributes of the item at `host` (name, value), sorted by
+// name; those that hold the protection class are left out.
+std::vector<std::pair<std::string, std::string>> extended_attributes(
+    const platform::ProtectionClasses& classes, const std::string& host) {
   std::vector<std::pair<std::string, std::string>> found;
   char names[1024];
   const ssize_t n = ::llistxattr(host.c_str(), names, sizeof names);
   for (ssize_t at = 0; at > -1 && at < n;) {
     const std::string name(names + at);
     at += static_cast<ssize_t>(name.size()) + 1;
-    if (classes->hides_attribute(name)) continue;
+    if (classes.hides_attribute(name)) continue;
     char value[256];
     const ssize_t length = ::lgetxattr(host.c_str(), name.c_str(), value, sizeof value);
     found.emplace_back(name,
                        std::string(value, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
   }
   std::sort(found.begin(), found.end());
+  return found;
+}
+
+// The extended attributes and protection class of the item at `path`, and
+// what is wrong with them against `item`.
+Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescribed& item) {
+  static const auto classes = platform::make_xattr_protection_classes();
+  const std::string host = d.host_path(path);
+  const std::vector<std::pair<std::string, std::string>> found =
+      extended_attributes(*classes, host);
   std::string text = "    class " + classes->get(host).value_or("(none)") + ";";
   for (const auto& [name, value] : found) {
     text += ' ';
