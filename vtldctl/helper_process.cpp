@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -36,9 +37,8 @@ std::vector<std::string> environment_with(const std::vector<std::string>& extra)
   std::vector<std::string> result = extra;
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string entry = *e;
-    bool replaced = false;
-    for (const std::string& own : extra)
-      replaced = replaced || variable_name(own) == variable_name(entry);
+    const bool replaced = std::ranges::any_of(
+        extra, [&](const std::string& own) { return variable_name(own) == variable_name(entry); });
     if (!replaced) result.push_back(entry);
   }
   return result;
@@ -132,8 +132,9 @@ int Launch::open_stream(const HelperStream& stream, std::string* error) {
     // Memory, not a pipe: nobody reads while the helper runs, and a pipe
     // that fills up would stall it.
     if (memory_ < 0) memory_ = ::memfd_create("vtld_helper-output", MFD_CLOEXEC);
-    if (memory_ < 0)
+    if (memory_ < 0) {
       *error = fmt::format("cannot keep the helper's output: {}", std::strerror(errno));
+    }
     return memory_;
   }
   const bool to_file = stream.to == HelperStream::To::kFile;
@@ -146,8 +147,9 @@ int Launch::open_stream(const HelperStream& stream, std::string* error) {
 std::string Launch::open_streams() {
   std::string error;
   streams_[STDIN_FILENO] = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (streams_[STDIN_FILENO] < 0)
+  if (streams_[STDIN_FILENO] < 0) {
     return fmt::format("cannot open /dev/null: {}", std::strerror(errno));
+  }
   streams_[STDOUT_FILENO] = open_stream(how_.output, &error);
   if (streams_[STDOUT_FILENO] < 0) return error;
   streams_[STDERR_FILENO] = open_stream(how_.errors, &error);
@@ -193,7 +195,7 @@ std::optional<HelperProcess> HelperProcess::start(const HelperStart& how, std::s
     *error = why;
     return std::nullopt;
   }
-  // Closed on exec: a byte on it means the exec failed, and why.
+  // Closed on exec: whatever comes on it is the errno of a failed exec.
   int report[2];
   if (::pipe2(report, O_CLOEXEC) != 0) {
     *error = fmt::format("cannot start {}: {}", how.program, std::strerror(errno));
