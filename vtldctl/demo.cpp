@@ -560,10 +560,9 @@ std::string make_log_container(const DemoDevice& d) {
   return "";
 }
 
-// The work and log containers opened to the mobile user.
-void add_container_steps(std::vector<Step>& steps) {
+// The work container opened to the mobile user, its staging discarded.
+void add_work_container_steps(std::vector<Step>& steps) {
   const std::string work = kWorkContainer;
-  const std::string logs = kLogContainer;
   steps.push_back(Step{
       .title = "Prepare a work container",
       .story = "An interrupted staging left " + work +
@@ -584,6 +583,12 @@ void add_container_steps(std::vector<Step>& steps) {
             };
           },
   });
+}
+
+// The log container opened to the mobile user, and one outside the log
+// roots refused.
+void add_log_container_steps(std::vector<Step>& steps) {
+  const std::string logs = kLogContainer;
   steps.push_back(Step{
       .title = "Prepare a log container",
       .story = "The client keeps its logs in " + logs +
@@ -617,10 +622,8 @@ void add_container_steps(std::vector<Step>& steps) {
   });
 }
 
-// What the device already has, recorded; staging it by hard links instead
-// of copies; and the work container removed once done.
-void add_manifest_and_link_steps(std::vector<Step>& steps) {
-  const std::string todo = std::string(kNotes) + "/todo.txt";
+// What the device already has, recorded.
+void add_manifest_steps(std::vector<Step>& steps) {
   steps.push_back(Step{
       .title = "Record a device manifest",
       .story = "Before staging anything the client wants to know what is already on the device.\n"
@@ -638,6 +641,12 @@ void add_manifest_and_link_steps(std::vector<Step>& steps) {
                  "checked against the item on disk:",
       .facts = manifest_facts,
   });
+}
+
+// What the device has, staged by hard links instead of copies; and the work
+// container removed once done.
+void add_hard_link_steps(std::vector<Step>& steps) {
+  const std::string todo = std::string(kNotes) + "/todo.txt";
   steps.push_back(Step{
       .title = "Stage a file by hard link",
       .story = "A file the device already has need not be copied into the staging area: the\n"
@@ -757,8 +766,10 @@ void add_install_steps(std::vector<Step>& steps) {
 std::vector<Step> demo_steps() {
   std::vector<Step> steps;
   add_preference_steps(steps);
-  add_container_steps(steps);
-  add_manifest_and_link_steps(steps);
+  add_work_container_steps(steps);
+  add_log_container_steps(steps);
+  add_manifest_steps(steps);
+  add_hard_link_steps(steps);
   add_partition_steps(steps);
   add_install_steps(steps);
   return steps;
@@ -794,6 +805,23 @@ class Story {
   int wrong_ = 0;
 };
 
+// The request the step's command sends: its arguments, every flag off.
+krx::Value step_request(const Command& command, const Step& step) {
+  Arguments arguments;
+  arguments.positionals = step.arguments;
+  for (const Parameter& parameter : command.parameters) {
+    if (parameter.kind == Parameter::Kind::kFlag) arguments.flags.push_back(false);
+  }
+  return build_request(command, arguments);
+}
+
+// The step as a user would type it.
+std::string command_line(const DemoDevice& device, const Command& command, const Step& step) {
+  std::string line = fmt::format("$ vtldctl --root {} {}", device.root(), command.name);
+  for (const std::string& argument : step.arguments) line += " " + argument;
+  return line;
+}
+
 // Runs one step; false when the helper can no longer be talked to.
 bool run_step(int number, const Step& step, const DemoDevice& device, krx::Client& client,
               const ExchangeOptions& options, Story& story) {
@@ -810,15 +838,8 @@ bool run_step(int number, const Step& step, const DemoDevice& device, krx::Clien
     story.wrong("vtldctl has no command " + step.command);
     return true;
   }
-  Arguments arguments;
-  arguments.positionals = step.arguments;
-  for (const Parameter& parameter : command->parameters) {
-    if (parameter.kind == Parameter::Kind::kFlag) arguments.flags.push_back(false);
-  }
-  const krx::Value request = build_request(*command, arguments);
-  std::string command_line = fmt::format("$ vtldctl --root {} {}", device.root(), command->name);
-  for (const std::string& argument : step.arguments) command_line += " " + argument;
-  story.say("\n" + command_line);
+  const krx::Value request = step_request(*command, step);
+  story.say("\n" + command_line(device, *command, step));
   story.say("  (sends " + describe(request) + ")");
 
   const ExchangeResult result = exchange(client, request, options, story.printer());
