@@ -1,6 +1,5 @@
 // The helper as the service manager runs it: its units pass systemd's own
 // checks, and systemd's socket activator starts it on the first connection.
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,13 +8,13 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "krx/client.h"
 #include "tests/support/daemon.h"
+#include "vtldctl/helper_process.h"
 
 namespace {
 
@@ -70,53 +69,26 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   const std::string log = root + ".activated.stderr";
   // The activator hands its children only the environment it is told to:
   // the sanitizer build's helper, confined without /proc, cannot check for
-  // leaks.
-  const std::vector<std::string> args = {*activate,
-                                         "-l",
-                                         socket,
-                                         "-E",
-                                         "ASAN_OPTIONS=detect_leaks=0",
-                                         "--fdname=com.tessal.vantreldhelper",
-                                         helper,
-                                         "--root",
-                                         root};
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  const pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    if (std::freopen(log.c_str(), "w", stderr) == nullptr) ::_exit(127);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  // Whatever ends the test, the activator (or the helper it became) goes
+  // leaks. It becomes the helper (exec); whatever ends the test, it goes
   // with it: left running, it would hold the test's output open.
-  struct Reaper {
-    pid_t pid;
-    ~Reaper() {
-      if (pid <= 0) return;
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-  } reaper{pid};
+  vtldctl::HelperStart how;
+  how.program = *activate;
+  // The activator's own options, then the helper's command line.
+  how.arguments = {"-l", socket, "-E", "ASAN_OPTIONS=detect_leaks=0"};
+  how.arguments.insert(how.arguments.end(),
+                       {"--fdname=com.tessal.vantreldhelper", helper, "--root", root});
+  how.errors = vtldctl::HelperStream::file(log);
+  std::string error;
+  std::optional<vtldctl::HelperProcess> activator = vtldctl::HelperProcess::start(how, &error);
+  ASSERT_TRUE(activator) << error;
   // The activator binds the socket and then listens on it; the helper starts
   // only once a client is there. Until it listens, a connection is refused.
-  std::optional<krx::Client> client;
-  std::string error;
-  for (int i = 0; i < 2000 && !client; ++i) {
-    client = krx::Client::connect_path(socket, &error);
-    if (!client) std::this_thread::sleep_for(5ms);
-  }
+  std::optional<krx::Client> client = activator->wait_until_serving(socket, 10s, &error);
   ASSERT_TRUE(client) << error;
   krx::Dictionary request{{"removeWorkContainer:", krx::Value("/private/var/none")}};
   std::vector<krx::Value> replies = testsupport::request(*client, krx::Value(request));
   EXPECT_EQ(replies, std::vector{krx::Value(krx::Dictionary{{"Response", krx::Value(true)}})});
-  ::kill(pid, SIGTERM);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  reaper.pid = 0;  // reaped here
+  const int status = activator->stop(20s).value_or(-1);
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);
   EXPECT_NE(read_file(log).find("KRX connection will be closed"), std::string::npos);

@@ -11,7 +11,6 @@
 // removed at the end whatever happens; nothing outside the test's own
 // directory is touched (the device node the helper uses is made inside it).
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -27,7 +26,6 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,6 +34,7 @@
 #include "platform/sim/device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
+#include "vtldctl/helper_process.h"
 
 namespace {
 
@@ -139,10 +138,7 @@ class LinuxPartitionTest : public ::testing::Test {
 
   // Everything set up is taken down here, in reverse, whatever failed.
   void TearDown() override {
-    if (helper_ > 0) {
-      ::kill(helper_, SIGKILL);
-      ::waitpid(helper_, nullptr, 0);
-    }
+    helper_.reset();  // killed if it still runs
     if (mounted_) ::umount2(var_.c_str(), MNT_DETACH);
     if (!loop_.empty()) {
       run({find_tool("partx"), "-d", loop_});
@@ -203,7 +199,7 @@ class LinuxPartitionTest : public ::testing::Test {
   std::string socket_;
   std::string loop_;
   bool mounted_ = false;
-  pid_t helper_ = -1;
+  std::optional<vtldctl::HelperProcess> helper_;
 };
 
 TEST_F(LinuxPartitionTest, ShrinksAndExpandsBtrfsOnALoopDeviceInTheOrderThatKeepsItSafe) {
@@ -275,19 +271,15 @@ TEST_F(LinuxPartitionTest, ShrinksAndExpandsBtrfsOnALoopDeviceInTheOrderThatKeep
 
   const std::string log = dir_ / "helper.log";
   socket_ = platform::sim::service_socket_path(root_, "com.tessal.vantreldhelper");
-  helper_ = ::fork();
-  if (helper_ == 0) {
-    const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    ::dup2(fd, 2);
-    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-    const std::string helper = testsupport::program_path("vtld_helper");
-    ::execl(helper.c_str(), helper.c_str(), "--root", root_.c_str(), "--host-disks",
-            static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  for (int i = 0; i < 2000 && ::access(socket_.c_str(), F_OK) != 0; ++i) {
-    std::this_thread::sleep_for(10ms);
-  }
+  vtldctl::HelperStart how;
+  how.program = testsupport::program_path("vtld_helper");
+  how.arguments = {"--root", root_, "--host-disks"};
+  how.errors = vtldctl::HelperStream::file(log);
+  how.environment = {"ASAN_OPTIONS=detect_leaks=0"};
+  std::string error;
+  helper_ = vtldctl::HelperProcess::start(how, &error);
+  ASSERT_TRUE(helper_) << error;
+  helper_->wait_for_socket(socket_, 20s);
   const auto helper_log = [&] {
     std::ifstream in(log);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -7,14 +7,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -23,6 +21,7 @@
 #include "krx/client.h"
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
+#include "vtldctl/helper_process.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration)
 
@@ -231,42 +230,29 @@ TEST_F(VtldctlOnDevice, UnknownCommandEndsInTheTimeOutWithAHint) {
 class ServedDevice {
  public:
   explicit ServedDevice(const std::string& root) {
-    const std::string helper = testsupport::program_path("vtld_helper");
-    std::vector<std::string> args = {helper, "--root", root};
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, (root + ".stderr").c_str(), O_WRONLY | O_CREAT,
-                                     0600);
+    vtldctl::HelperStart how;
+    how.program = testsupport::program_path("vtld_helper");
+    how.arguments = {"--root", root};
+    how.errors = vtldctl::HelperStream::file(root + ".stderr");
     // Confined to the device, a sanitizer build's helper has no /proc for
     // the leak checker at exit.
-    std::string no_leak_check = "ASAN_OPTIONS=detect_leaks=0";
-    char* envp[] = {no_leak_check.data(), nullptr};
-    EXPECT_EQ(::posix_spawn(&pid_, helper.c_str(), &actions, nullptr, argv.data(), envp), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    how.environment = {"ASAN_OPTIONS=detect_leaks=0"};
+    std::string error;
+    helper_ = vtldctl::HelperProcess::start(how, &error);
+    EXPECT_TRUE(helper_) << error;
     const std::string socket =
         platform::sim::service_socket_path(root, "com.tessal.vantreldhelper");
-    for (int i = 0; i < 1000 && !serving_; ++i) {
-      std::string error;
-      serving_ = krx::Client::connect_path(socket, &error).has_value();
-      if (!serving_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    serving_ = helper_ && helper_->wait_until_serving(socket, std::chrono::seconds(10), &error);
   }
   ~ServedDevice() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
+    if (helper_) helper_->stop(std::chrono::seconds(20));
   }
   ServedDevice(const ServedDevice&) = delete;
   ServedDevice& operator=(const ServedDevice&) = delete;
   bool serving() const { return serving_; }
 
  private:
-  pid_t pid_ = -1;
+  std::optional<vtldctl::HelperProcess> helper_;
   bool serving_ = false;
 };
 

@@ -160,15 +160,18 @@ std::string make_file(const DemoDevice& device, const std::string& path,
   return "";
 }
 
+// One step of the demo, written with designated initialisers; a step that
+// needs nothing on the device first leaves `prepare` out.
 struct Step {
   std::string title;
   std::string story;  // what is about to happen, and why
   // Places what the step needs on the device; returns an error or "".
-  std::function<std::string(const DemoDevice&)> prepare;
-  std::string command;  // a row of the command table
-  std::vector<std::string> arguments;
-  bool expected_answer = true;
-  std::string outcome;  // what the answer means
+  std::function<std::string(const DemoDevice&)> prepare = nullptr;
+  std::string command;                      // a row of the command table
+  std::vector<std::string> arguments = {};  // its positional parameters
+  bool expected_answer = true;              // every "Response" true, or not
+  std::string outcome;                      // what the answer means
+  // What the device holds afterwards, each checked against what it should.
   std::function<std::vector<Fact>(const DemoDevice&)> facts;
 };
 
@@ -178,6 +181,23 @@ constexpr const char* kMobilePreferences =
 constexpr const char* kWorkContainer = "/private/var/VTLWorkContainer";
 constexpr const char* kLogContainer = "/private/var/logs/vtld-client";
 constexpr const char* kRefusedLogPath = "/tmp/x";
+
+// The data volume's size as the simulated device's mounts record it; -1
+// when they do not say.
+std::int64_t data_volume_bytes(const DemoDevice& d) {
+  std::int64_t volume = -1;
+  const std::optional<vtl::Value> mounts =
+      platform::sim::read_state(d.root(), platform::sim::kMountsStatePath);
+  if (!mounts || mounts->array() == nullptr) return volume;
+  for (const vtl::Value& m : *mounts->array()) {
+    const std::string* on = m.find_string("MountedOn");
+    const vtl::Value* size = m.find("Size");
+    if (on != nullptr && *on == "/private/var" && size != nullptr && size->integer()) {
+      volume = *size->integer();
+    }
+  }
+  return volume;
+}
 
 // The partition map as the disk now has it, one fact per entry, and the
 // data volume's size against its partition's: wrong where the volume is
@@ -200,18 +220,7 @@ std::vector<Fact> partition_facts(const DemoDevice& d, std::uint64_t data_bytes)
   }
   facts.push_back(Fact{
       fmt::format("free           {:>24.1f} MiB", mib(map->free_blocks * map->block_size)), ""});
-  std::int64_t volume = -1;
-  if (const std::optional<vtl::Value> mounts =
-          platform::sim::read_state(d.root(), platform::sim::kMountsStatePath);
-      mounts && mounts->array() != nullptr) {
-    for (const vtl::Value& m : *mounts->array()) {
-      const std::string* on = m.find_string("MountedOn");
-      const vtl::Value* size = m.find("Size");
-      if (on != nullptr && *on == "/private/var" && size != nullptr && size->integer()) {
-        volume = *size->integer();
-      }
-    }
-  }
+  const std::int64_t volume = data_volume_bytes(d);
   facts.push_back(
       Fact{fmt::format("data volume /private/var {:>14.1f} MiB",
                        mib(static_cast<std::uint64_t>(std::max<std::int64_t>(volume, 0)))),
@@ -281,31 +290,33 @@ vtl::Dictionary record_of(const Prescribed& item) {
           {"VTLManifestSymbolicLinkTargetFile", vtl::Value("")}};
 }
 
-// The client's download, staged by hard links (as the client stages what it
-// owns), and a signed manifest for it from the device's own test signer.
-std::string stage_and_sign(const DemoDevice& d) {
-  for (const Prescribed& item : prescribed_items()) {
-    const std::string download = d.host_path(std::string(kDownloads) + item.path);
-    const std::string staged = d.host_path(std::string(kStaging) + item.path);
-    if (item.directory) {
-      std::error_code ec;
-      fs::create_directories(download, ec);
-      fs::create_directories(staged, ec);
-      if (ec) return "cannot create " + staged + ": " + ec.message();
-      static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
-    } else {
-      if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
-          !error.empty()) {
-        return error;
-      }
-      static_cast<void>(::chmod(download.c_str(), 0644));
-      if (::link(download.c_str(), staged.c_str()) != 0) {
-        return "cannot link " + staged + ": " + std::strerror(errno);
-      }
+// One item of the client's download, and its staged name: a new directory,
+// or a hard link to the downloaded file (as the client stages what it owns).
+std::string download_and_stage(const DemoDevice& d, const Prescribed& item) {
+  const std::string download = d.host_path(std::string(kDownloads) + item.path);
+  const std::string staged = d.host_path(std::string(kStaging) + item.path);
+  if (item.directory) {
+    std::error_code ec;
+    fs::create_directories(download, ec);
+    fs::create_directories(staged, ec);
+    if (ec) return "cannot create " + staged + ": " + ec.message();
+    static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
+  } else {
+    if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
+        !error.empty()) {
+      return error;
     }
-    static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
+    static_cast<void>(::chmod(download.c_str(), 0644));
+    if (::link(download.c_str(), staged.c_str()) != 0) {
+      return "cannot link " + staged + ": " + std::strerror(errno);
+    }
   }
+  static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
+  return "";
+}
 
+// The signed manifest of the download, from the device's own test signer.
+std::string write_signed_manifest(const DemoDevice& d) {
   vtl::Dictionary records;
   for (const Prescribed& item : prescribed_items()) records.emplace(item.path, record_of(item));
   vtl::Dictionary raw = {
@@ -331,24 +342,41 @@ std::string stage_and_sign(const DemoDevice& d) {
   return "";
 }
 
-// The extended attributes and protection class of the item at `path`, and
-// what is wrong with them against `item`.
-Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescribed& item) {
-  static const auto classes = platform::make_xattr_protection_classes();
-  const std::string host = d.host_path(path);
+// The client's download, staged, and its signed manifest.
+std::string stage_and_sign(const DemoDevice& d) {
+  for (const Prescribed& item : prescribed_items()) {
+    if (std::string error = download_and_stage(d, item); !error.empty()) return error;
+  }
+  return write_signed_manifest(d);
+}
+
+// The extended attributes of the item at `host` (name, value), sorted by
+// name; those that hold the protection class are left out.
+std::vector<std::pair<std::string, std::string>> extended_attributes(
+    const platform::ProtectionClasses& classes, const std::string& host) {
   std::vector<std::pair<std::string, std::string>> found;
   char names[1024];
   const ssize_t n = ::llistxattr(host.c_str(), names, sizeof names);
   for (ssize_t at = 0; at > -1 && at < n;) {
     const std::string name(names + at);
     at += static_cast<ssize_t>(name.size()) + 1;
-    if (classes->hides_attribute(name)) continue;
+    if (classes.hides_attribute(name)) continue;
     char value[256];
     const ssize_t length = ::lgetxattr(host.c_str(), name.c_str(), value, sizeof value);
     found.emplace_back(name,
                        std::string(value, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
   }
   std::sort(found.begin(), found.end());
+  return found;
+}
+
+// The extended attributes and protection class of the item at `path`, and
+// what is wrong with them against `item`.
+Fact attribute_fact(const DemoDevice& d, const std::string& path, const Prescribed& item) {
+  static const auto classes = platform::make_xattr_protection_classes();
+  const std::string host = d.host_path(path);
+  const std::vector<std::pair<std::string, std::string>> found =
+      extended_attributes(*classes, host);
   std::string text = "    class " + classes->get(host).value_or("(none)") + ";";
   for (const auto& [name, value] : found) {
     text += ' ';
@@ -467,214 +495,239 @@ Fact shares_inode(const DemoDevice& d, const std::string& original, const std::s
               a.st_ino == b.st_ino && a.st_dev == b.st_dev ? "" : "not the original's inode"};
 }
 
-// The story, in order. A later command joins the demo as one more step.
-std::vector<Step> demo_steps() {
+// The staged copy of the notes: new directories, the originals' files.
+std::vector<Fact> staged_notes_facts(const DemoDevice& d) {
+  const std::string notes = kNotes;
+  const std::string staged = kStagedNotes;
+  std::vector<Fact> facts = {look(d, staged, there())};
+  for (const char* item : {"/todo.txt", "/latest", "/archive/2025.txt"}) {
+    facts.push_back(shares_inode(d, notes + item, staged + item));
+  }
+  return facts;
+}
+
+// The preferences' move from root's folder to the mobile user's.
+void add_preference_steps(std::vector<Step>& steps) {
+  steps.push_back(Step{
+      .title = "Migrate the preferences",
+      .story = "The provisioning daemon's preferences start in root's folder. The helper moves\n"
+               "com.tessal.Vantrel.plist into the mobile user's folder and gives it to mobile.",
+      .command = "migrate-preferences",
+      .outcome = "Moved, and owned by mobile now:",
+      .facts =
+          [](const DemoDevice& d) {
+            return std::vector<Fact>{
+                look(d, kRootPreferences, gone()),
+                look(d, kMobilePreferences, owned_by(kMobileId, kMobileId)),
+            };
+          },
+  });
+  steps.push_back(Step{
+      .title = "Migrate again",
+      .story = "Nothing is left in root's folder, and the helper never overwrites the mobile\n"
+               "user's copy: a second migration is reported as a failure.",
+      .command = "migrate-preferences",
+      .expected_answer = false,
+      .outcome = "False, as it should be: the file was already moved. The mobile user's copy is "
+                 "untouched:",
+      .facts =
+          [](const DemoDevice& d) {
+            return std::vector<Fact>{look(d, kMobilePreferences, owned_by(kMobileId, kMobileId))};
+          },
+  });
+}
+
+// A leftover work container with a half-full staging folder in it.
+std::string make_interrupted_work_container(const DemoDevice& d) {
   const std::string work = kWorkContainer;
+  for (const std::string& error :
+       {make_directory(d, work, 0755), make_directory(d, work + "/VTL_staging", 0755),
+        make_file(d, work + "/VTL_staging/half-staged.bin", "partial"),
+        make_file(d, work + "/notes.txt", "kept")}) {
+    if (!error.empty()) return error;
+  }
+  return "";
+}
+
+// A log folder with one of the client's logs and one of someone else's.
+std::string make_log_container(const DemoDevice& d) {
   const std::string logs = kLogContainer;
-  std::vector<Step> steps;
+  for (const std::string& error :
+       {make_directory(d, logs, 0755), make_file(d, logs + "/vtld-1.log", "day one\n"),
+        make_file(d, logs + "/other.log", "not the client's\n")}) {
+    if (!error.empty()) return error;
+  }
+  return "";
+}
 
-  steps.push_back(
-      Step{"Migrate the preferences",
-           "The provisioning daemon's preferences start in root's folder. The helper moves\n"
-           "com.tessal.Vantrel.plist into the mobile user's folder and gives it to mobile.",
-           nullptr,
-           "migrate-preferences",
-           {},
-           true,
-           "Moved, and owned by mobile now:",
-           [](const DemoDevice& d) {
-             return std::vector<Fact>{
-                 look(d, kRootPreferences, gone()),
-                 look(d, kMobilePreferences, owned_by(kMobileId, kMobileId)),
-             };
-           }});
-
-  steps.push_back(
-      Step{"Migrate again",
-           "Nothing is left in root's folder, and the helper never overwrites the mobile\n"
-           "user's copy: a second migration is reported as a failure.",
-           nullptr,
-           "migrate-preferences",
-           {},
-           false,
-           "False, as it should be: the file was already moved. The mobile user's copy is "
-           "untouched:",
-           [](const DemoDevice& d) {
-             return std::vector<Fact>{look(d, kMobilePreferences, owned_by(kMobileId, kMobileId))};
-           }});
-
-  steps.push_back(
-      Step{"Prepare a work container",
-           "An interrupted staging left " + work +
+// The work container opened to the mobile user, its staging discarded.
+void add_work_container_steps(std::vector<Step>& steps) {
+  const std::string work = kWorkContainer;
+  steps.push_back(Step{
+      .title = "Prepare a work container",
+      .story = "An interrupted staging left " + work +
                " behind,\n"
                "its VTL_staging still half full. Preparing the container opens it to the mobile\n"
                "user (group and others gain read, write and search) and discards VTL_staging, so\n"
                "the next staging starts clean; everything else in the container stays.",
-           [work](const DemoDevice& d) {
-             for (const std::string& error :
-                  {make_directory(d, work, 0755), make_directory(d, work + "/VTL_staging", 0755),
-                   make_file(d, work + "/VTL_staging/half-staged.bin", "partial"),
-                   make_file(d, work + "/notes.txt", "kept")}) {
-               if (!error.empty()) return error;
-             }
-             return std::string();
-           },
-           "prepare-work-container",
-           {work},
-           true,
-           "Opened to mobile, staging discarded, the rest kept:",
-           [work](const DemoDevice& d) {
-             return std::vector<Fact>{
-                 look(d, work, with_mode(0777, kRootId)),
-                 look(d, work + "/VTL_staging", gone()),
-                 look(d, work + "/notes.txt", there()),
-             };
-           }});
+      .prepare = make_interrupted_work_container,
+      .command = "prepare-work-container",
+      .arguments = {work},
+      .outcome = "Opened to mobile, staging discarded, the rest kept:",
+      .facts =
+          [work](const DemoDevice& d) {
+            return std::vector<Fact>{
+                look(d, work, with_mode(0777, kRootId)),
+                look(d, work + "/VTL_staging", gone()),
+                look(d, work + "/notes.txt", there()),
+            };
+          },
+  });
+}
 
+// The log container opened to the mobile user, and one outside the log
+// roots refused.
+void add_log_container_steps(std::vector<Step>& steps) {
+  const std::string logs = kLogContainer;
   steps.push_back(Step{
-      "Prepare a log container",
-      "The client keeps its logs in " + logs +
-          ". Preparing it opens\n"
-          "the folder to mobile and hands mobile every entry whose name begins with \"vtld-\";\n"
-          "other entries keep their owner.",
-      [logs](const DemoDevice& d) {
-        for (const std::string& error :
-             {make_directory(d, logs, 0755), make_file(d, logs + "/vtld-1.log", "day one\n"),
-              make_file(d, logs + "/other.log", "not the client's\n")}) {
-          if (!error.empty()) return error;
-        }
-        return std::string();
-      },
-      "prepare-log-container",
-      {logs},
-      true,
-      "vtld-1.log now belongs to mobile; other.log still to root:",
-      [logs](const DemoDevice& d) {
-        return std::vector<Fact>{
-            look(d, logs, with_mode(0777, kRootId)),
-            look(d, logs + "/vtld-1.log", owned_by(kMobileId, kMobileId)),
-            look(d, logs + "/other.log", owned_by(kRootId, kRootId)),
-        };
-      }});
-
+      .title = "Prepare a log container",
+      .story = "The client keeps its logs in " + logs +
+               ". Preparing it opens\n"
+               "the folder to mobile and hands mobile every entry whose name begins with "
+               "\"vtld-\";\n"
+               "other entries keep their owner.",
+      .prepare = make_log_container,
+      .command = "prepare-log-container",
+      .arguments = {logs},
+      .outcome = "vtld-1.log now belongs to mobile; other.log still to root:",
+      .facts =
+          [logs](const DemoDevice& d) {
+            return std::vector<Fact>{
+                look(d, logs, with_mode(0777, kRootId)),
+                look(d, logs + "/vtld-1.log", owned_by(kMobileId, kMobileId)),
+                look(d, logs + "/other.log", owned_by(kRootId, kRootId)),
+            };
+          },
+  });
   steps.push_back(Step{
-      "Refuse a log folder outside the log roots",
-      "Log folders must lie under /private/var/logs or /var/logs; anything else is\n"
-      "refused before the helper touches the disk.",
-      nullptr,
-      "prepare-log-container",
-      {kRefusedLogPath},
-      false,
-      "False, as it should be, and nothing was created:",
-      [](const DemoDevice& d) { return std::vector<Fact>{look(d, kRefusedLogPath, gone())}; }});
+      .title = "Refuse a log folder outside the log roots",
+      .story = "Log folders must lie under /private/var/logs or /var/logs; anything else is\n"
+               "refused before the helper touches the disk.",
+      .command = "prepare-log-container",
+      .arguments = {kRefusedLogPath},
+      .expected_answer = false,
+      .outcome = "False, as it should be, and nothing was created:",
+      .facts =
+          [](const DemoDevice& d) { return std::vector<Fact>{look(d, kRefusedLogPath, gone())}; },
+  });
+}
 
-  steps.push_back(
-      Step{"Record a device manifest",
-           "Before staging anything the client wants to know what is already on the device.\n"
-           "The helper walks a folder as root, hashes every file on every core, and writes\n"
-           "each item's type, size, owner, mode, protection class, extended attributes,\n"
-           "SHA-1 and link target to " +
+// What the device already has, recorded.
+void add_manifest_steps(std::vector<Step>& steps) {
+  steps.push_back(Step{
+      .title = "Record a device manifest",
+      .story = "Before staging anything the client wants to know what is already on the device.\n"
+               "The helper walks a folder as root, hashes every file on every core, and writes\n"
+               "each item's type, size, owner, mode, protection class, extended attributes,\n"
+               "SHA-1 and link target to " +
                std::string(kDeviceManifest) +
                ",\n"
                "a binary property list the client can read. Hidden entries of the folder itself\n"
                "are left out; /private/var/ would record the whole data area, with progress.",
-           make_notes,
-           "create-device-manifest",
-           {"/private/var/mobile/Library"},
-           true,
-           "Written; a few of its records (as `vtldctl manifest show` prints them), each\n"
-           "checked against the item on disk:",
-           manifest_facts});
+      .prepare = make_notes,
+      .command = "create-device-manifest",
+      .arguments = {"/private/var/mobile/Library"},
+      .outcome = "Written; a few of its records (as `vtldctl manifest show` prints them), each\n"
+                 "checked against the item on disk:",
+      .facts = manifest_facts,
+  });
+}
 
+// What the device has, staged by hard links instead of copies; and the work
+// container removed once done.
+void add_hard_link_steps(std::vector<Step>& steps) {
+  const std::string todo = std::string(kNotes) + "/todo.txt";
   steps.push_back(Step{
-      "Stage a file by hard link",
-      "A file the device already has need not be copied into the staging area: the\n"
-      "helper links it there, so both names share one inode and no data moves.",
-      nullptr,
-      "create-hard-link",
-      {std::string(kNotes) + "/todo.txt", kStagedTodo},
-      true,
-      "The staged name is the same file:",
-      [](const DemoDevice& d) {
-        return std::vector<Fact>{shares_inode(d, std::string(kNotes) + "/todo.txt", kStagedTodo)};
-      }});
-
-  steps.push_back(
-      Step{"Stage a directory by hard links",
-           "A directory becomes a new directory tree in the staging area whose files (and\n"
-           "links) are hard links to the originals.",
-           nullptr,
-           "create-hard-link",
-           {kNotes, kStagedNotes},
-           true,
-           "New directories, the same files:",
-           [](const DemoDevice& d) {
-             const std::string notes = kNotes;
-             const std::string staged = kStagedNotes;
-             std::vector<Fact> facts = {look(d, staged, there())};
-             for (const char* item : {"/todo.txt", "/latest", "/archive/2025.txt"}) {
-               facts.push_back(shares_inode(d, notes + item, staged + item));
-             }
-             return facts;
-           }});
-
+      .title = "Stage a file by hard link",
+      .story = "A file the device already has need not be copied into the staging area: the\n"
+               "helper links it there, so both names share one inode and no data moves.",
+      .command = "create-hard-link",
+      .arguments = {todo, kStagedTodo},
+      .outcome = "The staged name is the same file:",
+      .facts =
+          [todo](const DemoDevice& d) {
+            return std::vector<Fact>{shares_inode(d, todo, kStagedTodo)};
+          },
+  });
   steps.push_back(Step{
-      "Refuse to stage over an existing path",
-      "The staging path must be new: linking onto one that exists fails, and what is\n"
-      "there stays as it was.",
-      nullptr,
-      "create-hard-link",
-      {std::string(kNotes) + "/archive/2025.txt", kStagedTodo},
-      false,
-      "False, as it should be; the staged todo.txt is still the original's:",
-      [](const DemoDevice& d) {
-        return std::vector<Fact>{shares_inode(d, std::string(kNotes) + "/todo.txt", kStagedTodo)};
-      }});
+      .title = "Stage a directory by hard links",
+      .story = "A directory becomes a new directory tree in the staging area whose files (and\n"
+               "links) are hard links to the originals.",
+      .command = "create-hard-link",
+      .arguments = {kNotes, kStagedNotes},
+      .outcome = "New directories, the same files:",
+      .facts = staged_notes_facts,
+  });
+  steps.push_back(Step{
+      .title = "Refuse to stage over an existing path",
+      .story = "The staging path must be new: linking onto one that exists fails, and what is\n"
+               "there stays as it was.",
+      .command = "create-hard-link",
+      .arguments = {std::string(kNotes) + "/archive/2025.txt", kStagedTodo},
+      .expected_answer = false,
+      .outcome = "False, as it should be; the staged todo.txt is still the original's:",
+      .facts =
+          [todo](const DemoDevice& d) {
+            return std::vector<Fact>{shares_inode(d, todo, kStagedTodo)};
+          },
+  });
+  steps.push_back(Step{
+      .title = "Remove the work container",
+      .story = "When the client is done with its work container, the helper removes it with\n"
+               "everything in it.",
+      .command = "remove-work-container",
+      .arguments = {kWorkContainer},
+      .outcome = "Gone:",
+      .facts =
+          [](const DemoDevice& d) { return std::vector<Fact>{look(d, kWorkContainer, gone())}; },
+  });
+}
 
-  steps.push_back(
-      Step{"Remove the work container",
-           "When the client is done with its work container, the helper removes it with\n"
-           "everything in it.",
-           nullptr,
-           "remove-work-container",
-           {work},
-           true,
-           "Gone:",
-           [work](const DemoDevice& d) { return std::vector<Fact>{look(d, work, gone())}; }});
-
+// The data partition shrunk and expanded, its volume with it.
+void add_partition_steps(std::vector<Step>& steps) {
   using platform::sim::kSimBlockSize;
   // Everything usable but System and Update (the disk's first and last
   // usable blocks are 6 and 131066).
   constexpr std::uint64_t kAllFree =
       (131061 - (platform::sim::kSimSystemBytes + platform::sim::kSimUpdateBytes) / kSimBlockSize) *
       kSimBlockSize;
-  steps.push_back(
-      Step{"Shrink the data partition",
-           "The device's disk (/dev/rdisk0s1) holds System 64 MiB, Data 256 MiB and Update\n"
-           "64 MiB, then 128 MiB free. The data volume uses 96 MiB of its 256. Shrinking keeps\n"
-           "what is used and half of what is free: 176 MiB. The file system shrinks first, then\n"
-           "the map is written, so the volume never outgrows its partition; Update moves down.",
-           nullptr,
-           "shrink-data-partition",
-           {},
-           true,
-           "The map now, and the volume as large as its partition:",
-           [](const DemoDevice& d) { return partition_facts(d, 176 << 20); }});
+  steps.push_back(Step{
+      .title = "Shrink the data partition",
+      .story =
+          "The device's disk (/dev/rdisk0s1) holds System 64 MiB, Data 256 MiB and Update\n"
+          "64 MiB, then 128 MiB free. The data volume uses 96 MiB of its 256. Shrinking keeps\n"
+          "what is used and half of what is free: 176 MiB. The file system shrinks first, then\n"
+          "the map is written, so the volume never outgrows its partition; Update moves down.",
+      .command = "shrink-data-partition",
+      .outcome = "The map now, and the volume as large as its partition:",
+      .facts = [](const DemoDevice& d) { return partition_facts(d, 176 << 20); },
+  });
+  steps.push_back(Step{
+      .title = "Expand the data partition",
+      .story = "Expanding gives Data every block no other partition uses. This time the map is\n"
+               "written and synced first, then the file system grows into the larger partition.",
+      .command = "expand-data-partition",
+      .outcome = "Data takes all free space, Update moved to the end, the volume grown with it:",
+      .facts = [](const DemoDevice& d) { return partition_facts(d, kAllFree); },
+  });
+}
 
-  steps.push_back(
-      Step{"Expand the data partition",
-           "Expanding gives Data every block no other partition uses. This time the map is\n"
-           "written and synced first, then the file system grows into the larger partition.",
-           nullptr,
-           "expand-data-partition",
-           {},
-           true,
-           "Data takes all free space, Update moved to the end, the volume grown with it:",
-           [](const DemoDevice& d) { return partition_facts(d, kAllFree); }});
-
-  steps.push_back(
-      Step{"Restore attributes from a signed manifest",
-           "The client downloaded an app's content into " + std::string(kDownloads) +
+// Downloaded content given its attributes from a signed manifest, then
+// moved to its final place.
+void add_install_steps(std::vector<Step>& steps) {
+  steps.push_back(Step{
+      .title = "Restore attributes from a signed manifest",
+      .story = "The client downloaded an app's content into " + std::string(kDownloads) +
                " and staged it by\n"
                "hard links into " +
                kStaging +
@@ -683,29 +736,42 @@ std::vector<Step> demo_steps() {
                "device's test signer (accepted while \"SigningFuse\" is false), records what each\n"
                "item must have. The helper checks the signature and gives every staged item its\n"
                "owner, group, mode, extended attributes and protection class.",
-           stage_and_sign,
-           "restore-attributes",
-           {kStaging, kSignedManifest},
-           true,
-           "Each staged item now as its record says (owner, group, mode; class and attributes):",
-           [](const DemoDevice& d) { return prescribed_facts(d, kStaging); }});
-
+      .prepare = stage_and_sign,
+      .command = "restore-attributes",
+      .arguments = {kStaging, kSignedManifest},
+      .outcome =
+          "Each staged item now as its record says (owner, group, mode; class and attributes):",
+      .facts = [](const DemoDevice& d) { return prescribed_facts(d, kStaging); },
+  });
   steps.push_back(Step{
-      "Promote the staging tree",
-      "The staged content is complete. The helper moves the whole tree to " + std::string(kBackup) +
-          "\n"
-          "in one rename, replacing whatever was there.",
-      nullptr,
-      "move-staging-to-final",
-      {kStaging},
-      true,
-      "The tree is in its final place, its attributes with it; the staging path is gone:",
-      [](const DemoDevice& d) {
-        std::vector<Fact> facts = {look(d, kStaging, gone())};
-        for (Fact& f : prescribed_facts(d, kBackup)) facts.push_back(std::move(f));
-        return facts;
-      }});
+      .title = "Promote the staging tree",
+      .story = "The staged content is complete. The helper moves the whole tree to " +
+               std::string(kBackup) +
+               "\n"
+               "in one rename, replacing whatever was there.",
+      .command = "move-staging-to-final",
+      .arguments = {kStaging},
+      .outcome =
+          "The tree is in its final place, its attributes with it; the staging path is gone:",
+      .facts =
+          [](const DemoDevice& d) {
+            std::vector<Fact> facts = {look(d, kStaging, gone())};
+            for (Fact& f : prescribed_facts(d, kBackup)) facts.push_back(std::move(f));
+            return facts;
+          },
+  });
+}
 
+// The story, in order. A later command joins the demo as one more step.
+std::vector<Step> demo_steps() {
+  std::vector<Step> steps;
+  add_preference_steps(steps);
+  add_work_container_steps(steps);
+  add_log_container_steps(steps);
+  add_manifest_steps(steps);
+  add_hard_link_steps(steps);
+  add_partition_steps(steps);
+  add_install_steps(steps);
   return steps;
 }
 
@@ -739,6 +805,23 @@ class Story {
   int wrong_ = 0;
 };
 
+// The request the step's command sends: its arguments, every flag off.
+krx::Value step_request(const Command& command, const Step& step) {
+  Arguments arguments;
+  arguments.positionals = step.arguments;
+  for (const Parameter& parameter : command.parameters) {
+    if (parameter.kind == Parameter::Kind::kFlag) arguments.flags.push_back(false);
+  }
+  return build_request(command, arguments);
+}
+
+// The step as a user would type it.
+std::string command_line(const DemoDevice& device, const Command& command, const Step& step) {
+  std::string line = fmt::format("$ vtldctl --root {} {}", device.root(), command.name);
+  for (const std::string& argument : step.arguments) line += " " + argument;
+  return line;
+}
+
 // Runs one step; false when the helper can no longer be talked to.
 bool run_step(int number, const Step& step, const DemoDevice& device, krx::Client& client,
               const ExchangeOptions& options, Story& story) {
@@ -755,15 +838,8 @@ bool run_step(int number, const Step& step, const DemoDevice& device, krx::Clien
     story.wrong("vtldctl has no command " + step.command);
     return true;
   }
-  Arguments arguments;
-  arguments.positionals = step.arguments;
-  for (const Parameter& parameter : command->parameters) {
-    if (parameter.kind == Parameter::Kind::kFlag) arguments.flags.push_back(false);
-  }
-  const krx::Value request = build_request(*command, arguments);
-  std::string command_line = fmt::format("$ vtldctl --root {} {}", device.root(), command->name);
-  for (const std::string& argument : step.arguments) command_line += " " + argument;
-  story.say("\n" + command_line);
+  const krx::Value request = step_request(*command, step);
+  story.say("\n" + command_line(device, *command, step));
   story.say("  (sends " + describe(request) + ")");
 
   const ExchangeResult result = exchange(client, request, options, story.printer());
@@ -834,76 +910,43 @@ std::string make_temporary_directory(std::string* error) {
   return pattern;
 }
 
-}  // namespace
-
-int run_demo(const DemoOptions& options, std::FILE* out, std::FILE* err) {
+// Why the demo cannot run here (not root, no helper to run), or "" with
+// `helper` set to the one to run.
+std::string why_it_cannot_run(const DemoOptions& options, std::string* helper) {
   if (::geteuid() != 0) {
-    fmt::print(err,
-               "vtldctl demo: must run as root: the helper confines itself to the simulated "
-               "device with chroot (try: sudo vtldctl demo)\n");
-    return kExitLocalFailure;
+    return "must run as root: the helper confines itself to the simulated device with chroot "
+           "(try: sudo vtldctl demo)";
   }
-  std::string helper = options.helper_path;
-  if (helper.empty()) helper = (fs::path(own_executable()).parent_path() / "vtld_helper").string();
-  if (::access(helper.c_str(), X_OK) != 0) {
-    fmt::print(err, "vtldctl demo: no helper to run at {}: {} (build it, or give --helper PATH)\n",
-               helper, std::strerror(errno));
-    return kExitLocalFailure;
+  *helper = options.helper_path;
+  if (helper->empty()) {
+    *helper = (fs::path(own_executable()).parent_path() / "vtld_helper").string();
   }
+  if (::access(helper->c_str(), X_OK) != 0) {
+    return fmt::format("no helper to run at {}: {} (build it, or give --helper PATH)", *helper,
+                       std::strerror(errno));
+  }
+  return "";
+}
 
-  // Declared before the helper: the directory goes only after the helper
-  // serving it has ended.
-  DirectoryRemover remover;
-  std::string dir = options.dir;
-  const bool temporary = dir.empty();
-  if (temporary) {
-    std::string error;
-    dir = make_temporary_directory(&error);
-    if (dir.empty()) {
-      fmt::print(err, "vtldctl demo: {}\n", error);
-      return kExitLocalFailure;
-    }
-    remover.arm(dir);
-  }
-  std::string root;
-  if (std::string error = create_simulated_device(dir, &root); !error.empty()) {
-    fmt::print(err, "vtldctl demo: cannot create a simulated device in {}: {}\n", dir, error);
-    return kExitLocalFailure;
-  }
+int local_failure(std::FILE* err, const std::string& message) {
+  fmt::print(err, "vtldctl demo: {}\n", message);
+  return kExitLocalFailure;
+}
 
-  Story story(out, err);
-  story.say("vtldctl demo: the helper's commands on a simulated device");
-  story.say(fmt::format("Device: {}{}", root,
-                        temporary ? " (temporary: removed at the end)" : " (kept at the end)"));
-
-  std::string error;
-  auto process = HelperProcess::start(helper, root, &error);
-  if (!process) {
-    fmt::print(err, "vtldctl demo: {}\n", error);
-    return kExitLocalFailure;
-  }
-  const std::string socket = device_socket_path(root);
-  auto client = process->wait_until_serving(socket, kStartLimit, &error);
-  if (!client) {
-    fmt::print(err, "vtldctl demo: {}\n", error);
-    return kExitLocalFailure;
-  }
-  story.say(fmt::format("Helper: {} --root {} (pid {}), serving {}", helper, root, process->pid(),
-                        socket));
-
-  const DemoDevice device(root);
+// Runs every step in order; false when the helper could no longer be
+// talked to, which ends the steps.
+bool run_steps(const DemoDevice& device, krx::Client& client, const DemoOptions& options,
+               Story& story) {
   ExchangeOptions exchange_options;
   exchange_options.idle = options.idle;
   int number = 0;
-  bool connected = true;
   for (const Step& step : demo_steps()) {
-    if (!run_step(++number, step, device, *client, exchange_options, story)) {
-      connected = false;
-      break;
-    }
+    if (!run_step(++number, step, device, client, exchange_options, story)) return false;
   }
-  client.reset();
+  return true;
+}
 
+void show_log(const DemoDevice& device, Story& story) {
   story.heading("The helper's log");
   if (auto log = find_log_file(device)) {
     story.say(*log + ":");
@@ -913,10 +956,12 @@ int run_demo(const DemoOptions& options, std::FILE* out, std::FILE* err) {
   } else {
     story.wrong(fmt::format("no log file in {}", kLogDirectory));
   }
+}
 
+void stop_helper(HelperProcess& process, Story& story) {
   story.heading("Stopping the helper");
-  story.say(fmt::format("SIGTERM to pid {}, as the service launcher stops it.", process->pid()));
-  const auto status = process->stop(kStopLimit);
+  story.say(fmt::format("SIGTERM to pid {}, as the service launcher stops it.", process.pid()));
+  const auto status = process.stop(kStopLimit);
   if (!status) {
     story.wrong(
         fmt::format("the helper did not end within {} s; it was killed", kStopLimit.count()));
@@ -925,22 +970,67 @@ int run_demo(const DemoOptions& options, std::FILE* out, std::FILE* err) {
   } else {
     story.say("The helper " + wait_status_text(*status) + ".");
   }
-  if (!connected || story.wrong_count() > 0) {
-    story.say("What the helper wrote to standard error (its system log):\n" + process->output());
-  }
+}
 
+// The verdict, and the exit status that goes with it. `kept_root`: the
+// device's root when it is kept, else "".
+int tell_result(Story& story, bool went_wrong, const std::string& kept_root) {
   story.heading("Result");
-  if (!temporary) {
+  if (!kept_root.empty()) {
     story.say(fmt::format("The device is kept in {}: serve it again with vtld_helper --root {}",
-                          root, root));
+                          kept_root, kept_root));
   }
-  if (!connected || story.wrong_count() > 0) {
+  if (went_wrong) {
     story.say(fmt::format("The demo did not go as told: {} thing(s) went otherwise.",
                           std::max(story.wrong_count(), 1)));
     return kExitFailed;
   }
   story.say("Every step went as told.");
   return kExitSuccess;
+}
+
+}  // namespace
+
+int run_demo(const DemoOptions& options, std::FILE* out, std::FILE* err) {
+  std::string helper;
+  if (const std::string why = why_it_cannot_run(options, &helper); !why.empty()) {
+    return local_failure(err, why);
+  }
+  // Declared before the helper: the directory goes only after the helper
+  // serving it has ended.
+  DirectoryRemover remover;
+  const bool temporary = options.dir.empty();
+  std::string error;
+  const std::string dir = temporary ? make_temporary_directory(&error) : options.dir;
+  if (dir.empty()) return local_failure(err, error);
+  if (temporary) remover.arm(dir);
+  std::string root;
+  if (std::string why = create_simulated_device(dir, &root); !why.empty()) {
+    return local_failure(err, fmt::format("cannot create a simulated device in {}: {}", dir, why));
+  }
+
+  Story story(out, err);
+  story.say("vtldctl demo: the helper's commands on a simulated device");
+  story.say(fmt::format("Device: {}{}", root,
+                        temporary ? " (temporary: removed at the end)" : " (kept at the end)"));
+  auto process = HelperProcess::start(helper, root, &error);
+  if (!process) return local_failure(err, error);
+  const std::string socket = device_socket_path(root);
+  auto client = process->wait_until_serving(socket, kStartLimit, &error);
+  if (!client) return local_failure(err, error);
+  story.say(fmt::format("Helper: {} --root {} (pid {}), serving {}", helper, root, process->pid(),
+                        socket));
+
+  const DemoDevice device(root);
+  const bool connected = run_steps(device, *client, options, story);
+  client.reset();
+  show_log(device, story);
+  stop_helper(*process, story);
+  const bool went_wrong = !connected || story.wrong_count() > 0;
+  if (went_wrong) {
+    story.say("What the helper wrote to standard error (its system log):\n" + process->output());
+  }
+  return tell_result(story, went_wrong, temporary ? "" : root);
 }
 
 }  // namespace vtldctl

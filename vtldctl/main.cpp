@@ -7,8 +7,10 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
+#include <functional>
+#include <iterator>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -133,16 +135,19 @@ int send_json(const GlobalOptions& global, const std::string& argument) {
                               vtldctl::ExchangeOptions{global.idle(), false}, printer);
 }
 
-int run(int argc, char** argv) {
-  CLI::App app(kDescription, "vtldctl");
+// A subcommand and what it does once the command line named it.
+struct Action {
+  CLI::App* command;
+  std::function<int()> run;
+};
+
+void add_global_options(CLI::App& app, GlobalOptions& global) {
   app.footer(std::string(kServiceHelp) + vtldctl::kExitStatusHelp);
   // No require_subcommand(): CLI11 checks it before unknown words, and "not
   // expected: lsit" says more than "a subcommand is required".
   // Global options may also follow the subcommand: `vtldctl send --timeout 1 ...`.
   app.fallthrough();
   app.set_version_flag("--version", "vtldctl " VTL_VERSION, "Print the version and exit");
-
-  GlobalOptions global;
   auto* root_option =
       app.add_option("--root", global.root, "Use the simulated device laid out in DIR")
           ->option_text("DIR");
@@ -154,188 +159,244 @@ int run(int argc, char** argv) {
       ->option_text("SECONDS")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
+}
 
-  // One subcommand per row of the command table.
-  const auto& table = vtldctl::command_table();
-  std::vector<vtldctl::Arguments> arguments(table.size());
-  std::vector<CLI::App*> command_apps;
-  for (std::size_t i = 0; i < table.size(); ++i) {
-    const vtldctl::Command& command = table[i];
-    CLI::App* sub = app.add_subcommand(command.name, command.summary);
-    sub->footer(
-        fmt::format("Sends {{\"{}\": ...}}.\n\n{}", command.request_key, vtldctl::kExitStatusHelp));
-    std::size_t positionals = 0;
-    for (const vtldctl::Parameter& parameter : command.parameters) {
-      if (parameter.kind == vtldctl::Parameter::Kind::kPositional) ++positionals;
+// The subcommand for one row of the command table.
+Action add_helper_command(CLI::App& app, const vtldctl::Command& command,
+                          const GlobalOptions& global) {
+  CLI::App* sub = app.add_subcommand(command.name, command.summary);
+  sub->footer(
+      fmt::format("Sends {{\"{}\": ...}}.\n\n{}", command.request_key, vtldctl::kExitStatusHelp));
+  auto arguments = std::make_shared<vtldctl::Arguments>();
+  // Sized once before binding: CLI11 keeps references into it.
+  arguments->positionals.resize(static_cast<std::size_t>(
+      std::count_if(command.parameters.begin(), command.parameters.end(),
+                    [](const vtldctl::Parameter& parameter) {
+                      return parameter.kind == vtldctl::Parameter::Kind::kPositional;
+                    })));
+  std::size_t positional = 0;
+  for (const vtldctl::Parameter& parameter : command.parameters) {
+    if (parameter.kind == vtldctl::Parameter::Kind::kPositional) {
+      sub->add_option(parameter.name, arguments->positionals[positional++], parameter.help)
+          ->required();
+    } else {
+      arguments->flags.push_back(false);
+      sub->add_flag(parameter.name, arguments->flags.back(), parameter.help);
     }
-    // Sized once before binding: CLI11 keeps references into it.
-    arguments[i].positionals.resize(positionals);
-    std::size_t positional = 0;
-    for (const vtldctl::Parameter& parameter : command.parameters) {
-      if (parameter.kind == vtldctl::Parameter::Kind::kPositional) {
-        sub->add_option(parameter.name, arguments[i].positionals[positional++], parameter.help)
-            ->required();
-      } else {
-        arguments[i].flags.push_back(false);
-        sub->add_flag(parameter.name, arguments[i].flags.back(), parameter.help);
-      }
-    }
-    command_apps.push_back(sub);
   }
+  return {sub, [&command, &global, arguments] {
+            vtldctl::ReplyPrinter printer(stdout, stderr);
+            return vtldctl::run_request(
+                global.socket_path(), vtldctl::build_request(command, *arguments),
+                vtldctl::ExchangeOptions{global.idle(), command.ends_helper}, printer);
+          }};
+}
 
-  std::string json;
+// One subcommand per row of the command table.
+std::vector<Action> add_helper_commands(CLI::App& app, const GlobalOptions& global) {
+  std::vector<Action> actions;
+  for (const vtldctl::Command& command : vtldctl::command_table()) {
+    actions.push_back(add_helper_command(app, command, global));
+  }
+  return actions;
+}
+
+Action add_send_command(CLI::App& app, const GlobalOptions& global) {
+  auto json = std::make_shared<std::string>();
   CLI::App* send = app.add_subcommand("send", "Send a raw request written as JSON");
-  send->add_option("JSON", json, "The request, or - to read it from standard input")->required();
+  send->add_option("JSON", *json, "The request, or - to read it from standard input")->required();
   send->footer(std::string(kSendFooter) + vtldctl::kExitStatusHelp);
+  return {send, [&global, json] { return send_json(global, *json); }};
+}
 
-  std::string sim_dir;
+Action add_sim_commands(CLI::App& app) {
+  auto dir = std::make_shared<std::string>();
   CLI::App* sim = app.add_subcommand("sim", "Simulated devices");
   sim->require_subcommand(1);
-  CLI::App* sim_create = sim->add_subcommand(
+  CLI::App* create = sim->add_subcommand(
       "create", "Lay out a simulated device in DIR, with this vtldctl entitled as a client");
-  sim_create->add_option("DIR", sim_dir, "A directory that does not exist or is empty")->required();
-  sim_create->footer("Serve the device with `vtld_helper --root DIR` (as root).");
+  create->add_option("DIR", *dir, "A directory that does not exist or is empty")->required();
+  create->footer("Serve the device with `vtld_helper --root DIR` (as root).");
+  return {create, [dir] { return vtldctl::sim_create(*dir, stdout, stderr); }};
+}
 
-  std::string disk_path;
+Action add_disk_commands(CLI::App& app) {
+  auto path = std::make_shared<std::string>();
   CLI::App* disk = app.add_subcommand("disk", "Disks and their partition maps");
   disk->require_subcommand(1);
-  CLI::App* disk_show = disk->add_subcommand(
+  CLI::App* show = disk->add_subcommand(
       "show", "Show a disk's MBR signature, GPT header, entries and free space");
-  disk_show->add_option("DISK", disk_path, "A block device or a disk image, e.g. DIR/dev/rdisk0s1")
+  show->add_option("DISK", *path, "A block device or a disk image, e.g. DIR/dev/rdisk0s1")
       ->required();
+  return {show, [path] { return vtldctl::disk_show(*path, stdout, stderr); }};
+}
 
-  std::string manifest_a;
-  std::string manifest_b;
-  bool manifest_json = false;
+std::vector<Action> add_manifest_commands(CLI::App& app) {
+  struct Values {
+    std::string a;
+    std::string b;
+    bool json = false;
+  };
+  auto values = std::make_shared<Values>();
   CLI::App* manifest = app.add_subcommand("manifest", "Show and compare manifests");
   manifest->require_subcommand(1);
-  CLI::App* device_manifest_show = manifest->add_subcommand(
+  CLI::App* show = manifest->add_subcommand(
       "show", "Show a manifest (the device manifest, for one) one record per line");
-  device_manifest_show->add_option("FILE", manifest_a, "The manifest property list")->required();
-  device_manifest_show->add_flag("--json", manifest_json,
-                                 "The whole manifest as JSON (data as hex, dates as ISO 8601)");
-  CLI::App* device_manifest_diff = manifest->add_subcommand(
+  show->add_option("FILE", values->a, "The manifest property list")->required();
+  show->add_flag("--json", values->json,
+                 "The whole manifest as JSON (data as hex, dates as ISO 8601)");
+  CLI::App* diff = manifest->add_subcommand(
       "diff", "How the records of B differ from those of A, as the helper compares them");
-  device_manifest_diff->add_option("A", manifest_a, "The first manifest")->required();
-  device_manifest_diff->add_option("B", manifest_b, "The second manifest")->required();
-  device_manifest_diff->footer(
+  diff->add_option("A", values->a, "The first manifest")->required();
+  diff->add_option("B", values->b, "The second manifest")->required();
+  diff->footer(
       "Exit status: 0 when nothing differs, 1 when something does, 4 when a file cannot be\n"
       "read as a manifest.");
+  return {
+      {show, [values] { return vtldctl::manifest_show(values->a, values->json, stdout, stderr); }},
+      {diff, [values] { return vtldctl::manifest_diff(values->a, values->b, stdout, stderr); }}};
+}
 
-  vtldctl::SignedManifestCreateOptions create_options;
-  std::string manifest_file;
-  CLI::App* signed_manifest =
-      app.add_subcommand("signed-manifest", "Make, show and check signed manifests");
-  signed_manifest->require_subcommand(1);
-  CLI::App* manifest_create = signed_manifest->add_subcommand(
-      "create", "Sign a payload, or one built from staging trees, into a signed manifest");
-  manifest_create->add_option("OUTPUT", create_options.output, "The signed manifest to write")
-      ->required();
-  auto* payload_option = manifest_create
-                             ->add_option("--payload", create_options.payload_file,
-                                          "A raw manifest property list, signed byte for byte")
+// The payload's sources: a raw property list, or staging trees (not both).
+void add_payload_options(CLI::App& create, vtldctl::SignedManifestCreateOptions& options) {
+  auto* payload_option = create
+                             .add_option("--payload", options.payload_file,
+                                         "A raw manifest property list, signed byte for byte")
                              ->option_text("PLIST");
   auto* backup_option =
-      manifest_create
-          ->add_option("--backup", create_options.backup_dir, "Record DIR as the \"Backup\"")
+      create.add_option("--backup", options.backup_dir, "Record DIR as the \"Backup\"")
           ->option_text("DIR");
-  auto* app_option = manifest_create
-                         ->add_option("--app-data", create_options.app_data,
-                                      "Record DIR as the \"AppData\" entry ID (repeatable)")
+  auto* app_option = create
+                         .add_option("--app-data", options.app_data,
+                                     "Record DIR as the \"AppData\" entry ID (repeatable)")
                          ->option_text("ID=DIR");
-  auto* group_option = manifest_create
-                           ->add_option("--group-data", create_options.group_data,
-                                        "Record DIR as the \"GroupData\" entry ID (repeatable)")
+  auto* group_option = create
+                           .add_option("--group-data", options.group_data,
+                                       "Record DIR as the \"GroupData\" entry ID (repeatable)")
                            ->option_text("ID=DIR");
   auto* extension_option =
-      manifest_create
-          ->add_option("--extension-data", create_options.extension_data,
-                       "Record DIR as the \"ExtensionData\" entry ID (repeatable)")
+      create
+          .add_option("--extension-data", options.extension_data,
+                      "Record DIR as the \"ExtensionData\" entry ID (repeatable)")
           ->option_text("ID=DIR");
   payload_option->excludes(backup_option)
       ->excludes(app_option)
       ->excludes(group_option)
       ->excludes(extension_option);
-  manifest_create
-      ->add_option("--version", create_options.version, "The raw manifest's version (3 or 4)")
+}
+
+// The envelope's options: the raw manifest's version, the signer, the form.
+void add_envelope_options(CLI::App& create, vtldctl::SignedManifestCreateOptions& options) {
+  create.add_option("--version", options.version, "The raw manifest's version (3 or 4)")
       ->capture_default_str();
-  manifest_create->add_option("--key", create_options.key, "The signer's PEM private key")
+  create.add_option("--key", options.key, "The signer's PEM private key")->option_text("PEM");
+  create
+      .add_option("--chain", options.chain,
+                  "PEM certificates, the signer's first, then its intermediates (repeatable)")
       ->option_text("PEM");
-  manifest_create
-      ->add_option("--chain", create_options.chain,
-                   "PEM certificates, the signer's first, then its intermediates (repeatable)")
-      ->option_text("PEM");
-  manifest_create->add_flag("--xml", create_options.xml, "Write the envelope as XML");
-  manifest_create->footer(
+  create.add_flag("--xml", options.xml, "Write the envelope as XML");
+  create.footer(
       "Without --key, --root DIR signs with the simulated device's own test signer\n"
       "(DIR/sim/test-signer), which that device accepts while its \"SigningFuse\" is false.");
-  CLI::App* manifest_show = signed_manifest->add_subcommand(
+}
+
+Action add_signed_manifest_create(CLI::App& group, const GlobalOptions& global) {
+  auto options = std::make_shared<vtldctl::SignedManifestCreateOptions>();
+  CLI::App* create = group.add_subcommand(
+      "create", "Sign a payload, or one built from staging trees, into a signed manifest");
+  create->add_option("OUTPUT", options->output, "The signed manifest to write")->required();
+  add_payload_options(*create, *options);
+  add_envelope_options(*create, *options);
+  return {create, [options, &global] {
+            options->device_root = global.root;
+            return vtldctl::signed_manifest_create(*options, stdout, stderr);
+          }};
+}
+
+std::vector<Action> add_signed_manifest_commands(CLI::App& app, const GlobalOptions& global) {
+  auto file = std::make_shared<std::string>();
+  CLI::App* group = app.add_subcommand("signed-manifest", "Make, show and check signed manifests");
+  group->require_subcommand(1);
+  const Action create = add_signed_manifest_create(*group, global);
+  CLI::App* show = group->add_subcommand(
       "show", "Show a signed manifest's envelope, certificate chain and payload");
-  manifest_show->add_option("FILE", manifest_file, "The signed manifest")->required();
-  CLI::App* manifest_verify = signed_manifest->add_subcommand(
+  show->add_option("FILE", *file, "The signed manifest")->required();
+  CLI::App* verify = group->add_subcommand(
       "verify", "Run the helper's own checks on a signed manifest: its verdict and reason");
-  manifest_verify->add_option("FILE", manifest_file, "The signed manifest")->required();
-  manifest_verify->footer(
+  verify->add_option("FILE", *file, "The signed manifest")->required();
+  verify->footer(
       "Checks against the trust directories and \"SigningFuse\" of the device at --root DIR\n"
       "(or of this host), at this host's time. Exit status 0 when accepted, 1 when refused.");
+  return {create,
+          {show, [file] { return vtldctl::signed_manifest_show(*file, stdout, stderr); }},
+          {verify, [file, &global] {
+             return vtldctl::signed_manifest_verify(*file, global.root, stdout, stderr);
+           }}};
+}
 
-  vtldctl::DemoOptions demo_options;
+Action add_demo_command(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<vtldctl::DemoOptions>();
   CLI::App* demo = app.add_subcommand(
       "demo", "Run the helper's commands on a fresh simulated device, explained (as root)");
-  demo->add_option("DIR", demo_options.dir,
+  demo->add_option("DIR", options->dir,
                    "Lay the device out here and keep it (must not exist or be empty); default: "
                    "a temporary directory, removed at the end");
-  demo->add_option("--helper", demo_options.helper_path,
+  demo->add_option("--helper", options->helper_path,
                    "The vtld_helper to run (default: the one next to vtldctl)")
       ->option_text("PATH");
   demo->footer(
       "Exit status: 0 when every step went as told, 1 when one did not, 4 when the demo could\n"
       "not run (not root, no helper, the helper did not start).");
+  return {demo, [options, &global] {
+            options->idle = global.idle();
+            return vtldctl::run_demo(*options, stdout, stderr);
+          }};
+}
 
+// `sim` and `demo` make their own device and helper: --root and --socket,
+// which choose one to talk to, make no sense with them. The message, or "".
+std::string own_helper_conflict(CLI::App& app) {
+  const bool service_chosen =
+      app.get_option("--root")->count() > 0 || app.get_option("--socket")->count() > 0;
+  const bool sim = app.get_subcommand("sim")->parsed();
+  if (!service_chosen || !(sim || app.get_subcommand("demo")->parsed())) return "";
+  return fmt::format("vtldctl: --root and --socket choose a helper to talk to; {} makes its own\n",
+                     sim ? "sim create" : "demo");
+}
+
+// Runs the first of `actions` whose subcommand the command line named.
+int dispatch(const std::vector<Action>& actions) {
+  for (const Action& action : actions) {
+    if (action.command->parsed()) return action.run();
+  }
+  fmt::print(stderr, "vtldctl: a command is required (see vtldctl --help)\n");
+  return kExitUsage;
+}
+
+int run(int argc, char** argv) {
+  CLI::App app(kDescription, "vtldctl");
+  GlobalOptions global;
+  add_global_options(app, global);
+  // Registered in the order --help lists them; dispatched tools first.
+  const std::vector<Action> helper_commands = add_helper_commands(app, global);
+  const Action send = add_send_command(app, global);
+  std::vector<Action> actions = {add_sim_commands(app), add_disk_commands(app)};
+  std::ranges::move(add_manifest_commands(app), std::back_inserter(actions));
+  std::ranges::move(add_signed_manifest_commands(app, global), std::back_inserter(actions));
+  actions.push_back(add_demo_command(app, global));
+  actions.push_back(send);
+  actions.insert(actions.end(), helper_commands.begin(), helper_commands.end());
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     const int code = app.exit(e);
     return code == 0 ? 0 : kExitUsage;
   }
-
-  const bool service_chosen = root_option->count() > 0 || socket_option->count() > 0;
-  if (service_chosen && (sim->parsed() || demo->parsed())) {
-    fmt::print(stderr,
-               "vtldctl: --root and --socket choose a helper to talk to; {} makes its own\n",
-               sim->parsed() ? "sim create" : "demo");
+  if (const std::string conflict = own_helper_conflict(app); !conflict.empty()) {
+    fmt::print(stderr, "{}", conflict);
     return kExitUsage;
   }
-  if (sim_create->parsed()) return vtldctl::sim_create(sim_dir, stdout, stderr);
-  if (disk_show->parsed()) return vtldctl::disk_show(disk_path, stdout, stderr);
-  if (device_manifest_show->parsed()) {
-    return vtldctl::manifest_show(manifest_a, manifest_json, stdout, stderr);
-  }
-  if (device_manifest_diff->parsed()) {
-    return vtldctl::manifest_diff(manifest_a, manifest_b, stdout, stderr);
-  }
-  if (manifest_create->parsed()) {
-    create_options.device_root = global.root;
-    return vtldctl::signed_manifest_create(create_options, stdout, stderr);
-  }
-  if (manifest_show->parsed()) return vtldctl::signed_manifest_show(manifest_file, stdout, stderr);
-  if (manifest_verify->parsed()) {
-    return vtldctl::signed_manifest_verify(manifest_file, global.root, stdout, stderr);
-  }
-  if (demo->parsed()) {
-    demo_options.idle = global.idle();
-    return vtldctl::run_demo(demo_options, stdout, stderr);
-  }
-  if (send->parsed()) return send_json(global, json);
-  for (std::size_t i = 0; i < table.size(); ++i) {
-    if (!command_apps[i]->parsed()) continue;
-    vtldctl::ReplyPrinter printer(stdout, stderr);
-    return vtldctl::run_request(
-        global.socket_path(), vtldctl::build_request(table[i], arguments[i]),
-        vtldctl::ExchangeOptions{global.idle(), table[i].ends_helper}, printer);
-  }
-  fmt::print(stderr, "vtldctl: a command is required (see vtldctl --help)\n");
-  return kExitUsage;
+  return dispatch(actions);
 }
 
 }  // namespace

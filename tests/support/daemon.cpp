@@ -1,11 +1,6 @@
 #include "tests/support/daemon.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -94,11 +89,7 @@ Device::Device() {
 }
 
 Device::~Device() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
+  helper_.reset();  // killed if it still runs
   std::error_code ec;
   fs::remove(stderr_path_, ec);
 }
@@ -107,101 +98,52 @@ std::string Device::socket_path() const {
   return platform::sim::service_socket_path(root(), "com.tessal.vantreldhelper");
 }
 
-namespace {
-
-// The helper's standard streams, core limit and sanitizer options, set in the
-// child before exec.
-void prepare_child(const std::string& stderr_path) {
-  const int err = ::open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (err >= 0) ::dup2(err, 2);
-  const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (null >= 0) {
-    ::dup2(null, 0);
-    ::dup2(null, 1);
-  }
-  // An aborting helper must not leave a core file anywhere.
-  rlimit no_core{0, 0};
-  ::setrlimit(RLIMIT_CORE, &no_core);
+void Device::launch(const std::vector<std::string>& extra_args,
+                    std::optional<vtldctl::HandedOverSocket> socket) {
+  vtldctl::HelperStart how;
+  how.program = program_path("vtld_helper");
+  how.arguments = {"--root", root()};
+  how.arguments.insert(how.arguments.end(), extra_args.begin(), extra_args.end());
+  how.errors = vtldctl::HelperStream::file(stderr_path_);
   // Inside its confinement the helper has no /proc for the leak checker to
   // read at exit; leaks are checked by the in-process tests instead.
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  how.environment = {"ASAN_OPTIONS=detect_leaks=0"};
+  how.socket = std::move(socket);
+  // An aborting helper must not leave a core file anywhere.
+  how.core_file = false;
+  std::string error;
+  helper_ = vtldctl::HelperProcess::start(how, &error);
+  if (!helper_) throw std::runtime_error(error);
 }
 
-}  // namespace
-
 void Device::start(const std::vector<std::string>& extra_args) {
-  const std::string helper = program_path("vtld_helper");
-  std::vector<std::string> args = {helper, "--root", root()};
-  args.insert(args.end(), extra_args.begin(), extra_args.end());
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    prepare_child(stderr_path_);
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ::execv(helper.c_str(), argv.data());
-    ::_exit(127);
+  launch(extra_args, std::nullopt);
+  if (helper_->wait_for_socket(socket_path(), std::chrono::seconds(20))) return;
+  if (helper_->running()) {
+    throw std::runtime_error("vtld_helper did not create its socket: " + system_log());
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < deadline) {
-    struct stat st {};
-    if (::stat(socket_path().c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return;
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      throw std::runtime_error("vtld_helper ended before serving: " + system_log());
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  throw std::runtime_error("vtld_helper did not create its socket: " + system_log());
+  helper_.reset();
+  throw std::runtime_error("vtld_helper ended before serving: " + system_log());
 }
 
 void Device::start_activated(int listening_fd) {
-  const std::string helper = program_path("vtld_helper");
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    prepare_child(stderr_path_);
-    if (listening_fd != 3) {
-      ::dup2(listening_fd, 3);
-    } else {
-      ::fcntl(3, F_SETFD, 0);
-    }
-    ::setenv("LISTEN_FDS", "1", 1);
-    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-    ::setenv("LISTEN_FDNAMES", "com.tessal.vantreldhelper", 1);
-    ::execl(helper.c_str(), helper.c_str(), "--root", root().c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
+  launch({}, vtldctl::HandedOverSocket{listening_fd, "com.tessal.vantreldhelper"});
 }
 
-bool Device::running() {
-  if (pid_ <= 0) return false;
-  int status = 0;
-  return ::waitpid(pid_, &status, WNOHANG) == 0;
-}
+bool Device::running() { return helper_ && helper_->running(); }
 
 int Device::terminate() {
-  if (pid_ <= 0) return -1;
-  ::kill(pid_, SIGTERM);
-  std::optional<int> status = wait_exit(std::chrono::seconds(20));
+  if (!helper_) return -1;
+  std::optional<int> status = helper_->stop(std::chrono::seconds(20));
+  helper_.reset();
   return status.value_or(-1);
 }
 
 std::optional<int> Device::wait_exit(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return std::nullopt;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return status;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  if (!helper_) return std::nullopt;
+  std::optional<int> status = helper_->wait(timeout);
+  if (status) helper_.reset();
+  return status;
 }
 
 std::string Device::system_log() const {

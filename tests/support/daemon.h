@@ -15,6 +15,7 @@
 
 #include "krx/client.h"
 #include "krx/value.h"
+#include "vtldctl/helper_process.h"
 
 namespace krx {
 // Readable failure messages for KRX values in assertions.
@@ -65,7 +66,7 @@ class Device {
   int terminate();
   // Waits for the helper to end by itself; nullopt on time-out.
   std::optional<int> wait_exit(std::chrono::milliseconds timeout);
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return helper_ ? helper_->pid() : -1; }
 
   // What the helper wrote to its system log (standard error) so far.
   std::string system_log() const;
@@ -78,9 +79,13 @@ class Device {
   krx::Client connect() const;
 
  private:
+  // Starts the helper on the device, its system log appended to stderr_path_.
+  void launch(const std::vector<std::string>& extra_args,
+              std::optional<vtldctl::HandedOverSocket> socket);
+
   TempDir dir_;
   std::string stderr_path_;
-  pid_t pid_ = -1;
+  std::optional<vtldctl::HelperProcess> helper_;
 };
 
 // A KRX dictionary of `entries`, in the order given: requests and replies.
