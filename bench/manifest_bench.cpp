@@ -434,13 +434,8 @@ Measure library_manifest(const std::string& device, const std::string& tree,
     DiscardLog log;
     auto accounts = platform::make_passwd_accounts(device);
     auto classes = platform::make_xattr_protection_classes();
-    platform::Platform p;
-    p.system_log = &log;
-    p.accounts = accounts.get();
-    p.protection_classes = classes.get();
-    platform::install(&p);
     vtl::VTLLogModel::sharedInstance().setSystemLog(&log);
-    vtl::VTLManifest manifest;
+    vtl::VTLManifest manifest({.accounts = accounts.get(), .protection_classes = classes.get()});
     const auto skip = vtl::VTLManifest::immediateHiddenFilesUnderPath(tree);
     if (!manifest.addFilesFromPath_relativeTo_skip_inclusive(tree, tree, skip, false)) return false;
     return manifest.writeBinaryPropertyListToFile(out) == 0;

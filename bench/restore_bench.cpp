@@ -248,15 +248,10 @@ int main(int argc, char** argv) {
   }
   const std::string staging = device + kStagingDevicePath;
 
-  // The tool's own platform, to record the source as the helper's walk does.
+  // The tool's own roles, to record the source as the helper's walk does.
   std::unique_ptr<platform::SystemLog> log = platform::make_stderr_system_log();
   std::unique_ptr<platform::Accounts> accounts = platform::make_passwd_accounts(device);
   std::unique_ptr<platform::ProtectionClasses> classes = platform::make_xattr_protection_classes();
-  platform::Platform tool;
-  tool.system_log = log.get();
-  tool.accounts = accounts.get();
-  tool.protection_classes = classes.get();
-  platform::install(&tool);
   vtl::VTLLogModel::sharedInstance().setSystemLog(log.get());
 
   Clock::time_point start = Clock::now();
@@ -266,7 +261,7 @@ int main(int argc, char** argv) {
   start = Clock::now();
   vtl::Dictionary records;
   {
-    vtl::VTLManifest manifest;
+    vtl::VTLManifest manifest({.accounts = accounts.get(), .protection_classes = classes.get()});
     if (!manifest.addFilesFromPath_relativeTo_skip_inclusive(source, source, {}, true)) {
       die("cannot record the source tree");
     }

@@ -78,17 +78,12 @@ inline void run_partition_map(std::span<const std::uint8_t> data) {
   state.bytes.assign(data.begin() + 2, data.end());
   testsupport::MemoryRawDisks disks(&state);
 
-  static platform::Platform fuzz_platform;
-  fuzz_platform.raw_disks = &disks;
-  platform::install(&fuzz_platform);
   for (NamedPartition& row : named_partitions()) row.index = -1;
 
   PartitionMapSnapshot map;
   ZmraMediaGeometry geometry;
   const bool with_geometry = (options & 0x40U) == 0;
-  const int read = read_partition_map(&map, with_geometry ? &geometry : nullptr);
-  // The disk lives only for this input.
-  platform::install(nullptr);
+  const int read = read_partition_map(&disks, &map, with_geometry ? &geometry : nullptr);
   if (read != 1 || !with_geometry) return;
   // Every change the engine could make: each slot resized, emptied and
   // created, at sizes from one block to more than the disk.

@@ -84,15 +84,10 @@ class SignedManifestHarness {
           using namespace std::chrono;
           return system_clock::time_point(sys_days(year(2026) / June / 1));
         })) {
-    platform_.system_log = &log;
-    platform_.device_properties = &device_;
-    platform::install(&platform_);
+    roles_.device_properties = &device_;
     VTLLogModel::sharedInstance().setSystemLog(&log);
   }
-  ~SignedManifestHarness() {
-    VTLLogModel::sharedInstance().setSystemLog(nullptr);
-    platform::install(nullptr);
-  }
+  ~SignedManifestHarness() { VTLLogModel::sharedInstance().setSystemLog(nullptr); }
   SignedManifestHarness(const SignedManifestHarness&) = delete;
   SignedManifestHarness& operator=(const SignedManifestHarness&) = delete;
 
@@ -100,10 +95,10 @@ class SignedManifestHarness {
   bool run(std::span<const std::uint8_t> input) {
     log.lines.clear();
     if (input.empty()) return false;
-    platform_.certificate_services = (input[0] & 1) == 0 ? real_.get() : &trusting_;
+    roles_.certificate_services = (input[0] & 1) == 0 ? real_.get() : &trusting_;
     DataInputStream stream(input.subspan(1));
     std::unique_ptr<VTLSignedManifest> manifest =
-        VTLSignedManifest::signedManifestWithNSStream(stream);
+        VTLSignedManifest::signedManifestWithNSStream(stream, roles_);
     if (!manifest) return false;
     // What the attribute restore asks of an accepted manifest.
     static_cast<void>(manifest->getVersion());
@@ -127,7 +122,7 @@ class SignedManifestHarness {
   std::unique_ptr<platform::CertificateServices> real_;
   TrustingServices trusting_;
   DevelopmentHardware device_;
-  platform::Platform platform_;
+  VTLSignedManifest::Roles roles_;
 };
 
 // Copies the committed test PKI's trust directories under `device_root`.

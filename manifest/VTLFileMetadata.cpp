@@ -59,8 +59,9 @@ bool protection_differs(const Value* mine, const Value* theirs) {
 
 // --- Class operations --------------------------------------------------------
 
-std::optional<VTLFileMetadata> VTLFileMetadata::fileMetadatatWithPath(const std::string& path) {
-  return initWithPath(path);
+std::optional<VTLFileMetadata> VTLFileMetadata::fileMetadatatWithPath(const std::string& path,
+                                                                      const FileRoles& roles) {
+  return initWithPath(path, roles);
 }
 
 VTLFileMetadata VTLFileMetadata::fileMetaDataWithMetadataDictionary(Dictionary dictionary) {
@@ -73,15 +74,16 @@ std::optional<Data> VTLFileMetadata::fileHashWithPath(const std::string& path) {
   return manifest::file_hash_with_path(path, hasher, log);
 }
 
-std::optional<Dictionary> VTLFileMetadata::fileAttributesWithPath(const std::string& path) {
+std::optional<Dictionary> VTLFileMetadata::fileAttributesWithPath(const std::string& path,
+                                                                  const FileRoles& roles) {
   manifest::LogSink log;
-  return manifest::file_attributes(path, log);
+  return manifest::file_attributes(path, log, roles);
 }
 
 std::optional<std::vector<std::string>> VTLFileMetadata::extendedAttributeKeysWithPath(
-    const std::string& path) {
+    const std::string& path, const FileRoles& roles) {
   manifest::LogSink log;
-  return manifest::extended_attribute_keys(path, log);
+  return manifest::extended_attribute_keys(path, log, roles.protection_classes);
 }
 
 std::optional<Data> VTLFileMetadata::valueForExtendedAttributesKey_forPath(
@@ -90,9 +92,10 @@ std::optional<Data> VTLFileMetadata::valueForExtendedAttributesKey_forPath(
   return manifest::extended_attribute_value(name, path, log);
 }
 
-std::optional<Dictionary> VTLFileMetadata::extendedAttributesWithPath(const std::string& path) {
+std::optional<Dictionary> VTLFileMetadata::extendedAttributesWithPath(const std::string& path,
+                                                                      const FileRoles& roles) {
   manifest::LogSink log;
-  return manifest::extended_attributes(path, log);
+  return manifest::extended_attributes(path, log, roles.protection_classes);
 }
 
 std::optional<std::string> VTLFileMetadata::targetFileWithPath(const std::string& path) {
@@ -100,8 +103,9 @@ std::optional<std::string> VTLFileMetadata::targetFileWithPath(const std::string
   return manifest::link_target(path, log);
 }
 
-std::optional<VTLFileMetadata> VTLFileMetadata::initWithPath(const std::string& path) {
-  manifest::RecordContext context;
+std::optional<VTLFileMetadata> VTLFileMetadata::initWithPath(const std::string& path,
+                                                             const FileRoles& roles) {
+  manifest::RecordContext context(roles);
   manifest::LogSink log;
   manifest::RecordEncoder encoder(nullptr);
   std::uint64_t size = 0;
@@ -210,8 +214,9 @@ Dictionary VTLFileMetadata::fileAttributesAllowSet(const Dictionary& attributes)
   return settable;
 }
 
-bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
-  return restoreAttribuesToPath(platform::ItemAt::by_path(path));
+bool VTLFileMetadata::restoreAttribuesToPath(const std::string& path,
+                                             const FileRoles& roles) const {
+  return restoreAttribuesToPath(platform::ItemAt::by_path(path), roles);
 }
 
 bool VTLFileMetadata::restoreAttribuesToNoPath(std::string_view why) const {
@@ -236,7 +241,8 @@ bool VTLFileMetadata::restoreAttribuesToNoPath(std::string_view why) const {
   return false;
 }
 
-bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const {
+bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item,
+                                             const FileRoles& roles) const {
   const std::string& path = item.path;
   const Dictionary* attributes = getFileAttributes();
   const std::string* type = getFileType();
@@ -252,7 +258,8 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
     // settable subset applied; the subset is made only for a message.
     const Dictionary none;
     const Dictionary& recorded = attributes != nullptr ? *attributes : none;
-    if (int error = manifest::set_attributes(item, recorded, manifest::WithProtectionClass::kNo);
+    if (int error =
+            manifest::set_attributes(item, recorded, manifest::WithProtectionClass::kNo, roles);
         error != 0) {
       VTLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path,
              error_description(error), Value(fileAttributesAllowSet(recorded)));
@@ -260,7 +267,8 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
     }
     const auto it = recorded.find(keys::kProtectionClass);
     const Value* recorded_class = it != recorded.end() ? &it->second : nullptr;
-    if (int error = manifest::set_protection_class(item, recorded_class); error != 0) {
+    if (int error = manifest::set_protection_class(item, recorded_class, roles.protection_classes);
+        error != 0) {
       VTLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path,
              error_description(error), recorded_class);
       return false;
@@ -270,7 +278,7 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item) const
 
   const Dictionary* xattrs = getExtendedAttributes();
   if (xattrs == nullptr) return true;
-  const platform::ProtectionClasses* classes = platform::current().protection_classes;
+  const platform::ProtectionClasses* classes = roles.protection_classes;
   for (const auto& [name, value] : *xattrs) {
     // Keys of the program's dictionaries are always strings, so the
     // platform's "Got Non-string key" case cannot arise here.

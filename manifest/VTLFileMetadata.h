@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "base/value.h"
+#include "manifest/file_roles.h"
 #include "platform/item_at.h"
 
 namespace vtl {
@@ -38,9 +39,12 @@ namespace vtl {
 class VTLFileMetadata {
  public:
   // --- Class operations -----------------------------------------------------
+  // Those that read names or protection classes are given the roles to read
+  // them with (file_roles.h).
 
   // A record of the item at `path` (initWithPath), or nothing.
-  static std::optional<VTLFileMetadata> fileMetadatatWithPath(const std::string& path);
+  static std::optional<VTLFileMetadata> fileMetadatatWithPath(const std::string& path,
+                                                              const FileRoles& roles);
   // A record that keeps `dictionary` as it is (initWithDictionary).
   static VTLFileMetadata fileMetaDataWithMetadataDictionary(Dictionary dictionary);
   // The SHA-1 of a regular file; empty bytes for a directory or a file whose
@@ -48,13 +52,15 @@ class VTLFileMetadata {
   // when nothing is at the path ("File does not exist at %@").
   static std::optional<Data> fileHashWithPath(const std::string& path);
   // The item's attribute dictionary, a link not followed; nothing on error.
-  static std::optional<Dictionary> fileAttributesWithPath(const std::string& path);
+  static std::optional<Dictionary> fileAttributesWithPath(const std::string& path,
+                                                          const FileRoles& roles);
   // The names of the item's extended attributes, a link not followed.
   static std::optional<std::vector<std::string>> extendedAttributeKeysWithPath(
-      const std::string& path);
+      const std::string& path, const FileRoles& roles);
   static std::optional<Data> valueForExtendedAttributesKey_forPath(const std::string& name,
                                                                    const std::string& path);
-  static std::optional<Dictionary> extendedAttributesWithPath(const std::string& path);
+  static std::optional<Dictionary> extendedAttributesWithPath(const std::string& path,
+                                                              const FileRoles& roles);
   // A link's target exactly as stored, or nothing.
   static std::optional<std::string> targetFileWithPath(const std::string& path);
 
@@ -62,7 +68,8 @@ class VTLFileMetadata {
 
   // initWithPath: nothing when the item's attributes cannot be read or the
   // item vanished while it was read (both logged).
-  static std::optional<VTLFileMetadata> initWithPath(const std::string& path);
+  static std::optional<VTLFileMetadata> initWithPath(const std::string& path,
+                                                     const FileRoles& roles);
   // initWithDictionary: keeps `dictionary` unchanged and unchecked.
   explicit VTLFileMetadata(Dictionary dictionary) : dict_(std::move(dictionary)) {}
 
@@ -109,9 +116,9 @@ class VTLFileMetadata {
   // stops the restore it is false for a link and still true for any other
   // item, whose attributes and class were applied: a partial restore of
   // extended attributes is not reported as a failure.
-  bool restoreAttribuesToPath(const std::string& path) const;
+  bool restoreAttribuesToPath(const std::string& path, const FileRoles& roles) const;
   // The same for an item named relative to an open directory.
-  bool restoreAttribuesToPath(const platform::ItemAt& item) const;
+  bool restoreAttribuesToPath(const platform::ItemAt& item, const FileRoles& roles) const;
   // The same with no path at all (a restore given no staging root names no
   // item): nothing can be set, so each step fails as the platform's calls do
   // for a path that names nothing, logged as above with the path "(null)"

@@ -284,7 +284,7 @@ struct VTLManifest::Walk {
     for (unsigned i = 0; i < n + VTLManifest::cold_worker_count(); ++i) {
       const bool extra = i >= n;
       workers.emplace_back([this, extra] {
-        manifest::RecordContext context;
+        manifest::RecordContext context(m.roles_);
         manifest::RecordEncoder encoder(&m.store_.strings());
         std::condition_variable& ready = extra ? cold_work_ready : work_ready;
         for (;;) {
@@ -335,7 +335,7 @@ struct VTLManifest::Walk {
     const std::size_t look_ahead = parallel ? kLookAhead : 1;
     if (parallel) start_workers();
     // With a handler, records are built here, one at a time, logging at once.
-    manifest::RecordContext context;
+    manifest::RecordContext context(m.roles_);
     manifest::RecordEncoder inline_encoder(nullptr);
     manifest::LogSink direct;
 
@@ -428,9 +428,11 @@ struct VTLManifest::Walk {
 
 // --- VTLManifest -------------------------------------------------------------
 
-VTLManifest::VTLManifest() = default;
+VTLManifest::VTLManifest(const FileRoles& roles) : roles_(roles) {}
 
-VTLManifest::VTLManifest(const Dictionary& dictionary) { setDict(dictionary); }
+VTLManifest::VTLManifest(const FileRoles& roles, const Dictionary& dictionary) : roles_(roles) {
+  setDict(dictionary);
+}
 
 VTLManifest::~VTLManifest() = default;
 

@@ -30,6 +30,7 @@
 
 #include "base/value.h"
 #include "manifest/VTLFileMetadata.h"
+#include "manifest/file_roles.h"
 #include "manifest/manifest_store.h"
 #include "manifest/progress_reporter.h"
 
@@ -39,11 +40,12 @@ class VTLManifest {
  public:
   using Handler = std::function<bool(const VTLFileMetadata& record, const std::string& path)>;
 
-  // init: empty, no base directory, no progress updater.
-  VTLManifest();
+  // init: empty, no base directory, no progress updater; its walk reads
+  // names and protection classes through `roles`.
+  explicit VTLManifest(const FileRoles& roles);
   // initWithDictionary: a copy of `dictionary`; no base directory, no
-  // progress updater (so it could still take one add).
-  explicit VTLManifest(const Dictionary& dictionary);
+  // progress updater (so it could still take one add, through `roles`).
+  VTLManifest(const FileRoles& roles, const Dictionary& dictionary);
   ~VTLManifest();
   VTLManifest(const VTLManifest&) = delete;
   VTLManifest& operator=(const VTLManifest&) = delete;
@@ -128,6 +130,7 @@ class VTLManifest {
   bool walk(const std::string& path, const std::string& base, const std::vector<std::string>& skip,
             bool inclusive, const Handler* handler);
 
+  FileRoles roles_;
   manifest::ManifestStore store_;
   std::optional<std::string> root_path_;
   ProgressReporter* progress_ = nullptr;

@@ -125,12 +125,9 @@ certificateArrayApplier(CertificateServices* services, const bplist::Object& cer
   return list;
 }
 
-CertificateServices* certificate_services() { return platform::current().certificate_services; }
-
 // Development hardware is the one case where a test signer is good enough:
 // only an explicit false says so.
-bool is_development_hardware() {
-  platform::DeviceProperties* properties = platform::current().device_properties;
+bool is_development_hardware(platform::DeviceProperties* properties) {
   if (properties == nullptr) return false;
   std::optional<Value> fuse = properties->copy_answer(platform::kSigningFuseQuestion);
   const bool* fused = fuse ? fuse->boolean() : nullptr;
@@ -172,11 +169,12 @@ std::int32_t VTLSignedManifest::int_value(const Object& value) {
 }
 
 std::unique_ptr<VTLSignedManifest> VTLSignedManifest::signedManifestWithNSStream(
-    InputStream& stream) {
-  return initWithNSStream(stream);
+    InputStream& stream, const Roles& roles) {
+  return initWithNSStream(stream, roles);
 }
 
-std::unique_ptr<VTLSignedManifest> VTLSignedManifest::initWithNSStream(InputStream& stream) {
+std::unique_ptr<VTLSignedManifest> VTLSignedManifest::initWithNSStream(InputStream& stream,
+                                                                       const Roles& roles) {
   StreamContents contents = read_whole_stream(stream, kMaxSignedManifestBytes);
   ReadError error;
   std::vector<std::uint8_t> converted_envelope;
@@ -206,7 +204,7 @@ std::unique_ptr<VTLSignedManifest> VTLSignedManifest::initWithNSStream(InputStre
     return nullptr;
   }
 
-  const std::optional<Bytes> payload_bytes = verifyManifestSignature(envelope);
+  const std::optional<Bytes> payload_bytes = verifyManifestSignature(envelope, roles);
   if (!payload_bytes) return nullptr;
   VTLLog(kPassedSignatureCheck);
 
@@ -277,23 +275,23 @@ std::optional<bplist::Object> VTLSignedManifest::getPlugInDataList() const {
 std::optional<bplist::Object> VTLSignedManifest::getManifest() const { return lookup(kBackupKey); }
 
 std::optional<VTLSignedManifest::Bytes> VTLSignedManifest::verifyManifestSignature(
-    const Object& envelope) {
+    const Object& envelope, const Roles& roles) {
   const std::optional<Object> chain = envelope.find(kCertificateKey);
   if (!chain || chain->type() != Object::Type::kArray) {
     VTLLog(kCertificatesNotFound, kVerifyMethod);
     return std::nullopt;
   }
 
-  std::unique_ptr<PublicKey> key = createPublicKeyForStrongSigning(*chain);
+  std::unique_ptr<PublicKey> key = createPublicKeyForStrongSigning(*chain, roles);
   if (!key) {
     VTLTrace(kFailedStrongSigning);
     // Production-fused hardware takes only the production signer.
-    if (!is_development_hardware()) {
+    if (!is_development_hardware(roles.device_properties)) {
       VTLLog(kCertificateNotValid, kVerifyMethod);
       return std::nullopt;
     }
     VTLTrace(kTryingDevelopmentSigning);
-    key = createPublicKeyForDevelopmentSigning(*chain);
+    key = createPublicKeyForDevelopmentSigning(*chain, roles);
     if (!key) {
       VTLLog(kCertificateNotValid, kVerifyMethod);
       return std::nullopt;
@@ -306,15 +304,15 @@ std::optional<VTLSignedManifest::Bytes> VTLSignedManifest::verifyManifestSignatu
     VTLLog(kManifestFormatNotCorrect, kVerifyMethod);
     return std::nullopt;
   }
-  if (!verifySignature_forData_withKey(envelope.find(kSignatureKey), *payload_bytes, *key)) {
+  if (!verifySignature_forData_withKey(envelope.find(kSignatureKey), *payload_bytes, *key, roles)) {
     return std::nullopt;
   }
   return payload_bytes;
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKeyForStrongSigning(
-    const Object& certificates) {
-  CertificateServices* services = certificate_services();
+    const Object& certificates, const Roles& roles) {
+  CertificateServices* services = roles.certificate_services;
   std::unique_ptr<Policy> policy =
       services != nullptr ? services->create_production_signer_policy() : nullptr;
   if (!policy) {
@@ -322,30 +320,32 @@ std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey
     return nullptr;
   }
   VTLLog(kVerifingStrongSigning);
-  return createPublicKey_usingPolicy(certificates, std::move(policy));
+  return createPublicKey_usingPolicy(certificates, std::move(policy), roles);
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey>
-VTLSignedManifest::createPublicKeyForDevelopmentSigning(const Object& certificates) {
+VTLSignedManifest::createPublicKeyForDevelopmentSigning(const Object& certificates,
+                                                        const Roles& roles) {
   VTLLog(kVerifingDevelopmentSigning);
-  return createPublicKeyForDevelopmentSigningStandard(certificates);
+  return createPublicKeyForDevelopmentSigningStandard(certificates, roles);
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey>
-VTLSignedManifest::createPublicKeyForDevelopmentSigningStandard(const Object& certificates) {
-  CertificateServices* services = certificate_services();
+VTLSignedManifest::createPublicKeyForDevelopmentSigningStandard(const Object& certificates,
+                                                                const Roles& roles) {
+  CertificateServices* services = roles.certificate_services;
   std::unique_ptr<Policy> policy =
       services != nullptr ? services->create_test_signer_policy() : nullptr;
   if (!policy) {
     VTLLog(kCannotCreatePolicy, kDevelopmentStandardMethod);
     return nullptr;
   }
-  return createPublicKey_usingPolicy(certificates, std::move(policy));
+  return createPublicKey_usingPolicy(certificates, std::move(policy), roles);
 }
 
 std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey_usingPolicy(
-    const Object& certificates, std::unique_ptr<Policy> policy) {
-  CertificateServices* services = certificate_services();
+    const Object& certificates, std::unique_ptr<Policy> policy, const Roles& roles) {
+  CertificateServices* services = roles.certificate_services;
   auto list = certificateArrayApplier(services, certificates);
   if (!list) return nullptr;  // the policy goes with this scope
 
@@ -373,7 +373,8 @@ std::unique_ptr<VTLSignedManifest::PublicKey> VTLSignedManifest::createPublicKey
 }
 
 bool VTLSignedManifest::verifySignature_forData_withKey(const std::optional<Object>& signature,
-                                                        Bytes data, const PublicKey& key) {
+                                                        Bytes data, const PublicKey& key,
+                                                        const Roles& roles) {
   VTLTrace(kVerifySignatureCalled);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digest_length = 0;
@@ -381,7 +382,7 @@ bool VTLSignedManifest::verifySignature_forData_withKey(const std::optional<Obje
   // not any re-serialisation of what they say.
   const bool hashed =
       EVP_Digest(data.data(), data.size(), digest, &digest_length, EVP_sha1(), nullptr) == 1;
-  CertificateServices* services = certificate_services();
+  CertificateServices* services = roles.certificate_services;
   const std::optional<Bytes> signature_bytes = signature ? signature->data() : std::nullopt;
   const bool good =
       hashed && signature_bytes && services != nullptr &&

@@ -53,6 +53,7 @@
 #include "base/value.h"
 #include "manifest/input_stream.h"
 #include "platform/certificate_services.h"
+#include "platform/device_properties.h"
 
 namespace vtl {
 
@@ -66,10 +67,21 @@ class VTLSignedManifest {
   using Object = bplist::Object;
   using Bytes = std::span<const std::uint8_t>;
 
+  // What the check asks of the platform, handed down by its caller: the
+  // certificate services that evaluate chains and signatures, and the device
+  // properties that say whether the device is development hardware. A role
+  // left out fails the check.
+  struct Roles {
+    platform::CertificateServices* certificate_services = nullptr;
+    platform::DeviceProperties* device_properties = nullptr;
+  };
+
   // The manifest read from `stream` (open, at its start) when it is well
   // formed and its signature is good; nullptr otherwise, the reason logged.
-  static std::unique_ptr<VTLSignedManifest> signedManifestWithNSStream(InputStream& stream);
-  static std::unique_ptr<VTLSignedManifest> initWithNSStream(InputStream& stream);
+  static std::unique_ptr<VTLSignedManifest> signedManifestWithNSStream(InputStream& stream,
+                                                                       const Roles& roles);
+  static std::unique_ptr<VTLSignedManifest> initWithNSStream(InputStream& stream,
+                                                             const Roles& roles);
 
   // The raw manifest's entries; nullopt for an absent optional key. They
   // read the manifest in place and live as long as this object.
@@ -87,22 +99,24 @@ class VTLSignedManifest {
 
   // The bytes of the envelope's "Payload" when its chain is trusted and its
   // signature good; nullopt otherwise.
-  static std::optional<Bytes> verifyManifestSignature(const Object& envelope);
+  static std::optional<Bytes> verifyManifestSignature(const Object& envelope, const Roles& roles);
   // The signer's public key when the array `certificates` is trusted under
   // the production policy, the test policy, or the test policy by its own
   // name; nullptr otherwise.
-  static std::unique_ptr<PublicKey> createPublicKeyForStrongSigning(const Object& certificates);
-  static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigning(
-      const Object& certificates);
+  static std::unique_ptr<PublicKey> createPublicKeyForStrongSigning(const Object& certificates,
+                                                                    const Roles& roles);
+  static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigning(const Object& certificates,
+                                                                         const Roles& roles);
   static std::unique_ptr<PublicKey> createPublicKeyForDevelopmentSigningStandard(
-      const Object& certificates);
+      const Object& certificates, const Roles& roles);
   // Takes `policy` and releases it before returning, whatever the outcome.
   static std::unique_ptr<PublicKey> createPublicKey_usingPolicy(const Object& certificates,
-                                                                std::unique_ptr<Policy> policy);
+                                                                std::unique_ptr<Policy> policy,
+                                                                const Roles& roles);
   // Whether `signature` signs the SHA-1 of `data` under `key`. A missing
   // signature, or one that is not data, is a bad one.
   static bool verifySignature_forData_withKey(const std::optional<Object>& signature, Bytes data,
-                                              const PublicKey& key);
+                                              const PublicKey& key, const Roles& roles);
 
   // A number's int value as described above.
   static std::int32_t int_value(const Object& value);

@@ -229,41 +229,34 @@ void encode_attributes(const ItemAttributes& a, RecordEncoder& e) {
 
 const std::string* AccountNames::user(uid_t uid) {
   auto [it, added] = users_.try_emplace(uid);
-  if (added) {
-    if (const platform::Accounts* accounts = platform::current().accounts) {
-      it->second = accounts->user_name(uid);
-    }
-  }
+  if (added && accounts_ != nullptr) it->second = accounts_->user_name(uid);
   return it->second ? &*it->second : nullptr;
 }
 
 const std::string* AccountNames::group(gid_t gid) {
   auto [it, added] = groups_.try_emplace(gid);
-  if (added) {
-    if (const platform::Accounts* accounts = platform::current().accounts) {
-      it->second = accounts->group_name(gid);
-    }
-  }
+  if (added && accounts_ != nullptr) it->second = accounts_->group_name(gid);
   return it->second ? &*it->second : nullptr;
 }
 
-int set_attributes(const std::string& path, const Dictionary& attributes) {
-  return set_attributes(platform::ItemAt::by_path(path), attributes, WithProtectionClass::kYes);
+int set_attributes(const std::string& path, const Dictionary& attributes, const FileRoles& roles) {
+  return set_attributes(platform::ItemAt::by_path(path), attributes, WithProtectionClass::kYes,
+                        roles);
 }
 
-int set_protection_class(const platform::ItemAt& item, const Value* protection_class) {
+int set_protection_class(const platform::ItemAt& item, const Value* protection_class,
+                         const platform::ProtectionClasses* classes) {
   if (protection_class == nullptr) return 0;
   const std::string* name = protection_class->string();
   if (name == nullptr) return EINVAL;
-  const platform::ProtectionClasses* classes = platform::current().protection_classes;
   if (classes == nullptr) return ENOTSUP;
   return classes->set_at(item, *name);
 }
 
 int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
-                   WithProtectionClass with_class) {
+                   WithProtectionClass with_class, const FileRoles& roles) {
   const std::string& path = item.path;
-  const platform::Accounts* accounts = platform::current().accounts;
+  const platform::Accounts* accounts = roles.accounts;
   int error = 0;
 
   // Changed only when it differs, so that a file system without inode flags
@@ -321,7 +314,8 @@ int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
 
   if (with_class == WithProtectionClass::kYes) {
     const auto it = attributes.find(keys::kProtectionClass);
-    if (int e = set_protection_class(item, it != attributes.end() ? &it->second : nullptr);
+    if (int e = set_protection_class(item, it != attributes.end() ? &it->second : nullptr,
+                                     roles.protection_classes);
         e != 0) {
       return e;
     }

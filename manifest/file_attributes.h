@@ -31,6 +31,7 @@
 #include <unordered_map>
 
 #include "base/value.h"
+#include "manifest/file_roles.h"
 #include "manifest/record_codec.h"
 #include "platform/item_at.h"
 
@@ -70,10 +71,12 @@ void encode_attributes(const ItemAttributes& a, RecordEncoder& e);
 // while a tree is walked shows in the next walk.
 class AccountNames {
  public:
+  explicit AccountNames(const platform::Accounts* accounts) : accounts_(accounts) {}
   const std::string* user(uid_t uid);
   const std::string* group(gid_t gid);
 
  private:
+  const platform::Accounts* accounts_;
   std::unordered_map<uid_t, std::optional<std::string>> users_;
   std::unordered_map<gid_t, std::optional<std::string>> groups_;
 };
@@ -97,15 +100,16 @@ class AccountNames {
 //     file or directory and a file system with inode flags).
 // A value of the wrong type is EINVAL. Stops at the first failure and returns
 // its errno value; 0 when everything was applied.
-int set_attributes(const std::string& path, const Dictionary& attributes);
+int set_attributes(const std::string& path, const Dictionary& attributes, const FileRoles& roles);
 // The same for an item named relative to an open directory; with kNo, the
 // ProtectionClass entry is left out.
 enum class WithProtectionClass : bool { kNo, kYes };
 int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
-                   WithProtectionClass with_class);
+                   WithProtectionClass with_class, const FileRoles& roles);
 // Gives the item the class named by `protection_class`: nothing for nullptr,
 // EINVAL for a value that is not a string or not a class name, ENOTSUP
 // without a place to keep classes. 0 or an errno value.
-int set_protection_class(const platform::ItemAt& item, const Value* protection_class);
+int set_protection_class(const platform::ItemAt& item, const Value* protection_class,
+                         const platform::ProtectionClasses* classes);
 
 }  // namespace vtl::manifest

@@ -35,10 +35,6 @@ constexpr const char* kMaybeFernbox = "Maybe it's an Fernbox file (%@)?";
 // dance (size, then contents) is the fallback when it is too small.
 constexpr std::size_t kFirstTry = 4096;
 
-const platform::ProtectionClasses* protection_classes() {
-  return platform::current().protection_classes;
-}
-
 // listxattr without following a link, with the messages of
 // extendedAttributeKeysWithPath.
 // The item's extended attributes, through its descriptor when the caller
@@ -53,7 +49,8 @@ ssize_t get_xattr(const std::string& path, int fd, const std::string& name, void
                  : ::lgetxattr(path.c_str(), name.c_str(), buffer, size);
 }
 
-bool list_names(const std::string& path, int fd, LogSink& log, bool* hidden_seen,
+bool list_names(const std::string& path, int fd, LogSink& log,
+                const platform::ProtectionClasses* classes, bool* hidden_seen,
                 std::vector<char>& buffer, std::vector<std::string>& names) {
   names.clear();
   if (hidden_seen != nullptr) *hidden_seen = false;
@@ -76,7 +73,6 @@ bool list_names(const std::string& path, int fd, LogSink& log, bool* hidden_seen
     log.log(kCannotListXattrs, path);
     return false;
   }
-  const platform::ProtectionClasses* classes = protection_classes();
   std::size_t offset = 0;
   while (offset < static_cast<std::size_t>(length)) {
     const char* start = buffer.data() + offset;
@@ -164,10 +160,10 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
   // class is there at all (most items have none); neither logs on success, so
   // the messages keep their order.
   bool hidden_seen = false;
-  const bool names_ok =
-      list_names(path, fd, log, &hidden_seen, context.list_buffer, context.xattr_names);
+  const bool names_ok = list_names(path, fd, log, context.roles.protection_classes, &hidden_seen,
+                                   context.list_buffer, context.xattr_names);
   if (hidden_seen || !names_ok) {
-    if (const platform::ProtectionClasses* classes = protection_classes()) {
+    if (const platform::ProtectionClasses* classes = context.roles.protection_classes) {
       attributes.protection_class = classes->get(path);
     }
   }
@@ -223,16 +219,17 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
   return true;
 }
 
-std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log) {
+std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log,
+                                          const FileRoles& roles) {
   ItemAttributes attributes;
   if (int error = read_item_attributes(path, &attributes); error != 0) {
     log.log(kGetAttributesFailed, path, error_description(error));
     return std::nullopt;
   }
-  if (const platform::ProtectionClasses* classes = protection_classes()) {
+  if (const platform::ProtectionClasses* classes = roles.protection_classes) {
     attributes.protection_class = classes->get(path);
   }
-  AccountNames names;
+  AccountNames names(roles.accounts);
   attributes.owner_name = names.user(attributes.uid);
   attributes.group_name = names.group(attributes.gid);
   RecordEncoder e(nullptr);
@@ -241,12 +238,12 @@ std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log)
   return std::move(*decoded.dictionary());
 }
 
-std::optional<std::vector<std::string>> extended_attribute_keys(const std::string& path,
-                                                                LogSink& log, bool* hidden_seen,
-                                                                RecordContext* context) {
+std::optional<std::vector<std::string>> extended_attribute_keys(
+    const std::string& path, LogSink& log, const platform::ProtectionClasses* classes,
+    bool* hidden_seen, RecordContext* context) {
   std::vector<char> own_buffer;
   std::vector<std::string> names;
-  if (!list_names(path, -1, log, hidden_seen,
+  if (!list_names(path, -1, log, classes, hidden_seen,
                   context != nullptr ? context->list_buffer : own_buffer, names)) {
     return std::nullopt;
   }
@@ -259,8 +256,9 @@ std::optional<Data> extended_attribute_value(const std::string& name, const std:
   return read_value(name, path, -1, log, buffer);
 }
 
-std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log) {
-  std::optional<std::vector<std::string>> names = extended_attribute_keys(path, log);
+std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log,
+                                              const platform::ProtectionClasses* classes) {
+  std::optional<std::vector<std::string>> names = extended_attribute_keys(path, log, classes);
   if (!names) {
     log.log(kNoAttributeKeys, path);
     return std::nullopt;

@@ -23,6 +23,10 @@ namespace vtl::manifest {
 // What one thread keeps between records: its hasher, its account names and
 // scratch space, so that building a record allocates next to nothing.
 struct RecordContext {
+  explicit RecordContext(const FileRoles& file_roles)
+      : roles(file_roles), names(file_roles.accounts) {}
+
+  FileRoles roles;
   FileHasher hasher;
   AccountNames names;
   // Scratch, reused from record to record.
@@ -45,21 +49,22 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
 // The class operations of VTLFileMetadata, with their messages.
 
 // fileAttributesWithPath: the attribute dictionary, or nothing.
-std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log);
+std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log,
+                                          const FileRoles& roles);
 // extendedAttributeKeysWithPath: the names, in the order listxattr gives
 // them, without the platform's hidden names and without names that are not
 // UTF-8 (a manifest cannot hold them, so they could never be restored).
 // `hidden_seen`, when given, tells whether a hidden name was listed.
-std::optional<std::vector<std::string>> extended_attribute_keys(const std::string& path,
-                                                                LogSink& log,
-                                                                bool* hidden_seen = nullptr,
-                                                                RecordContext* context = nullptr);
+std::optional<std::vector<std::string>> extended_attribute_keys(
+    const std::string& path, LogSink& log, const platform::ProtectionClasses* classes,
+    bool* hidden_seen = nullptr, RecordContext* context = nullptr);
 // valueForExtendedAttributesKey:forPath:
 std::optional<Data> extended_attribute_value(const std::string& name, const std::string& path,
                                              LogSink& log);
 // extendedAttributesWithPath: name to value; a name whose value cannot be read
 // at all is left out.
-std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log);
+std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log,
+                                              const platform::ProtectionClasses* classes);
 // targetFileWithPath: the link's target exactly as stored (a target that is
 // not UTF-8 counts as unreadable).
 std::optional<std::string> link_target(const std::string& path, LogSink& log);

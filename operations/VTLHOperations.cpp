@@ -11,6 +11,7 @@
 #include "base/VTLLog.h"
 #include "base/errors.h"
 #include "base/path.h"
+#include "base/unique_fd.h"
 #include "operations/file_layer.h"
 
 namespace vtl {
@@ -46,8 +47,8 @@ bool VTLHOperations::migratePreferencesFile() {
   // and re-owned through them: mobile owns its folder, and a link put there
   // would otherwise send root's move and chown wherever it points. Such a
   // folder cannot be opened, so the move fails.
-  const files::FileDescriptor from(files::open_directory_plain(std::string(kRootPreferences)));
-  const files::FileDescriptor to(files::open_directory_plain(std::string(kMobilePreferences)));
+  const UniqueFd from(files::open_directory_plain(std::string(kRootPreferences)));
+  const UniqueFd to(files::open_directory_plain(std::string(kMobilePreferences)));
   const char* const name = kPreferencesFile;
   struct stat st {};
   if (from.get() < 0 || ::fstatat(from.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
@@ -57,7 +58,8 @@ bool VTLHOperations::migratePreferencesFile() {
     VTLLog("Couldn't move %@ to %@", source, destination);
     return false;
   }
-  if (files::set_owner_by_name_at(to.get(), name, kMobile, kMobile) != 0) {
+  if (files::set_owner_by_name_at(environment_.files.accounts, to.get(), name, kMobile, kMobile) !=
+      0) {
     VTLLog("Couldn't change ownership for %@", destination);
     return false;
   }
@@ -105,7 +107,7 @@ bool VTLHOperations::prepareLogContainer(const std::string* path) {
   // The folder is now the client's to change: it is listed and its entries
   // re-owned through one descriptor, opened without passing a link, and no
   // entry is followed.
-  const files::FileDescriptor folder(files::open_directory_plain(*path));
+  const UniqueFd folder(files::open_directory_plain(*path));
   const int listing =
       folder.get() >= 0 ? ::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
   std::unique_ptr<DIR, DirCloser> dir(listing >= 0 ? ::fdopendir(listing) : nullptr);
@@ -117,7 +119,8 @@ bool VTLHOperations::prepareLogContainer(const std::string* path) {
     const std::string_view name = entry->d_name;
     if (!name.starts_with(kLogEntryPrefix)) continue;
     // Best effort by design: an entry that cannot be re-owned is left as it is.
-    static_cast<void>(files::set_owner_by_name_at(folder.get(), entry->d_name, kMobile, kMobile));
+    static_cast<void>(files::set_owner_by_name_at(environment_.files.accounts, folder.get(),
+                                                  entry->d_name, kMobile, kMobile));
   }
   return true;
 }

@@ -14,8 +14,12 @@
 
 #include <string>
 
+#include "manifest/VTLSignedManifest.h"
+#include "manifest/file_roles.h"
 #include "manifest/progress_reporter.h"
 #include "operations/keep_alive.h"
+#include "platform/device_registry.h"
+#include "platform/power.h"
 
 namespace vtl {
 
@@ -24,9 +28,15 @@ class VTLHOperations {
   static VTLHOperations& sharedInstance();
 
   // What the operations are handed by the service that calls them, once at
-  // start-up. Left out (tests of single operations), nothing reports progress
-  // and nothing holds the helper alive.
+  // start-up: the platform's roles they use, where the device walk reports
+  // progress, and how a long operation holds the helper alive. A role left
+  // out fails what needs it; without progress or keep-alive (tests of single
+  // operations), nothing is reported and nothing held.
   struct Environment {
+    FileRoles files;
+    VTLSignedManifest::Roles signing;
+    platform::DeviceRegistry* device_registry = nullptr;
+    platform::Power* power = nullptr;
     ProgressReporter* progress = nullptr;
     KeepAlive* keep_alive = nullptr;
   };

@@ -30,7 +30,7 @@ std::optional<platform::DeviceRegistry::Entry> options_node(platform::DeviceRegi
 }  // namespace
 
 bool VTLHOperations::deleteNvram(const std::string* name) {
-  platform::DeviceRegistry* registry = platform::current().device_registry;
+  platform::DeviceRegistry* registry = environment_.device_registry;
   std::optional<platform::DeviceRegistry::Entry> node = options_node(registry);
   if (!node) return false;
   const Value variable = name != nullptr ? Value(*name) : Value(Data{});
@@ -44,7 +44,7 @@ bool VTLHOperations::deleteNvram(const std::string* name) {
 }
 
 bool VTLHOperations::writeNVRam_withValue(const std::string* name, const std::string* value) {
-  platform::DeviceRegistry* registry = platform::current().device_registry;
+  platform::DeviceRegistry* registry = environment_.device_registry;
   std::optional<platform::DeviceRegistry::Entry> node = options_node(registry);
   if (!node) return false;
   // A missing name or value (a request whose value was dropped in
@@ -65,7 +65,7 @@ bool VTLHOperations::writeNVRam_withValue(const std::string* name, const std::st
 }
 
 bool VTLHOperations::reboot() {
-  if (platform::Power* power = platform::current().power) power->reboot(0);
+  if (platform::Power* power = environment_.power) power->reboot(0);
   return false;
 }
 

@@ -42,7 +42,7 @@ bool VTLHOperations::createDeviceManifest_inclusive(const std::string* path, boo
   // The manifest and everything the walk made live in this scope and are
   // gone before the reply is sent.
   {
-    VTLManifest manifest;
+    VTLManifest manifest(environment_.files);
     bool walked = false;
     if (path == nullptr) {
       // Nothing to walk: a failed walk, with its message.

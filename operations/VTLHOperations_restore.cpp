@@ -84,7 +84,8 @@ std::optional<bplist::Object> select_records(const VTLSignedManifest& manifest,
 
 // The signed manifest at `path`, or nothing (logged). The stream is closed
 // whether or not the manifest was accepted.
-std::unique_ptr<VTLSignedManifest> load_signed_manifest(const std::string* path) {
+std::unique_ptr<VTLSignedManifest> load_signed_manifest(const std::string* path,
+                                                        const VTLSignedManifest::Roles& roles) {
   int error = 0;
   std::unique_ptr<FileInputStream> stream =
       path != nullptr ? FileInputStream::inputStreamWithFileAtPath(*path, &error) : nullptr;
@@ -93,7 +94,7 @@ std::unique_ptr<VTLSignedManifest> load_signed_manifest(const std::string* path)
     return nullptr;
   }
   std::unique_ptr<VTLSignedManifest> manifest =
-      VTLSignedManifest::signedManifestWithNSStream(*stream);
+      VTLSignedManifest::signedManifestWithNSStream(*stream, roles);
   stream->close();
   return manifest;
 }
@@ -150,8 +151,10 @@ std::string absolute_path(const std::string& root, std::string_view relative) {
 // link is never passed, before the look or after it.
 class ItemFinder {
  public:
-  explicit ItemFinder(const std::string& root)
-      : root_(root), root_fd_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+  ItemFinder(const std::string& root, const FileRoles& roles)
+      : root_(root),
+        roles_(roles),
+        root_fd_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
   ~ItemFinder() {
     close_directory();
     if (root_fd_ >= 0) ::close(root_fd_);
@@ -169,10 +172,11 @@ class ItemFinder {
         VTLLog(kNotPlain, kRestoreMethod, relative);
         return false;
       case Found::kByPath:
-        return record.restoreAttribuesToPath(path);
+        return record.restoreAttribuesToPath(path, roles_);
       case Found::kInDirectory:
         name_.assign(name);
-        return record.restoreAttribuesToPath(platform::ItemAt{directory_fd_, name_.c_str(), path});
+        return record.restoreAttribuesToPath(platform::ItemAt{directory_fd_, name_.c_str(), path},
+                                             roles_);
     }
     return false;
   }
@@ -228,6 +232,7 @@ class ItemFinder {
   }
 
   const std::string& root_;
+  const FileRoles& roles_;
   const int root_fd_;
   int directory_fd_ = -1;
   std::string directory_;  // what directory_fd_ is, relative to the root
@@ -254,8 +259,8 @@ class ItemFinder {
 // already stopped would never have begun it.
 class ParallelRestore {
  public:
-  ParallelRestore(const std::string& root, const bplist::Object& records)
-      : root_(root), records_(records) {}
+  ParallelRestore(const std::string& root, const bplist::Object& records, const FileRoles& roles)
+      : root_(root), records_(records), roles_(roles) {}
 
   // Restores every record on `threads` threads; whether all were restored.
   bool run(unsigned threads) {
@@ -272,7 +277,7 @@ class ParallelRestore {
   static constexpr std::size_t kBatch = 32;
 
   void work() {
-    ItemFinder items(root_);
+    ItemFinder items(root_, roles_);
     LogHold hold;
     std::string relative;
     const std::size_t count = records_.size();
@@ -323,6 +328,7 @@ class ParallelRestore {
 
   const std::string& root_;
   const bplist::Object& records_;
+  const FileRoles& roles_;
   std::atomic<std::size_t> next_{0};
   std::atomic<bool> failed_{false};
   std::atomic<int> in_flight_{0};  // files begun and not yet finished
@@ -355,7 +361,8 @@ bool VTLHOperations::restoreAttributesUnder_fromManifest_containerType_identifie
     const std::string* root, const std::string* manifestPath, const std::string* containerType,
     const std::string* identifier) {
   VTLLog(kLoading);
-  std::unique_ptr<VTLSignedManifest> signed_manifest = load_signed_manifest(manifestPath);
+  std::unique_ptr<VTLSignedManifest> signed_manifest =
+      load_signed_manifest(manifestPath, environment_.signing);
   if (!signed_manifest) return false;
 
   const std::optional<bplist::Object> records =
@@ -365,7 +372,7 @@ bool VTLHOperations::restoreAttributesUnder_fromManifest_containerType_identifie
   // Keys of the program's dictionaries are strings by type, so the
   // platform's "Got non-string value from array." case cannot arise here.
   if (root == nullptr) return restore_without_root(*records);
-  return ParallelRestore(*root, *records).run(restore_threads());
+  return ParallelRestore(*root, *records, environment_.files).run(restore_threads());
 }
 
 bool VTLHOperations::moveStagingToFinal(const std::string* staging) {

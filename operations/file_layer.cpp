@@ -67,21 +67,8 @@ int set_owner(const std::string& path, uid_t uid, gid_t gid) {
   return ::lchown(path.c_str(), uid, gid) == 0 ? 0 : errno;
 }
 
-int set_owner_by_name(const std::string& path, std::string_view user, std::string_view group) {
-  const platform::Accounts* accounts = platform::current().accounts;
-  if (accounts == nullptr) return ENOENT;
-  std::optional<uid_t> uid = accounts->user_id(user);
-  std::optional<gid_t> gid = accounts->group_id(group);
-  if (!uid || !gid) return ENOENT;
-  return set_owner(path, *uid, *gid);
-}
-
-FileDescriptor::~FileDescriptor() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::string_view group) {
-  const platform::Accounts* accounts = platform::current().accounts;
+int set_owner_by_name_at(const platform::Accounts* accounts, int dir, const char* name,
+                         std::string_view user, std::string_view group) {
   if (accounts == nullptr) return ENOENT;
   std::optional<uid_t> uid = accounts->user_id(user);
   std::optional<gid_t> gid = accounts->group_id(group);

@@ -16,20 +16,11 @@
 
 #include "base/errors.h"
 
+namespace platform {
+class Accounts;
+}
+
 namespace vtl::files {
-
-// Owns one open descriptor (or -1) and closes it when it goes.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-  ~FileDescriptor();
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Whether anything, a dangling symbolic link included, is at `path`.
 bool exists(const std::string& path);
@@ -41,9 +32,6 @@ int make_directories(const std::string& path, mode_t mode);
 // special file gets EOPNOTSUPP.
 int set_mode(const std::string& path, mode_t mode);
 int set_owner(const std::string& path, uid_t uid, gid_t gid);
-// Gives `path` to the named user and group, looked up in the device's
-// accounts. ENOENT when either name is unknown.
-int set_owner_by_name(const std::string& path, std::string_view user, std::string_view group);
 // Removes `path` and everything under it; 0 when nothing was there.
 int remove_tree(const std::string& path);
 // Renames `from` to `to`, failing with EEXIST rather than replacing `to`.
@@ -59,7 +47,9 @@ std::string data_area_path(std::string path);
 // a ".." component: EINVAL).
 int open_directory_plain(const std::string& path);
 // Gives the item `name` in the open directory `dir` to the named user and
-// group, never following a link: a link is re-owned itself.
-int set_owner_by_name_at(int dir, const char* name, std::string_view user, std::string_view group);
+// group, looked up in `accounts`, never following a link: a link is re-owned
+// itself. ENOENT when either name is unknown (or there are no accounts).
+int set_owner_by_name_at(const platform::Accounts* accounts, int dir, const char* name,
+                         std::string_view user, std::string_view group);
 
 }  // namespace vtl::files

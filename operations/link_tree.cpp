@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "operations/file_layer.h"
 
 namespace vtl::files {
@@ -56,10 +57,10 @@ int link_entries(int from, int to) {
       if (::linkat(from, name.c_str(), to, name.c_str(), 0) != 0) return errno;
       continue;
     }
-    FileDescriptor child_from(::openat(from, name.c_str(), kDirectoryFlags));
+    UniqueFd child_from(::openat(from, name.c_str(), kDirectoryFlags));
     if (child_from.get() < 0) return errno;
     if (::mkdirat(to, name.c_str(), kBuildingMode) != 0) return errno;
-    FileDescriptor child_to(::openat(to, name.c_str(), kDirectoryFlags));
+    UniqueFd child_to(::openat(to, name.c_str(), kDirectoryFlags));
     if (child_to.get() < 0) return errno;
     if (int error = link_entries(child_from.get(), child_to.get()); error != 0) return error;
     if (int error = finish_directory(child_to.get(), st); error != 0) return error;
@@ -75,12 +76,12 @@ int link_item(const std::string& source, const std::string& destination) {
   if (!S_ISDIR(st.st_mode)) {
     return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, destination.c_str(), 0) == 0 ? 0 : errno;
   }
-  FileDescriptor from(::open(source.c_str(), kDirectoryFlags));
+  UniqueFd from(::open(source.c_str(), kDirectoryFlags));
   if (from.get() < 0) return errno;
   if (::mkdir(destination.c_str(), kBuildingMode) != 0) return errno;
   int error = 0;
   {
-    FileDescriptor to(::open(destination.c_str(), kDirectoryFlags));
+    UniqueFd to(::open(destination.c_str(), kDirectoryFlags));
     if (to.get() < 0) {
       error = errno;
     } else {

@@ -27,8 +27,7 @@ std::span<NamedPartition, kNamedPartitionCount> named_partitions() {
   return std::span<NamedPartition, kNamedPartitionCount>(g_named_partitions);
 }
 
-std::unique_ptr<platform::DiskDevice> open_raw_disk(int flags) {
-  platform::RawDisks* disks = platform::current().raw_disks;
+std::unique_ptr<platform::DiskDevice> open_raw_disk(platform::RawDisks* disks, int flags) {
   std::unique_ptr<platform::DiskDevice> disk =
       disks != nullptr ? disks->open(kRawDiskPath, flags) : nullptr;
   if (!disk) {
@@ -47,8 +46,9 @@ std::unique_ptr<platform::DiskDevice> open_raw_disk(int flags) {
   return disk;
 }
 
-int read_partition_map(PartitionMapSnapshot* snapshot, ZmraMediaGeometry* geometry) {
-  std::unique_ptr<platform::DiskDevice> disk = open_raw_disk(platform::kDiskOpenReadOnly);
+int read_partition_map(platform::RawDisks* disks, PartitionMapSnapshot* snapshot,
+                       ZmraMediaGeometry* geometry) {
+  std::unique_ptr<platform::DiskDevice> disk = open_raw_disk(disks, platform::kDiskOpenReadOnly);
   if (!disk) return 0;
   const std::optional<std::uint32_t> block_size = disk->block_size();
   if (!block_size) {

@@ -40,16 +40,16 @@ inline constexpr int kNamedPartitionCount = 3;
 std::span<NamedPartition, kNamedPartitionCount> named_partitions();
 inline constexpr int kDataPartitionRow = 1;
 
-// Opens "/dev/rdisk0s1" through the platform's raw disks with
+// Opens "/dev/rdisk0s1" through `disks` (nullptr: it cannot) with
 // platform::kDiskOpenReadOnly or platform::kDiskOpenReadWriteShared. nullptr
 // (after logging why) when it cannot be opened or examined, or is not a raw
 // disk node.
-std::unique_ptr<platform::DiskDevice> open_raw_disk(int flags);
+std::unique_ptr<platform::DiskDevice> open_raw_disk(platform::RawDisks* disks, int flags);
 
-// Reads the partition map into `snapshot`; with `geometry`, also works out
-// the disk's Zmra geometry and refuses a disk Zmra cannot manage. 1 on
-// success, 0 on failure (logged; the snapshot may then be partly filled and
-// must not be used).
-int read_partition_map(PartitionMapSnapshot* snapshot, ZmraMediaGeometry* geometry);
+// Reads the partition map of "/dev/rdisk0s1" through `disks` into `snapshot`; with `geometry`, also
+// works out the disk's Zmra geometry and refuses a disk Zmra cannot manage. 1 on success, 0 on
+// failure (logged; the snapshot may then be partly filled and must not be used).
+int read_partition_map(platform::RawDisks* disks, PartitionMapSnapshot* snapshot,
+                       ZmraMediaGeometry* geometry);
 
 }  // namespace vtl

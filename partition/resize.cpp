@@ -32,8 +32,8 @@ std::uint64_t entry_blocks(std::span<const std::uint8_t> e) {
 
 // The mount point of the "jrf" file system whose disk's registry "UUID" is
 // `guid`, or nullopt.
-std::optional<std::string> find_mount_point(const uuid_t guid, const std::string& guid_text) {
-  platform::MountedVolumes* volumes = platform::current().mounted_volumes;
+std::optional<std::string> find_mount_point(platform::MountedVolumes* volumes, const uuid_t guid,
+                                            const std::string& guid_text) {
   std::vector<platform::MountedFileSystem> records;
   int count = -1;
   if (volumes != nullptr) count = volumes->file_systems(records, kFileSystemSlots);
@@ -77,8 +77,10 @@ std::optional<std::string> find_mount_point(const uuid_t guid, const std::string
 // Writes the adjusted header and entries back: the header at LBA 1 and the
 // entries at LBA 2, in one write of two blocks. The GPT CRC fields go out as
 // they were read, and the backup GPT is not written.
-bool write_partition_map(const PartitionMapSnapshot& map, std::uint32_t block_size) {
-  std::unique_ptr<platform::DiskDevice> disk = open_raw_disk(platform::kDiskOpenReadWriteShared);
+bool write_partition_map(platform::RawDisks* disks, const PartitionMapSnapshot& map,
+                         std::uint32_t block_size) {
+  std::unique_ptr<platform::DiskDevice> disk =
+      open_raw_disk(disks, platform::kDiskOpenReadWriteShared);
   if (!disk) {
     VTLLog("Failed to open %s to write new GPT header out to disk.\n", kRawDiskPath);
     return false;
@@ -95,7 +97,8 @@ bool write_partition_map(const PartitionMapSnapshot& map, std::uint32_t block_si
   }
   VTLLog("Wrote GPT header back to disk");
   disk.reset();
-  if (platform::RawDisks* disks = platform::current().raw_disks) disks->sync();
+  // open_raw_disk has refused a missing role already.
+  disks->sync();
   return true;
 }
 
@@ -122,8 +125,8 @@ void read_usage_number(const Value& dictionary, std::string_view key, std::int64
   }
 }
 
-std::int32_t shrink_data_partition() {
-  platform::DeviceProperties* properties = platform::current().device_properties;
+std::int32_t shrink_data_partition(const StorageRoles& storage) {
+  platform::DeviceProperties* properties = storage.device_properties;
   std::optional<Value> usage;
   if (properties != nullptr) usage = properties->copy_answer(platform::kDiskUsageQuestion);
   if (!usage || usage->dictionary() == nullptr) {
@@ -140,14 +143,14 @@ std::int32_t shrink_data_partition() {
                                                   static_cast<std::uint64_t>(free_size / 2));
   VTLLog("freeSize = %lld(bytes), totalSize = %lld(bytes), newSize = %lld(bytes)\n\n", free_size,
          total_size, new_size);
-  return adjust_partition(new_size) == 0 ? 0 : -1;
+  return adjust_partition(storage, new_size) == 0 ? 0 : -1;
 }
 
-std::int32_t expand_data_partition() {
+std::int32_t expand_data_partition(const StorageRoles& storage) {
   PartitionMapSnapshot map;
   ZmraMediaGeometry geometry;
   std::uint64_t new_size = 0;
-  if (read_partition_map(&map, &geometry) > 0) {
+  if (read_partition_map(storage.raw_disks, &map, &geometry) > 0) {
     const std::uint64_t first = gpt::first_usable_lba(map.header);
     const std::uint64_t last = gpt::last_usable_lba(map.header);
     VTLLog("gpt.pth.first_lba = %lld, last_lba = %lld", static_cast<std::int64_t>(first),
@@ -170,7 +173,7 @@ std::int32_t expand_data_partition() {
     new_size = free * geometry.blockSize;
   }
   VTLLog("newSize = %lld(bytes)", static_cast<std::int64_t>(new_size));
-  return adjust_partition(static_cast<std::int64_t>(new_size));
+  return adjust_partition(storage, static_cast<std::int64_t>(new_size));
 }
 
 namespace {
@@ -246,16 +249,18 @@ std::optional<std::int32_t> refused_or_unchanged(const PartitionMapSnapshot& map
 // Where the file system on the partition's entry is mounted, found by the
 // entry's unique GUID: GPT stores it in mixed-endian order, the registry's
 // "UUID" is written in RFC 4122 order.
-std::optional<std::string> mount_point_of(std::span<const std::uint8_t> entry) {
+std::optional<std::string> mount_point_of(platform::MountedVolumes* volumes,
+                                          std::span<const std::uint8_t> entry) {
   const std::array<std::uint8_t, 16> guid = gpt::swap_guid_order(gpt::unique_guid(entry));
   char guid_text[37];
   ::uuid_unparse(guid.data(), guid_text);
-  return find_mount_point(guid.data(), guid_text);
+  return find_mount_point(volumes, guid.data(), guid_text);
 }
 
 // Shrinking: the file system first, so that it never outgrows its
 // partition; if it cannot shrink, the map stays as it is.
-bool shrink_file_system_first(const Adjustment& a, const std::optional<std::string>& mount_point) {
+bool shrink_file_system_first(platform::FileSystemResize* resize, const Adjustment& a,
+                              const std::optional<std::string>& mount_point) {
   if (!mount_point || a.new_bytes >= a.old_bytes) return true;
   if (a.new_bytes == 0) {
     VTLLog("can't delete partition %d, currently mounted on %s", a.which, *mount_point);
@@ -263,7 +268,7 @@ bool shrink_file_system_first(const Adjustment& a, const std::optional<std::stri
   }
   VTLLog("shrinking JRF filesystem on %s from %llu to %llu", *mount_point, a.old_bytes,
          a.new_bytes);
-  if (resize_filesystem(*mount_point, a.new_bytes) != 0) {
+  if (resize_filesystem(resize, *mount_point, a.new_bytes) != 0) {
     VTLLog("can't shrink partition %d, currently mounted on %s", a.which, *mount_point);
     return false;
   }
@@ -289,11 +294,11 @@ bool adjust_map(PartitionMapSnapshot& map, ZmraMediaGeometry& geometry, const Ad
 }
 
 // Growing: the file system last, once the larger partition is on disk.
-std::int32_t grow_file_system_last(const Adjustment& a,
+std::int32_t grow_file_system_last(platform::FileSystemResize* resize, const Adjustment& a,
                                    const std::optional<std::string>& mount_point) {
   if (!mount_point || a.new_bytes < a.old_bytes) return 0;
   VTLLog("expanding JRF filesystem on %s to %llu", *mount_point, a.new_bytes);
-  if (resize_filesystem(*mount_point, a.new_bytes) != 0) {
+  if (resize_filesystem(resize, *mount_point, a.new_bytes) != 0) {
     VTLLog("can't expanding JRF filesystem on %s", *mount_point);
     return 1;
   }
@@ -302,29 +307,30 @@ std::int32_t grow_file_system_last(const Adjustment& a,
 
 }  // namespace
 
-std::int32_t adjust_partition(std::int64_t newSize) {
+std::int32_t adjust_partition(const StorageRoles& storage, std::int64_t newSize) {
   VTLLog("entering %s", "adjust_partition");
   PartitionMapSnapshot map;
   ZmraMediaGeometry geometry;
-  if (read_partition_map(&map, &geometry) <= 0) return 1;
+  if (read_partition_map(storage.raw_disks, &map, &geometry) <= 0) return 1;
 
   const Adjustment a = plan_adjustment(map, geometry.blockSize, newSize);
   if (std::optional<std::int32_t> answer = refused_or_unchanged(map, a)) return *answer;
 
-  const std::optional<std::string> mount_point = mount_point_of(map.entry(a.which));
+  const std::optional<std::string> mount_point =
+      mount_point_of(storage.mounted_volumes, map.entry(a.which));
   if (a.existing && !mount_point) {
     VTLLog("filesystem must be mounted (mountPoint=%s,which=%d,nPartitions=%d,newSize=%llu)",
            nullptr, a.which, a.count, a.required);
     return a.fail();
   }
-  if (!shrink_file_system_first(a, mount_point)) return a.fail();
+  if (!shrink_file_system_first(storage.filesystem_resize, a, mount_point)) return a.fail();
   if (!adjust_map(map, geometry, a)) return a.fail();
-  if (!write_partition_map(map, geometry.blockSize)) return 1;
-  return grow_file_system_last(a, mount_point);
+  if (!write_partition_map(storage.raw_disks, map, geometry.blockSize)) return 1;
+  return grow_file_system_last(storage.filesystem_resize, a, mount_point);
 }
 
-std::int32_t resize_filesystem(const std::string& mountPoint, std::uint64_t newSize) {
-  platform::FileSystemResize* resize = platform::current().filesystem_resize;
+std::int32_t resize_filesystem(platform::FileSystemResize* resize, const std::string& mountPoint,
+                               std::uint64_t newSize) {
   const int error = resize != nullptr ? resize->resize_volume(mountPoint, newSize) : ENOTSUP;
   if (error == 0) return 0;
   VTLLog("JRF resize failed. errno=%d", error);

@@ -23,25 +23,39 @@
 #include <string_view>
 
 #include "base/value.h"
+#include "platform/device_properties.h"
+#include "platform/filesystem_resize.h"
+#include "platform/mounted_volumes.h"
+#include "platform/raw_disk.h"
 
 namespace vtl {
 
+// The storage roles the flows use, handed down by their caller. A role left
+// out fails the step that needs it, as a platform without it would.
+struct StorageRoles {
+  platform::RawDisks* raw_disks = nullptr;
+  platform::MountedVolumes* mounted_volumes = nullptr;
+  platform::FileSystemResize* filesystem_resize = nullptr;
+  platform::DeviceProperties* device_properties = nullptr;
+};
+
 // Shrinks the data partition so that it keeps everything in use plus half of
 // what is free ("DiskUsage"). 0 on success, -1 on any failure.
-std::int32_t shrink_data_partition();
+std::int32_t shrink_data_partition(const StorageRoles& storage);
 
 // Grows the data partition over every block no other partition uses. 0 on
 // success, 1 on failure.
-std::int32_t expand_data_partition();
+std::int32_t expand_data_partition(const StorageRoles& storage);
 
 // Resizes the partition named "Data" (or, where the map has none, creates a
 // partition in the first free slot) to `newSize` bytes rounded up to whole
 // blocks, together with the file system mounted on it. 0 on success (also
 // when nothing had to change), 1 on any failure.
-std::int32_t adjust_partition(std::int64_t newSize);
+std::int32_t adjust_partition(const StorageRoles& storage, std::int64_t newSize);
 
 // The file system's resize-volume request: 0, or 1 after logging the errno.
-std::int32_t resize_filesystem(const std::string& mountPoint, std::uint64_t newSize);
+std::int32_t resize_filesystem(platform::FileSystemResize* resize, const std::string& mountPoint,
+                               std::uint64_t newSize);
 
 // Stores the number under `key` of `dictionary`, converted to a signed
 // 64-bit integer, into *out; leaves *out untouched when the key is missing or

@@ -1,6 +1,7 @@
 // The platform the helper runs on: one interface per role, chosen once at
-// start-up (a simulated device or the Linux host). Code outside platform/
-// reaches the platform only through here and never names a backend.
+// start-up (a simulated device or the Linux host) and handed down from there:
+// each routine that touches the platform is given the roles it uses by its
+// caller. Code outside platform/ never names a backend.
 #pragma once
 
 #include <string>
@@ -29,6 +30,7 @@ class MountedVolumes;
 class FileSystemResize;
 class CertificateServices;
 
+// Every role, as the helper assembles them at start-up. Not owned.
 struct Platform {
   SystemLog* system_log = nullptr;
   Accounts* accounts = nullptr;
@@ -42,11 +44,5 @@ struct Platform {
   FileSystemResize* filesystem_resize = nullptr;
   CertificateServices* certificate_services = nullptr;
 };
-
-// REQUIRES: install() was called (the helper does it first thing; tests do it
-// in their fixtures).
-Platform& current();
-// Makes `p` the current platform. Not owned; must outlive its use.
-void install(Platform* p);
 
 }  // namespace platform

@@ -21,7 +21,13 @@
 #include <span>
 #include <string>
 
+namespace vtl {
+class SystemLog;
+}
+
 namespace platform {
+
+using vtl::SystemLog;
 
 // Open flags as the platform numbers them: read access, and read-write with a
 // shared lock (O_RDWR|O_SHLOCK), the only two the helper uses.
@@ -58,7 +64,8 @@ class RawDisks {
 
 // The simulated device laid out under `root` ("/" inside the confined helper).
 std::unique_ptr<RawDisks> make_sim_raw_disks(std::string root);
-// The Linux host's block devices, paths taken as they are.
-std::unique_ptr<RawDisks> make_linux_raw_disks();
+// The Linux host's block devices, paths taken as they are. What the kernel
+// refuses when it is told the new partitions goes to `log` (may be null).
+std::unique_ptr<RawDisks> make_linux_raw_disks(SystemLog* log);
 
 }  // namespace platform

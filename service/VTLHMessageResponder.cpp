@@ -7,7 +7,6 @@
 #include "operations/VTLHOperations.h"
 #include "partition/resize.h"
 #include "platform/code_signing.h"
-#include "platform/platform.h"
 #include "service/confinement.h"
 #include "service/krxdictConv.h"
 
@@ -60,7 +59,7 @@ VTLHMessageResponder& VTLHMessageResponder::sharedInstance() {
 bool VTLHMessageResponder::hasEntitlementVantreld() {
   constexpr const char* kMethod = "-[VTLHMessageResponder hasEntitlementVantreld]";
   std::shared_ptr<krx::Connection> peer = connection();
-  platform::CodeSigning* signing = platform::current().code_signing;
+  platform::CodeSigning* signing = environment_.code_signing;
   std::unique_ptr<platform::CodeSigning::Task> task;
   std::string why;
   if (peer && signing != nullptr) task = signing->task_from_audit_token(peer->audit_token(), &why);
@@ -253,13 +252,13 @@ bool VTLHMessageResponder::createHardLink(const Value& parameter) {
 bool VTLHMessageResponder::shrinkDataPartition(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder shrinkDataPartition:]",
          parameter);
-  return shrink_data_partition() == 0;
+  return shrink_data_partition(environment_.storage) == 0;
 }
 
 bool VTLHMessageResponder::expandDataPartition(const Value& parameter) {
   VTLLog("Entering %s with parameter: %@", "-[VTLHMessageResponder expandDataPartition:]",
          parameter);
-  return expand_data_partition() == 0;
+  return expand_data_partition(environment_.storage) == 0;
 }
 
 bool VTLHMessageResponder::restoreAttributes(const Value& parameter) {

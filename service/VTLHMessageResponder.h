@@ -21,12 +21,23 @@
 #include "base/value.h"
 #include "krx/connection.h"
 #include "krx/value.h"
+#include "partition/resize.h"
+#include "platform/code_signing.h"
 
 namespace vtl {
 
 class VTLHMessageResponder {
  public:
   static VTLHMessageResponder& sharedInstance();
+
+  // What the responder is handed once at start-up: the code signing that
+  // identifies clients (none: no client is entitled), and the storage roles
+  // the partition commands resize with.
+  struct Environment {
+    platform::CodeSigning* code_signing = nullptr;
+    StorageRoles storage;
+  };
+  void setUp(const Environment& environment) { environment_ = environment; }
 
   // Whether the peer of the current connection holds
   // "com.tessal.private.vantrel.vantreld" set to true.
@@ -76,6 +87,7 @@ class VTLHMessageResponder {
                        const std::string* path);
 
   std::weak_ptr<krx::Connection> connection_;
+  Environment environment_;
 };
 
 }  // namespace vtl

@@ -1,7 +1,9 @@
 #include "service/service_setup.h"
 
+#include "base/VTLLogModel.h"
 #include "krx/connection.h"
 #include "operations/VTLHOperations.h"
+#include "service/VTLHMessageResponder.h"
 #include "service/VTLProgressUpdater.h"
 
 namespace vtl {
@@ -16,11 +18,24 @@ class TransactionKeepAlive final : public KeepAlive {
 
 }  // namespace
 
-void set_up_service() {
+void set_up_service(const platform::Platform& platform) {
+  VTLLogModel::sharedInstance().setSystemLog(platform.system_log);
+  const StorageRoles storage{.raw_disks = platform.raw_disks,
+                             .mounted_volumes = platform.mounted_volumes,
+                             .filesystem_resize = platform.filesystem_resize,
+                             .device_properties = platform.device_properties};
+  VTLHMessageResponder::sharedInstance().setUp(
+      {.code_signing = platform.code_signing, .storage = storage});
   // Never destroyed: the helper ends by exit() from inside a request.
   static TransactionKeepAlive* const keep_alive = new TransactionKeepAlive();
   VTLHOperations::sharedInstance().setUp(
-      {.progress = &VTLProgressUpdater::sharedInstance(), .keep_alive = keep_alive});
+      {.files = {.accounts = platform.accounts, .protection_classes = platform.protection_classes},
+       .signing = {.certificate_services = platform.certificate_services,
+                   .device_properties = platform.device_properties},
+       .device_registry = platform.device_registry,
+       .power = platform.power,
+       .progress = &VTLProgressUpdater::sharedInstance(),
+       .keep_alive = keep_alive});
 }
 
 }  // namespace vtl

@@ -110,7 +110,7 @@ using testsupport::dict;
 // dates, link count, content digest), but the helper's own log folder.
 vtl::Dictionary whole_device(const std::string& root) {
   testsupport::TestPlatform platform(root);
-  vtl::VTLManifest manifest;
+  vtl::VTLManifest manifest(platform.files());
   EXPECT_TRUE(manifest.addFilesFromPath_relativeTo_skip_inclusive(
       root, root, {root + "/private/var/logs"}, true));
   return manifest.dict();

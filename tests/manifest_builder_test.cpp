@@ -69,7 +69,8 @@ class ManifestTest : public ::testing::Test {
                "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
                "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
     write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform::current().protection_classes = classes_.get();
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
     make_dir(root_);
   }
 
@@ -88,7 +89,7 @@ class ManifestTest : public ::testing::Test {
                                                            const std::string& base, bool inclusive,
                                                            bool* result = nullptr) {
     std::vector<std::pair<std::string, std::string>> seen;
-    VTLManifest m;
+    VTLManifest m(platform_.files());
     const bool ok = m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
         path, base, {}, inclusive, [&](const VTLFileMetadata& r, const std::string& key) {
           seen.emplace_back(key, *r.getFileType());
@@ -112,7 +113,7 @@ TEST_F(ManifestTest, RecordsEveryItemAndLeavesSpecialFilesAlone) {
   testsupport::make_fifo(at("fifo"));
   testsupport::make_socket(at("sock"));
 
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_EQ(keys_of(m), (std::set<std::string>{"/.hidden", "/a.txt", "/b", "/b/c.txt", "/b/link"}));
   EXPECT_TRUE(logged(at("fifo") + " is special file. Leave it along"));
@@ -120,7 +121,7 @@ TEST_F(ManifestTest, RecordsEveryItemAndLeavesSpecialFilesAlone) {
   // Each entry is the item's record.
   const Dictionary dict = m.dict();
   for (const auto& [key, value] : dict) {
-    const auto record = VTLFileMetadata::fileMetadatatWithPath(root_ + key);
+    const auto record = VTLFileMetadata::fileMetadatatWithPath(root_ + key, platform_.files());
     ASSERT_TRUE(record) << key;
     EXPECT_EQ(value, Value(record->dict())) << key;
     EXPECT_EQ(m.metadataForFile(key)->dict(), record->dict()) << key;
@@ -142,13 +143,13 @@ TEST_F(ManifestTest, InclusiveRecordsThePathItselfLast) {
 
 TEST_F(ManifestTest, OneAddPerManifest) {
   write_file(at("a"), "1");
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   write_file(at("b"), "2");
   EXPECT_FALSE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_EQ(keys_of(m), std::set<std::string>{"/a"});
   // A manifest made from a dictionary has had no add yet.
-  VTLManifest copy(m.dict());
+  VTLManifest copy(platform_.files(), m.dict());
   EXPECT_FALSE(copy.rootPath());
   EXPECT_TRUE(copy.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_EQ(keys_of(copy), (std::set<std::string>{"/a", "/b"}));
@@ -184,7 +185,7 @@ TEST_F(ManifestTest, SkippedFoldersAndWhatIsBeneathThem) {
   write_file(at("a/b"), "1");
   write_file(at("a/deep/er"), "2");
   write_file(at("ab/c"), "3");
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {at("a")}, false));
   EXPECT_EQ(keys_of(m), (std::set<std::string>{"/ab", "/ab/c"}));
 }
@@ -194,7 +195,7 @@ TEST_F(ManifestTest, RelativePathsCutEveryOccurrenceOfTheBase) {
   // occurrence is kept, with every later occurrence removed.
   write_file(at("w/a/w/b"), "1");
   write_file(at("w/a/wx"), "2");
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(at("w"), "/w", {}, false));
   EXPECT_EQ(keys_of(m), (std::set<std::string>{"/a", "/a/b", "/ax"}));
 }
@@ -205,7 +206,7 @@ TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
   make_dir(at("c"));
   // The base occurs in no path: the first item has no previous key and
   // becomes "/", and every later one reuses it, the last one winning.
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, "/elsewhere", {}, false));
   EXPECT_EQ(keys_of(m), std::set<std::string>{"/"});
   EXPECT_EQ(*m.metadataForFile("/")->getFileType(), "Directory");
@@ -219,7 +220,7 @@ TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
 
 TEST_F(ManifestTest, ProgressIsByBytesInWalkOrder) {
   for (const char* name : {"f1", "f2", "f3", "f4"}) write_file(at(name), std::string(100, 'x'));
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   m.setProgressUpdater(&vtl::VTLProgressUpdater::sharedInstance());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_TRUE(logged("Initializing percent with total 400"));
@@ -229,7 +230,7 @@ TEST_F(ManifestTest, ProgressIsByBytesInWalkOrder) {
                                 "Percentage increased to 75", "Percentage increased to 100"}));
 
   platform_.log.clear();
-  VTLManifest quiet;
+  VTLManifest quiet(platform_.files());
   ASSERT_TRUE(quiet.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_TRUE(lines_starting("Initializing percent").empty());
   EXPECT_TRUE(lines_starting("Percentage").empty());
@@ -249,7 +250,7 @@ TEST_F(ManifestTest, TotalCountsRegularFilesOutsideTheSkipList) {
 
 TEST_F(ManifestTest, AVanishedFileEndsTheWalkWithTheEarlierRecordsKept) {
   for (const char* name : {"a", "b", "c", "d", "e", "f"}) write_file(at(name), name);
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   m.set_before_record_for_testing([&](const std::string& path) {
     if (path == at("d")) std::filesystem::remove(path);
   });
@@ -266,7 +267,7 @@ TEST_F(ManifestTest, AVanishedFileEndsTheWalkWithTheEarlierRecordsKept) {
 
 TEST_F(ManifestTest, AHandlerRefusalFailsTheWalk) {
   for (const char* name : {"a", "b", "c"}) write_file(at(name), name);
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   int calls = 0;
   EXPECT_FALSE(m.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
       root_, root_, {}, false, [&](const VTLFileMetadata&, const std::string& key) {
@@ -282,7 +283,7 @@ TEST_F(ManifestTest, UnreadableDirectoriesAreReportedAndPassed) {
   write_file(at("open/file"), "y");
   ASSERT_EQ(::chmod(at("locked").c_str(), 0), 0);
   ASSERT_EQ(::chown(at("locked").c_str(), 4242, 4242), 0);
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   bool ok = false;
   {
     testsupport::WithoutFileOverride as_anyone;
@@ -304,7 +305,7 @@ TEST_F(ManifestTest, UnreadableDirectoriesAreReportedAndPassed) {
 TEST_F(ManifestTest, NamesThatAreNotUtf8AreReportedNotRecorded) {
   write_file(at("caf\xe9"), "latin-1");
   write_file(at("ok"), "fine");
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
   EXPECT_EQ(keys_of(m), std::set<std::string>{"/ok"});
   EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
@@ -327,7 +328,7 @@ TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {
     }
   }
   Dictionary sequential;
-  VTLManifest one_at_a_time;
+  VTLManifest one_at_a_time(platform_.files());
   ASSERT_TRUE(one_at_a_time.enumerateAndCollectMetaData_relativeTo_skip_inclusive_handler(
       root_, root_, {}, true, [&](const VTLFileMetadata& r, const std::string& key) {
         sequential.insert_or_assign(key, Value(r.dict()));
@@ -348,7 +349,7 @@ TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {
         ::close(fd);
       }
     }
-    VTLManifest parallel;
+    VTLManifest parallel(platform_.files());
     ASSERT_TRUE(parallel.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
     EXPECT_TRUE(parallel.dict() == sequential);
   }
@@ -360,7 +361,7 @@ TEST_F(ManifestTest, WrittenPropertyListHoldsTheDictionary) {
   write_file(at("\xe2\x9c\x93 unicode/\xf0\x9f\x98\x80"), "2");
   testsupport::make_link("\xf0\x9f\x98\x80", at("emoji-link"));
   ASSERT_EQ(classes_->set(at("a"), "None"), 0);
-  VTLManifest m;
+  VTLManifest m(platform_.files());
   ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, true));
   const std::string out = device_.path() + "/manifest.plist";
   write_file(out, "an older manifest");

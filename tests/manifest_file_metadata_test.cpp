@@ -46,7 +46,8 @@ class FileMetadataTest : public ::testing::Test {
                "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
                "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
     write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform::current().protection_classes = classes_.get();
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
     make_dir(dir_);
   }
 
@@ -59,8 +60,9 @@ class FileMetadataTest : public ::testing::Test {
     return it == a->end() ? nullptr : &it->second;
   }
 
-  static VTLFileMetadata record_of(const std::string& path) {
-    std::optional<VTLFileMetadata> r = VTLFileMetadata::fileMetadatatWithPath(path);
+  VTLFileMetadata record_of(const std::string& path) const {
+    std::optional<VTLFileMetadata> r =
+        VTLFileMetadata::fileMetadatatWithPath(path, platform_.files());
     if (!r) throw std::runtime_error("no record for " + path);
     return std::move(*r);
   }
@@ -121,7 +123,8 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
 }
 
 TEST_F(FileMetadataTest, NoRecordForNothing) {
-  EXPECT_FALSE(VTLFileMetadata::fileMetadatatWithPath(at("missing")).has_value());
+  EXPECT_FALSE(
+      VTLFileMetadata::fileMetadatatWithPath(at("missing"), platform_.files()).has_value());
   EXPECT_TRUE(logged("Cannot get file attribute for " + at("missing")));
   EXPECT_TRUE(logged("Get file attributes failed for " + at("missing") +
                      " with error - No such file or directory"));
@@ -177,7 +180,7 @@ TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {
     EXPECT_FALSE(a.contains(absent)) << absent;
   }
   // The class-operation form gives the same dictionary.
-  EXPECT_EQ(VTLFileMetadata::fileAttributesWithPath(path), a);
+  EXPECT_EQ(VTLFileMetadata::fileAttributesWithPath(path, platform_.files()), a);
 }
 
 TEST_F(FileMetadataTest, AccountNamesAreAbsentForUnknownIdsAndClassForUnclassedItems) {
@@ -222,11 +225,11 @@ TEST_F(FileMetadataTest, ExtendedAttributesAreRecordedWithTheirBytes) {
                                {"user.empty", Value(Data{})},
                                {"trusted.root-only", Value(bytes("r"))}};
   EXPECT_EQ(*record_of(path).getExtendedAttributes(), expected);
-  EXPECT_EQ(VTLFileMetadata::extendedAttributesWithPath(path), expected);
+  EXPECT_EQ(VTLFileMetadata::extendedAttributesWithPath(path, platform_.files()), expected);
   EXPECT_EQ(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.binary", path),
             bytes(binary));
   std::optional<std::vector<std::string>> names =
-      VTLFileMetadata::extendedAttributeKeysWithPath(path);
+      VTLFileMetadata::extendedAttributeKeysWithPath(path, platform_.files());
   ASSERT_TRUE(names);
   std::sort(names->begin(), names->end());
   EXPECT_EQ(*names, (std::vector<std::string>{"trusted.root-only", "user.binary", "user.empty"}));
@@ -266,7 +269,8 @@ TEST_F(FileMetadataTest, ProtectionClassIsKeptButNeverListedAsAnExtendedAttribut
     const VTLFileMetadata r = record_of(path);
     EXPECT_EQ(*attribute(r, "ProtectionClass"), Value(c));
     EXPECT_TRUE(r.getExtendedAttributes()->empty());
-    EXPECT_EQ(VTLFileMetadata::extendedAttributeKeysWithPath(path), std::vector<std::string>{});
+    EXPECT_EQ(VTLFileMetadata::extendedAttributeKeysWithPath(path, platform_.files()),
+              std::vector<std::string>{});
   }
   EXPECT_EQ(classes_->set(path, "E"), EINVAL);
   // A value that is not a class name (put there by hand) is no class.
@@ -320,7 +324,7 @@ TEST_F(FileMetadataTest, UnreadableFileGetsEmptyHashNotAFailure) {
   std::optional<VTLFileMetadata> r;
   {
     testsupport::WithoutFileOverride as_anyone;
-    r = VTLFileMetadata::fileMetadatatWithPath(at("locked"));
+    r = VTLFileMetadata::fileMetadatatWithPath(at("locked"), platform_.files());
   }
   ASSERT_TRUE(r);
   EXPECT_EQ(*r->getHash(), Data{});
@@ -559,7 +563,7 @@ TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
                   Value(Dictionary{{"FileType", Value("Regular")},
                                    {"OwnerAccountName", Value("mobile")},
                                    {"GroupOwnerAccountName", Value("mobile")}})}});
-  EXPECT_TRUE(byName.restoreAttribuesToPath(at("f")));
+  EXPECT_TRUE(byName.restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_gid, 501u);
 
@@ -567,7 +571,7 @@ TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
       Dictionary{{"VTLManifestFileAttributes",
                   Value(Dictionary{{"FileType", Value("Regular")},
                                    {"OwnerAccountName", Value("nobody-here")}})}});
-  EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f")));
+  EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_TRUE(logged("Could not set file attributs at " + at("f") +
                      " with error - Invalid argument, attributes = { OwnerAccountName = "
                      "\"nobody-here\"; }"));
@@ -586,12 +590,12 @@ TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
                                                        {"Immutable", Value(immutable)},
                                                        {"PosixPermissions", Value(mode)}})}});
   };
-  ASSERT_TRUE(record(true, 0600).restoreAttribuesToPath(at("f")));
+  ASSERT_TRUE(record(true, 0600).restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(true));
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_mode & 07777, 0600u);
   // An immutable file takes a new mode only once the flag is cleared, which
   // the restore does first.
-  ASSERT_TRUE(record(false, 0644).restoreAttribuesToPath(at("f")));
+  ASSERT_TRUE(record(false, 0644).restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(false));
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_mode & 07777, 0644u);
 }
@@ -607,7 +611,7 @@ TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
                                                                 {"PosixPermissions", Value(0755)},
                                                                 {"ProtectionClass", Value("A")}})},
                  {"VTLManifestFileExtendedAttributes", Value(Dictionary{})}});
-  EXPECT_TRUE(recorded.restoreAttribuesToPath(at("link")));
+  EXPECT_TRUE(recorded.restoreAttribuesToPath(at("link"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_gid, 502u);
   // The target is untouched: nothing followed the link.
@@ -628,15 +632,15 @@ TEST_F(FileMetadataTest, PartialXattrRestoreFailsForLinksOnly) {
   const VTLFileMetadata link_record(Dictionary{
       {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
       {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
-  EXPECT_TRUE(file_record_.restoreAttribuesToPath(at("file")));
-  EXPECT_FALSE(link_record.restoreAttribuesToPath(at("link")));
+  EXPECT_TRUE(file_record_.restoreAttribuesToPath(at("file"), platform_.files()));
+  EXPECT_FALSE(link_record.restoreAttribuesToPath(at("link"), platform_.files()));
   EXPECT_TRUE(logged("Could not set extended attributes on " + at("file")));
   EXPECT_TRUE(logged("Could not set extended attributes on " + at("link")));
   // A link cannot have user.* attributes on Linux at all.
   const VTLFileMetadata user_on_link(Dictionary{
       {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
       {"VTLManifestFileExtendedAttributes", Value(Dictionary{{"user.a", Value(bytes("1"))}})}});
-  EXPECT_FALSE(user_on_link.restoreAttribuesToPath(at("link")));
+  EXPECT_FALSE(user_on_link.restoreAttribuesToPath(at("link"), platform_.files()));
 }
 
 TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
@@ -645,7 +649,7 @@ TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
       Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
                  {"VTLManifestFileExtendedAttributes",
                   Value(Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}})}});
-  EXPECT_TRUE(non_data.restoreAttribuesToPath(at("file")));
+  EXPECT_TRUE(non_data.restoreAttribuesToPath(at("file"), platform_.files()));
   EXPECT_TRUE(logged("Got non-data value"));
   EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.b", at("file")));
 
@@ -654,7 +658,7 @@ TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
       Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
                  {"VTLManifestFileExtendedAttributes",
                   Value(Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})}});
-  EXPECT_TRUE(reserved.restoreAttribuesToPath(at("file")));
+  EXPECT_TRUE(reserved.restoreAttribuesToPath(at("file"), platform_.files()));
   EXPECT_FALSE(classes_->get(at("file")));
 }
 
@@ -663,7 +667,7 @@ TEST_F(FileMetadataTest, RestoreReportsABadProtectionClass) {
   const VTLFileMetadata bad(Dictionary{
       {"VTLManifestFileAttributes",
        Value(Dictionary{{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}})}});
-  EXPECT_FALSE(bad.restoreAttribuesToPath(at("file")));
+  EXPECT_FALSE(bad.restoreAttribuesToPath(at("file"), platform_.files()));
   EXPECT_TRUE(logged("Could not set file protection key at " + at("file") +
                      " with error - Invalid argument, attributes = Z"));
 }

@@ -13,9 +13,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/VTLSignedManifest.h"
 #include "platform/platform.h"
-#include "base/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/signing.h"
 
@@ -61,7 +61,7 @@ class SignedManifestTest : public ::testing::Test {
   std::unique_ptr<VTLSignedManifest> read(const Data& bytes) {
     platform_->base.log.clear();
     vtl::DataInputStream stream(bytes);
-    return VTLSignedManifest::signedManifestWithNSStream(stream);
+    return VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles());
   }
   std::unique_ptr<VTLSignedManifest> read(const Dictionary& envelope) {
     return read(testsupport::binary_plist(Value(envelope)));
@@ -369,7 +369,8 @@ TEST_F(SignedManifestTest, AFileLargerThanTheLimitIsNotRead) {
   auto stream = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
   ASSERT_NE(stream, nullptr);
   platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(*stream), nullptr);
+  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
+            nullptr);
   EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
                           "list - File too large(0x1b)."}));
 }
@@ -388,7 +389,8 @@ TEST_F(SignedManifestTest, AStreamThatFailsMidwayIsRefusedWithItsError) {
     }
   } stream;
   platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(stream), nullptr);
+  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles()),
+            nullptr);
   EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
                           "list - Input/output error(0x5)."}));
 }
@@ -552,7 +554,7 @@ TEST_F(SignedManifestTest, AnAnchorNeedNotBeARoot) {
 
 TEST_F(SignedManifestTest, NoCertificateServicesMeansNoPolicy) {
   use_device(Fuse::kTrue);
-  platform::current().certificate_services = nullptr;
+  platform_->base.roles.certificate_services = nullptr;
   EXPECT_EQ(read(good_envelope()), nullptr);
   EXPECT_EQ(log(), lines({"-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create "
                           "policy.",
@@ -571,7 +573,7 @@ TEST_F(SignedManifestTest, AFuseAnswerThatIsNotFalseCountsAsFused) {
     EXPECT_EQ(read(test_signed), nullptr);
     EXPECT_EQ(log(), lines({kStrong, kRecoverable, kNotValid}));
   }
-  platform::current().device_properties = nullptr;
+  platform_->base.roles.device_properties = nullptr;
   EXPECT_EQ(read(test_signed), nullptr);
   EXPECT_EQ(log(), lines({kStrong, kRecoverable, kNotValid}));
 }

@@ -82,7 +82,8 @@ class NvramTest : public ::testing::TestWithParam<const char*> {
     } else {
       backend_ = std::make_unique<EfivarfsBackend>(dir_.path());
     }
-    platform::current().device_registry = &backend_->registry();
+    platform_.roles.device_registry = &backend_->registry();
+    platform_.apply();
   }
 
   bool write(const std::string& name, const std::string& value) {
@@ -151,7 +152,8 @@ class NvramFaultTest : public ::testing::Test {
         registry_(
             platform::with_registry_faults(platform::make_sim_registry(dir_.path()), dir_.path())) {
     fs::create_directories(dir_.path() + "/sim");
-    platform::current().device_registry = registry_.get();
+    platform_.roles.device_registry = registry_.get();
+    platform_.apply();
   }
 
   void faults(const vtl::Dictionary& f) {

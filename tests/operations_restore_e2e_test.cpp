@@ -72,8 +72,8 @@ void stage_copy(const std::string& source, const std::string& staging) {
 }
 
 // The records of `source`, as a device manifest walk takes them.
-Dictionary record_tree(const std::string& source) {
-  vtl::VTLManifest manifest;
+Dictionary record_tree(const std::string& source, const vtl::FileRoles& roles) {
+  vtl::VTLManifest manifest(roles);
   EXPECT_TRUE(manifest.addFilesFromPath_relativeTo_skip_inclusive(source, source, {}, true));
   return manifest.dict();
 }
@@ -81,7 +81,8 @@ Dictionary record_tree(const std::string& source) {
 class RestoreThroughHelper : public ::testing::Test {
  protected:
   RestoreThroughHelper() : platform_(device_.root()) {
-    platform::current().protection_classes = classes_.get();
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
   }
 
   // Signs `raw` with the device's signer into kManifest.
@@ -199,7 +200,7 @@ TEST_F(RestoreThroughHelper, MemoryDoesNotGrowFromRestoreToRestore) {
 #else
   testsupport::TempDir source;
   make_source_tree(source.path(), 40, 6000, *classes_);
-  const Dictionary records = record_tree(source.path());
+  const Dictionary records = record_tree(source.path(), platform_.files());
   stage_copy(source.path(), device_.path(kStaging));
   sign(testsupport::raw_manifest(records));
   device_.start();

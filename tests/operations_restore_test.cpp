@@ -76,7 +76,8 @@ class RestoreTest : public ::testing::Test {
     testsupport::install_fixture_trust(dir_.path());
     testsupport::write_fuse(dir_.path(), Fuse::kTrue);
     platform_ = std::make_unique<testsupport::SigningPlatform>(dir_.path());
-    platform::current().protection_classes = classes_.get();
+    platform_->base.roles.protection_classes = classes_.get();
+    platform_->base.apply();
     fs::create_directories(staging_);
     std::ofstream(staging_ + "/f") << "content";
     ::chmod((staging_ + "/f").c_str(), 0600);
@@ -242,7 +243,7 @@ TEST_F(RestoreTest, EveryStagedItemMatchesItsRecord) {
   fs::create_symlink("Preferences/a.plist", source + "/Library/link");
   ASSERT_EQ(::lchown((source + "/Library/link").c_str(), 501, 501), 0);
 
-  vtl::VTLManifest recorded;
+  vtl::VTLManifest recorded(platform_->base.files());
   ASSERT_TRUE(recorded.addFilesFromPath_relativeTo_skip_inclusive(source, source, {}, true));
   const Dictionary records = recorded.dict();
   ASSERT_EQ(records.size(), 10u);  // the items, 4 directories and the root itself

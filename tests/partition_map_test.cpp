@@ -52,16 +52,13 @@ class PartitionMapTest : public ::testing::Test {
  protected:
   void SetUp() override {
     state_.bytes = small_image();
-    platform_ = platform::current();
-    platform_.raw_disks = &disks_;
-    platform::install(&platform_);
     for (vtl::NamedPartition& row : vtl::named_partitions()) row.index = -1;
   }
 
   // Reads the map; returns the result and leaves the log in log_.
   int read(bool with_geometry = true) {
     test_.log.clear();
-    return vtl::read_partition_map(&snapshot_, with_geometry ? &geometry_ : nullptr);
+    return vtl::read_partition_map(&disks_, &snapshot_, with_geometry ? &geometry_ : nullptr);
   }
   Lines log() const { return test_.log.lines(); }
   std::vector<std::int32_t> rows() const {
@@ -74,7 +71,6 @@ class PartitionMapTest : public ::testing::Test {
   testsupport::TestPlatform test_{dir_.path()};
   MemoryDiskState state_;
   testsupport::MemoryRawDisks disks_{&state_};
-  platform::Platform platform_;
   vtl::PartitionMapSnapshot snapshot_;
   vtl::ZmraMediaGeometry geometry_;
 };

@@ -51,12 +51,10 @@ class ResizeTest : public ::testing::Test {
     volumes_ = platform::make_sim_mounted_volumes(root());
     resize_ = platform::with_storage_faults(platform::make_sim_filesystem_resize(root()), root());
     properties_ = platform::make_sim_device_properties(root());
-    platform_ = platform::current();
-    platform_.raw_disks = raw_disks_.get();
-    platform_.mounted_volumes = volumes_.get();
-    platform_.filesystem_resize = resize_.get();
-    platform_.device_properties = properties_.get();
-    platform::install(&platform_);
+    storage_ = {.raw_disks = raw_disks_.get(),
+                .mounted_volumes = volumes_.get(),
+                .filesystem_resize = resize_.get(),
+                .device_properties = properties_.get()};
     for (vtl::NamedPartition& row : vtl::named_partitions()) row.index = -1;
   }
 
@@ -145,7 +143,7 @@ class ResizeTest : public ::testing::Test {
   std::unique_ptr<platform::MountedVolumes> volumes_;
   std::unique_ptr<platform::FileSystemResize> resize_;
   std::unique_ptr<platform::DeviceProperties> properties_;
-  platform::Platform platform_;
+  vtl::StorageRoles storage_;
 };
 
 // Layout of a fresh device, in blocks: usable 6..131066; System 6..16389,
@@ -156,7 +154,7 @@ constexpr Extent kData{16390, 81925};
 TEST_F(ResizeTest, ShrinkKeepsWhatIsUsedAndHalfWhatIsFreeFileSystemFirst) {
   ASSERT_EQ(extent(0), kSystem);
   ASSERT_EQ(extent(1), kData);
-  EXPECT_EQ(vtl::shrink_data_partition(), 0);
+  EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
 
   const std::string data = lower(uuid_of("disk0s1s2"));
   const Lines expected = {
@@ -185,9 +183,9 @@ TEST_F(ResizeTest, ShrinkKeepsWhatIsUsedAndHalfWhatIsFreeFileSystemFirst) {
 }
 
 TEST_F(ResizeTest, ExpandTakesEveryBlockNoOtherPartitionUsesMapFirst) {
-  ASSERT_EQ(vtl::shrink_data_partition(), 0);
+  ASSERT_EQ(vtl::shrink_data_partition(storage_), 0);
   test_.log.clear();
-  EXPECT_EQ(vtl::expand_data_partition(), 0);
+  EXPECT_EQ(vtl::expand_data_partition(storage_), 0);
   const std::uint64_t free_blocks = 131066 + 1 - 6 - 16384 - 16384;
   const Lines head = {
       "gpt.pth.first_lba = 6, last_lba = 131066",
@@ -212,14 +210,14 @@ TEST_F(ResizeTest, ExpandTakesEveryBlockNoOtherPartitionUsesMapFirst) {
 
 TEST_F(ResizeTest, TheCurrentSizeChangesNothing) {
   set_usage(256 * MiB, 0);
-  EXPECT_EQ(vtl::shrink_data_partition(), 0);
+  EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
   EXPECT_EQ(log().back(), "no change in size");
   EXPECT_EQ(journal(), std::vector<std::string>{});
 }
 
 TEST_F(ResizeTest, HalfAnOddFreeSizeRoundsTowardZeroAndSizesRoundUpToBlocks) {
   set_usage(200 * MiB + 1, 100 * MiB + 1);
-  EXPECT_EQ(vtl::shrink_data_partition(), 0);
+  EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
   EXPECT_EQ(log().front(),
             "freeSize = 104857601(bytes), totalSize = 209715201(bytes), newSize = 157286401(bytes)"
             "\n\n");
@@ -233,7 +231,7 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
   struct Case {
     const char* name;
     std::function<void(ResizeTest&)> arrange;
-    std::function<std::int32_t()> run;
+    std::int32_t (*run)(const vtl::StorageRoles&);
     std::int32_t rc;
     Lines tail;  // the last lines of the log
   };
@@ -313,7 +311,7 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
       {"the file system cannot grow",
        [](ResizeTest& t) {
          t.set_usage(128 * MiB, 0);
-         ASSERT_EQ(vtl::shrink_data_partition(), 0);
+         ASSERT_EQ(vtl::shrink_data_partition(t.storage_), 0);
          t.test_.log.clear();
          t.set_fault("FileSystemResizeError", 28);
        },
@@ -327,7 +325,7 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
     fresh_device();
     test_.log.clear();
     c.arrange(*this);
-    EXPECT_EQ(c.run(), c.rc);
+    EXPECT_EQ(c.run(storage_), c.rc);
     const Lines all = log();
     ASSERT_GE(all.size(), c.tail.size());
     EXPECT_EQ(Lines(all.end() - static_cast<long>(c.tail.size()), all.end()), c.tail)
@@ -350,12 +348,12 @@ TEST_F(ResizeTest, WithoutADataEntryAPartitionIsCreatedInTheFirstFreeSlot) {
   ::close(fd);
 
   // Too large to fit beside the others: refused without a word.
-  EXPECT_EQ(vtl::shrink_data_partition(), -1);
+  EXPECT_EQ(vtl::shrink_data_partition(storage_), -1);
   EXPECT_EQ(log().back(), "partition: requiredSize=45056");
 
   test_.log.clear();
   set_usage(32 * MiB, 0);
-  EXPECT_EQ(vtl::shrink_data_partition(), 0);
+  EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
   EXPECT_EQ(log_from("Creating new partition instead of adjusting existing one"),
             (Lines{"Creating new partition instead of adjusting existing one",
                    "About to adjust with settings partitionIndex:3 size:32 MB",

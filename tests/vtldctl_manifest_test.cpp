@@ -53,11 +53,12 @@ class ManifestToolsTest : public ::testing::Test {
   ManifestToolsTest() : platform_(dir_.path()) {
     write_file(dir_ / "etc/passwd", "root:x:0:0::/:/bin/sh\nmobile:x:501:501::/:/bin/sh\n");
     write_file(dir_ / "etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform::current().protection_classes = classes_.get();
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
   }
 
   std::string manifest_of(const std::string& tree, const std::string& out) {
-    vtl::VTLManifest m;
+    vtl::VTLManifest m(platform_.files());
     EXPECT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(tree, tree, {}, false));
     EXPECT_EQ(m.writeBinaryPropertyListToFile(out), 0);
     return out;

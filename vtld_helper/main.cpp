@@ -40,8 +40,8 @@
 #include "platform/protection_classes.h"
 #include "platform/raw_disk.h"
 #include "platform/system_log.h"
-#include "vtl_version.h"
 #include "service/service_setup.h"
+#include "vtl_version.h"
 #include "vtld_helper/privileges.h"
 #include "vtld_helper/vtld_helper.h"
 
@@ -222,7 +222,7 @@ int main(int argc, char** argv) {
     the_platform->mounted_volumes = platform::make_sim_mounted_volumes("/").release();
     the_platform->filesystem_resize = platform::make_sim_filesystem_resize("/").release();
   } else {
-    the_platform->raw_disks = platform::make_linux_raw_disks().release();
+    the_platform->raw_disks = platform::make_linux_raw_disks(the_platform->system_log).release();
     the_platform->mounted_volumes =
         platform::make_linux_mounted_volumes(proc_fd, sys_block_fd, dev_fd).release();
     the_platform->filesystem_resize = platform::make_btrfs_filesystem_resize().release();
@@ -247,9 +247,7 @@ int main(int argc, char** argv) {
             std::unique_ptr<platform::DeviceRegistry>(the_platform->device_registry), "/")
             .release();
   }
-  platform::install(the_platform);
-  vtl::VTLLogModel::sharedInstance().setSystemLog(the_platform->system_log);
-  vtl::set_up_service();
+  vtl::set_up_service(*the_platform);
   // Everything is open and the helper confined: from here on it holds only
   // the powers its commands use (privileges.h).
   vtl::drop_privileges();

@@ -55,25 +55,15 @@ class PrintedLog final : public platform::SystemLog {
   std::FILE* err_;
 };
 
-// The platform the manifest code runs on inside this tool, installed for one
-// subcommand.
-class ToolPlatform {
+// The manifest code's messages go to `log` for one subcommand.
+class ToolLog {
  public:
-  explicit ToolPlatform(platform::SystemLog* log) {
-    platform_.system_log = log;
-    platform::install(&platform_);
+  explicit ToolLog(platform::SystemLog* log) {
     vtl::VTLLogModel::sharedInstance().setSystemLog(log);
   }
-  ~ToolPlatform() {
-    vtl::VTLLogModel::sharedInstance().setSystemLog(nullptr);
-    platform::install(nullptr);
-  }
-  ToolPlatform(const ToolPlatform&) = delete;
-  ToolPlatform& operator=(const ToolPlatform&) = delete;
-  platform::Platform& get() { return platform_; }
-
- private:
-  platform::Platform platform_;
+  ~ToolLog() { vtl::VTLLogModel::sharedInstance().setSystemLog(nullptr); }
+  ToolLog(const ToolLog&) = delete;
+  ToolLog& operator=(const ToolLog&) = delete;
 };
 
 std::optional<Data> read_file(const std::string& path, std::string* error) {
@@ -101,7 +91,8 @@ bool split_entry(const std::string& entry, std::string* id, std::string* dir) {
   return true;
 }
 
-std::optional<Dictionary> records_of(const std::string& dir, std::string* error) {
+std::optional<Dictionary> records_of(const std::string& dir, const vtl::FileRoles& roles,
+                                     std::string* error) {
   struct stat st {};
   if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     *error = dir + " is not a directory";
@@ -109,7 +100,7 @@ std::optional<Dictionary> records_of(const std::string& dir, std::string* error)
   }
   std::string base = dir;
   while (base.size() > 1 && base.back() == '/') base.pop_back();
-  vtl::VTLManifest manifest;
+  vtl::VTLManifest manifest(roles);
   if (!manifest.addFilesFromPath_relativeTo_skip_inclusive(base, base, {}, true)) {
     *error = "cannot record " + dir + " (the messages above say why)";
     return std::nullopt;
@@ -243,14 +234,14 @@ std::string sha1_hex(std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 std::optional<Dictionary> payload_from_trees(const SignedManifestCreateOptions& options,
-                                             std::string* error) {
+                                             const vtl::FileRoles& roles, std::string* error) {
   Dictionary raw;
   raw.emplace("Version", Value(std::int64_t{options.version}));
   raw.emplace("Info", Value(Dictionary{{"CreatedBy", Value("vtldctl signed-manifest create")},
                                        {"CreatedAt", Value(now_text())}}));
   Dictionary backup;
   if (!options.backup_dir.empty()) {
-    std::optional<Dictionary> records = records_of(options.backup_dir, error);
+    std::optional<Dictionary> records = records_of(options.backup_dir, roles, error);
     if (!records) return std::nullopt;
     backup = std::move(*records);
   }
@@ -275,7 +266,7 @@ std::optional<Dictionary> payload_from_trees(const SignedManifestCreateOptions& 
         *error = fmt::format("a container is given as ID=DIR, not {}", entry);
         return std::nullopt;
       }
-      std::optional<Dictionary> records = records_of(dir, error);
+      std::optional<Dictionary> records = records_of(dir, roles, error);
       if (!records) return std::nullopt;
       if (part.wrapped) {
         apps.emplace_back(id);
@@ -326,14 +317,13 @@ int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE
     payload = std::move(*bytes);
   } else {
     PrintedLog log(err);
-    ToolPlatform tool(&log);
+    const ToolLog tool(&log);
     std::unique_ptr<platform::Accounts> accounts = platform::make_passwd_accounts(
         options.device_root.empty() ? std::string("/") : options.device_root);
     std::unique_ptr<platform::ProtectionClasses> classes =
         platform::make_xattr_protection_classes();
-    tool.get().accounts = accounts.get();
-    tool.get().protection_classes = classes.get();
-    std::optional<Dictionary> raw = payload_from_trees(options, &error);
+    std::optional<Dictionary> raw = payload_from_trees(
+        options, {.accounts = accounts.get(), .protection_classes = classes.get()}, &error);
     if (!raw) {
       fmt::print(err, "vtldctl: {}\n", error);
       return kExitLocalFailure;
@@ -433,16 +423,16 @@ int signed_manifest_verify(const std::string& file, const std::string& device_ro
   }
   const std::string root = device_root.empty() ? std::string("/") : device_root;
   KeptLog log;
-  ToolPlatform tool(&log);
+  const ToolLog tool(&log);
   std::unique_ptr<platform::CertificateServices> services =
       platform::make_openssl_certificate_services(root);
   std::unique_ptr<platform::DeviceProperties> properties =
       device_root.empty() ? platform::make_linux_device_properties("/private/var")
                           : platform::make_sim_device_properties(device_root);
-  tool.get().certificate_services = services.get();
-  tool.get().device_properties = properties.get();
 
-  const bool accepted = vtl::VTLSignedManifest::signedManifestWithNSStream(*stream) != nullptr;
+  const bool accepted = vtl::VTLSignedManifest::signedManifestWithNSStream(
+                            *stream, {.certificate_services = services.get(),
+                                      .device_properties = properties.get()}) != nullptr;
   const std::string where = device_root.empty() ? "this host" : "the device at " + device_root;
   fmt::print(out, "{}: {} by {}\n", file, accepted ? "accepted" : "refused", where);
   if (!accepted) {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "base/value.h"
+#include "manifest/file_roles.h"
 
 namespace vtldctl {
 
@@ -48,7 +49,7 @@ struct SignedManifestCreateOptions {
 // nullopt with `error` set when a tree cannot be walked or an ID=DIR is
 // malformed.
 std::optional<vtl::Dictionary> payload_from_trees(const SignedManifestCreateOptions& options,
-                                                  std::string* error);
+                                                  const vtl::FileRoles& roles, std::string* error);
 
 // The subcommands; each returns the exit status (exit_status.h).
 int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE* out,

@@ -40,8 +40,10 @@ std::uint64_t get64(const std::uint8_t* p) {
   return v;
 }
 
-void log_line(const std::string& line) {
-  if (SystemLog* log = current().system_log) log->write(line);
+// Where the kernel's refusals are told: the system log the disks were made
+// with (nullptr: nowhere).
+void log_line(SystemLog* log, const std::string& line) {
+  if (log != nullptr) log->write(line);
 }
 
 int blkpg(int fd, int op, int number, std::uint64_t start, std::uint64_t length) {
@@ -58,7 +60,7 @@ int blkpg(int fd, int op, int number, std::uint64_t start, std::uint64_t length)
 
 class LinuxDiskDevice final : public DiskDevice {
  public:
-  explicit LinuxDiskDevice(int fd) : fd_(fd) {}
+  LinuxDiskDevice(int fd, SystemLog* log) : fd_(fd), log_(log) {}
   ~LinuxDiskDevice() override {
     if (written_) publish_partitions();
     ::close(fd_);
@@ -99,7 +101,8 @@ class LinuxDiskDevice final : public DiskDevice {
   // Tells the kernel the partitions of the GPT now on the disk (the header
   // at LBA 1, the first 8 entries at LBA 2, as the helper writes them).
   void publish_partitions() {
-    if (::fsync(fd_) != 0) log_line("raw disk: fsync failed: " + vtl::error_description(errno));
+    if (::fsync(fd_) != 0)
+      log_line(log_, "raw disk: fsync failed: " + vtl::error_description(errno));
     const std::optional<std::uint32_t> size = block_size();
     if (!size) return;
     std::vector<std::uint8_t> header(*size);
@@ -107,7 +110,7 @@ class LinuxDiskDevice final : public DiskDevice {
     if (read_at(header, *size) != static_cast<ssize_t>(header.size()) ||
         read_at(entries, 2 * std::uint64_t{*size}) != static_cast<ssize_t>(entries.size()) ||
         entries.size() < kEntriesHeld * kEntrySize) {
-      log_line("raw disk: cannot read back the partition map");
+      log_line(log_, "raw disk: cannot read back the partition map");
       return;
     }
     const std::uint32_t count = std::uint32_t{header[80]} | std::uint32_t{header[81]} << 8U |
@@ -147,8 +150,8 @@ class LinuxDiskDevice final : public DiskDevice {
         const int error = blkpg(fd_, adding ? BLKPG_ADD_PARTITION : BLKPG_RESIZE_PARTITION,
                                 p.number, p.start, p.length);
         if (error != 0) {
-          log_line("raw disk: the kernel did not take partition " + std::to_string(p.number) +
-                   ": " + vtl::error_description(error));
+          log_line(log_, "raw disk: the kernel did not take partition " + std::to_string(p.number) +
+                             ": " + vtl::error_description(error));
         }
       }
     }
@@ -156,10 +159,13 @@ class LinuxDiskDevice final : public DiskDevice {
 
   int fd_;
   bool written_ = false;
+  SystemLog* log_;
 };
 
 class LinuxRawDisks final : public RawDisks {
  public:
+  explicit LinuxRawDisks(SystemLog* log) : log_(log) {}
+
   std::unique_ptr<DiskDevice> open(const std::string& path, int flags) override {
     const bool write = flags == kDiskOpenReadWriteShared;
     if (!write && flags != kDiskOpenReadOnly) {
@@ -174,14 +180,19 @@ class LinuxRawDisks final : public RawDisks {
       errno = error;
       return nullptr;
     }
-    return std::make_unique<LinuxDiskDevice>(fd);
+    return std::make_unique<LinuxDiskDevice>(fd, log_);
   }
 
   void sync() override { ::sync(); }
+
+ private:
+  SystemLog* log_;
 };
 
 }  // namespace
 
-std::unique_ptr<RawDisks> make_linux_raw_disks() { return std::make_unique<LinuxRawDisks>(); }
+std::unique_ptr<RawDisks> make_linux_raw_disks(SystemLog* log) {
+  return std::make_unique<LinuxRawDisks>(log);
+}
 
 }  // namespace platform

@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "base/value.h"
+#include "manifest/VTLSignedManifest.h"
+#include "manifest/file_roles.h"
+#include "partition/resize.h"
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
@@ -71,9 +74,11 @@ class FakeCodeSigning final : public platform::CodeSigning {
   }
 };
 
-// Installs a platform for one test: captured system log (also wired into the
-// shared logger), accounts under `device_root`, fake code signing. Restores
-// nothing global on destruction except the logger's sink and the platform.
+// The platform of one in-process test: captured system log, accounts under
+// `device_root`, fake code signing; further roles as the test sets them in
+// `roles`. The service's shared instances are set up with it as the helper
+// sets them up at start-up (and again by apply() after a role changed); on
+// destruction they are set up with no platform.
 class TestPlatform {
  public:
   explicit TestPlatform(const std::string& device_root);
@@ -81,12 +86,29 @@ class TestPlatform {
   TestPlatform(const TestPlatform&) = delete;
   TestPlatform& operator=(const TestPlatform&) = delete;
 
+  // Hands `roles` to the service again.
+  void apply();
+  // The roles each layer is handed.
+  vtl::FileRoles files() const {
+    return {.accounts = roles.accounts, .protection_classes = roles.protection_classes};
+  }
+  vtl::StorageRoles storage() const {
+    return {.raw_disks = roles.raw_disks,
+            .mounted_volumes = roles.mounted_volumes,
+            .filesystem_resize = roles.filesystem_resize,
+            .device_properties = roles.device_properties};
+  }
+  vtl::VTLSignedManifest::Roles signing_roles() const {
+    return {.certificate_services = roles.certificate_services,
+            .device_properties = roles.device_properties};
+  }
+
   CapturedLog log;
   FakeCodeSigning signing;
+  platform::Platform roles;
 
  private:
   std::unique_ptr<platform::Accounts> accounts_;
-  platform::Platform platform_;
 };
 
 }  // namespace testsupport

@@ -185,8 +185,9 @@ SigningPlatform::SigningPlatform(const std::string& root, platform::TrustClock c
     : base(root),
       services_(platform::make_openssl_certificate_services(root, std::move(clock))),
       properties_(platform::make_sim_device_properties(root)) {
-  platform::current().certificate_services = services_.get();
-  platform::current().device_properties = properties_.get();
+  base.roles.certificate_services = services_.get();
+  base.roles.device_properties = properties_.get();
+  base.apply();
 }
 
 }  // namespace testsupport
