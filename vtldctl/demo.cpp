@@ -22,6 +22,7 @@
 
 #include <fmt/format.h>
 
+#include "base/errors.h"
 #include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/manifest_signer.h"
@@ -115,7 +116,7 @@ Fact look(const DemoDevice& device, const std::string& path, const Expect& expec
                           "", path),
               ""};
     if (error != ENOENT) {
-      fact.wrong = std::strerror(error);
+      fact.wrong = vtl::error_description(error);
     } else if (expect.present) {
       fact.wrong = "it should be there";
     }
@@ -146,7 +147,7 @@ std::string make_directory(const DemoDevice& device, const std::string& path, mo
   if (ec) return "cannot create " + path + ": " + ec.message();
   // Exact bits, whatever the umask, so that the widening is plain to see.
   if (::chmod(device.host_path(path).c_str(), mode) != 0) {
-    return "cannot set the mode of " + path + ": " + std::strerror(errno);
+    return "cannot set the mode of " + path + ": " + vtl::error_description(errno);
   }
   return "";
 }
@@ -308,7 +309,7 @@ std::string download_and_stage(const DemoDevice& d, const Prescribed& item) {
     }
     static_cast<void>(::chmod(download.c_str(), 0644));
     if (::link(download.c_str(), staged.c_str()) != 0) {
-      return "cannot link " + staged + ": " + std::strerror(errno);
+      return "cannot link " + staged + ": " + vtl::error_description(errno);
     }
   }
   static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
@@ -903,8 +904,8 @@ std::string make_temporary_directory(std::string* error) {
   std::string pattern =
       std::string(tmpdir != nullptr && *tmpdir != '\0' ? tmpdir : "/tmp") + "/vtldctl-demo-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
-    *error =
-        fmt::format("cannot create a temporary directory {}: {}", pattern, std::strerror(errno));
+    *error = fmt::format("cannot create a temporary directory {}: {}", pattern,
+                         vtl::error_description(errno));
     return "";
   }
   return pattern;
@@ -923,7 +924,7 @@ std::string why_it_cannot_run(const DemoOptions& options, std::string* helper) {
   }
   if (::access(helper->c_str(), X_OK) != 0) {
     return fmt::format("no helper to run at {}: {} (build it, or give --helper PATH)", *helper,
-                       std::strerror(errno));
+                       vtl::error_description(errno));
   }
   return "";
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <span>
 
+#include "base/errors.h"
 #include "partition/gpt.h"
 #include "vtldctl/exit_status.h"
 
@@ -74,7 +75,7 @@ std::string size_text(std::uint64_t bytes) {
 std::optional<DiskMap> read_disk_map(const std::string& path, std::string* error) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    *error = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+    *error = fmt::format("cannot open {}: {}", path, vtl::error_description(errno));
     return std::nullopt;
   }
   DiskMap map;

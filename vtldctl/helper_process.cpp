@@ -1,4 +1,5 @@
 #include "vtldctl/helper_process.h"
+#include "base/errors.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -133,14 +134,14 @@ int Launch::open_stream(const HelperStream& stream, std::string* error) {
     // that fills up would stall it.
     if (memory_ < 0) memory_ = ::memfd_create("vtld_helper-output", MFD_CLOEXEC);
     if (memory_ < 0) {
-      *error = fmt::format("cannot keep the helper's output: {}", std::strerror(errno));
+      *error = fmt::format("cannot keep the helper's output: {}", vtl::error_description(errno));
     }
     return memory_;
   }
   const bool to_file = stream.to == HelperStream::To::kFile;
   const std::string& path = to_file ? stream.path : "/dev/null";
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (fd < 0) *error = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+  if (fd < 0) *error = fmt::format("cannot open {}: {}", path, vtl::error_description(errno));
   return fd;
 }
 
@@ -148,7 +149,7 @@ std::string Launch::open_streams() {
   std::string error;
   streams_[STDIN_FILENO] = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (streams_[STDIN_FILENO] < 0) {
-    return fmt::format("cannot open /dev/null: {}", std::strerror(errno));
+    return fmt::format("cannot open /dev/null: {}", vtl::error_description(errno));
   }
   streams_[STDOUT_FILENO] = open_stream(how_.output, &error);
   if (streams_[STDOUT_FILENO] < 0) return error;
@@ -198,7 +199,7 @@ std::optional<HelperProcess> HelperProcess::start(const HelperStart& how, std::s
   // Closed on exec: whatever comes on it is the errno of a failed exec.
   int report[2];
   if (::pipe2(report, O_CLOEXEC) != 0) {
-    *error = fmt::format("cannot start {}: {}", how.program, std::strerror(errno));
+    *error = fmt::format("cannot start {}: {}", how.program, vtl::error_description(errno));
     return std::nullopt;
   }
   const pid_t pid = ::fork();
@@ -209,7 +210,7 @@ std::optional<HelperProcess> HelperProcess::start(const HelperStart& how, std::s
   ::close(report[0]);
   if (pid > 0 && failure != 0) ::waitpid(pid, nullptr, 0);
   if (failure != 0) {
-    *error = fmt::format("cannot start {}: {}", how.program, std::strerror(failure));
+    *error = fmt::format("cannot start {}: {}", how.program, vtl::error_description(failure));
     return std::nullopt;
   }
   return HelperProcess(pid, launch.take_memory());

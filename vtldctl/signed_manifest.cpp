@@ -18,6 +18,7 @@
 
 #include "base/VTLLogModel.h"
 #include "base/description.h"
+#include "base/errors.h"
 #include "base/plist.h"
 #include "manifest/VTLManifest.h"
 #include "manifest/VTLSignedManifest.h"
@@ -71,12 +72,12 @@ std::optional<Data> read_file(const std::string& path, std::string* error) {
   std::unique_ptr<vtl::FileInputStream> stream =
       vtl::FileInputStream::inputStreamWithFileAtPath(path, &code);
   if (!stream) {
-    *error = fmt::format("cannot open {}: {}", path, std::strerror(code));
+    *error = fmt::format("cannot open {}: {}", path, vtl::error_description(code));
     return std::nullopt;
   }
   vtl::StreamContents contents = vtl::read_whole_stream(*stream, vtl::kMaxSignedManifestBytes);
   if (contents.error != 0) {
-    *error = fmt::format("cannot read {}: {}", path, std::strerror(contents.error));
+    *error = fmt::format("cannot read {}: {}", path, vtl::error_description(contents.error));
     return std::nullopt;
   }
   return std::move(contents.bytes);
@@ -344,7 +345,7 @@ int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE
     bytes = vtl::plist_to_binary(Value(std::move(*envelope)));
   }
   if (int code = vtl::write_file_atomically(options.output, bytes); code != 0) {
-    fmt::print(err, "vtldctl: cannot write {}: {}\n", options.output, std::strerror(code));
+    fmt::print(err, "vtldctl: cannot write {}: {}\n", options.output, vtl::error_description(code));
     return kExitLocalFailure;
   }
   fmt::print(out, "wrote {} ({} bytes; payload {} bytes, signed by a chain of {})\n",
@@ -418,7 +419,7 @@ int signed_manifest_verify(const std::string& file, const std::string& device_ro
   std::unique_ptr<vtl::FileInputStream> stream =
       vtl::FileInputStream::inputStreamWithFileAtPath(file, &code);
   if (!stream) {
-    fmt::print(err, "vtldctl: cannot open {}: {}\n", file, std::strerror(code));
+    fmt::print(err, "vtldctl: cannot open {}: {}\n", file, vtl::error_description(code));
     return kExitUsage;
   }
   const std::string root = device_root.empty() ? std::string("/") : device_root;
