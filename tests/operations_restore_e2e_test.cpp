@@ -39,8 +39,8 @@ using testsupport::device_signer;
 
 // Lays out a tree of `files` files in `dirs` directories with varied owners,
 // modes, extended attributes and protection classes.
-void make_source_tree(const std::string& root, int dirs, int files,
-                      const platform::ProtectionClasses& classes) {
+[[maybe_unused]] void make_source_tree(const std::string& root, int dirs, int files,
+                                       const platform::ProtectionClasses& classes) {
   static const char* const kClasses[] = {"A", "B", "C", "D", "None"};
   for (int d = 0; d < dirs; ++d) {
     const std::string dir = root + "/d" + std::to_string(d);
@@ -64,7 +64,7 @@ void make_source_tree(const std::string& root, int dirs, int files,
 
 // The staged copy of `source`: the same names and contents, and nothing of
 // its attributes.
-void stage_copy(const std::string& source, const std::string& staging) {
+[[maybe_unused]] void stage_copy(const std::string& source, const std::string& staging) {
   fs::copy(source, staging, fs::copy_options::recursive);
   for (const auto& entry : fs::recursive_directory_iterator(staging)) {
     ASSERT_EQ(::lchown(entry.path().c_str(), 501, 501), 0);
@@ -72,7 +72,7 @@ void stage_copy(const std::string& source, const std::string& staging) {
 }
 
 // The records of `source`, as a device manifest walk takes them.
-Dictionary record_tree(const std::string& source, const vtl::FileRoles& roles) {
+[[maybe_unused]] Dictionary record_tree(const std::string& source, const vtl::FileRoles& roles) {
   vtl::VTLManifest manifest(roles);
   EXPECT_TRUE(manifest.addFilesFromPath_relativeTo_skip_inclusive(source, source, {}, true));
   return manifest.dict();
