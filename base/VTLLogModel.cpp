@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/description.h"
+#include "base/path.h"
 #include "base/plist.h"
 
 namespace vtl {
@@ -239,7 +240,7 @@ bool VTLLogModel::enableLogToFilesUnder_prefix_expireDays(const std::string& dir
                                                           const std::string& prefix, int days) {
   if (!exists(dir) && !make_directories(dir)) return false;
 
-  const std::string probe = dir + "/" + std::string(kWritabilityProbeName);
+  const std::string probe = join(dir, kWritabilityProbeName);
   static constexpr std::uint8_t kProbeContent[] = {'a'};
   if (write_file_atomically(probe, kProbeContent, kLogFileMode) != 0) return false;
   static_cast<void>(::unlink(probe.c_str()));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "base/path.h"
 #include "krx/codec.h"
 #include "krx/socket_io.h"
 
@@ -46,7 +47,7 @@ Client::~Client() = default;
 
 std::optional<Client> Client::connect_service(const std::string& run_dir,
                                               const std::string& service_name, std::string* error) {
-  return connect_path(run_dir + "/" + service_name, error);
+  return connect_path(vtl::join(run_dir, service_name), error);
 }
 
 std::optional<Client> Client::connect_path(const std::string& socket_path, std::string* error) {

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "base/path.h"
 #include "krx/codec.h"
 #include "krx/socket_io.h"
 
@@ -887,7 +888,7 @@ int bind_listener(std::string_view service_name) {
       service_name == "." || service_name == "..") {
     return -1;
   }
-  const std::string path = run_directory() + "/" + std::string(service_name);
+  const std::string path = vtl::join(run_directory(), service_name);
   sockaddr_un addr{};
   if (!socket_address(path, &addr)) return -1;
   struct stat st {};
@@ -924,7 +925,7 @@ int bind_listener(std::string_view service_name) {
 }
 
 int connect_to(std::string_view service_name) {
-  const std::string path = run_directory() + "/" + std::string(service_name);
+  const std::string path = vtl::join(run_directory(), service_name);
   sockaddr_un addr{};
   if (!socket_address(path, &addr)) return -1;
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

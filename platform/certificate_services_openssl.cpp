@@ -16,6 +16,7 @@
 #include <climits>
 #include <optional>
 
+#include "base/path.h"
 #include "base/plist.h"
 #include "platform/certificate_services.h"
 #include "platform/platform.h"
@@ -144,7 +145,7 @@ std::optional<std::vector<X509Ptr>> read_pem_certificates(const std::string& pat
 std::unique_ptr<PolicyData> load_policy(const std::string& directory) {
   ErrorQueueGuard clear_errors;
   std::optional<vtl::Value> file =
-      vtl::read_plist_file(directory + "/" + std::string(kSignerPolicyFile), kMaxTrustFileBytes);
+      vtl::read_plist_file(vtl::join(directory, kSignerPolicyFile), kMaxTrustFileBytes);
   const vtl::Dictionary* requirements = file ? file->dictionary() : nullptr;
   if (requirements == nullptr) return nullptr;
   const std::string* usage = nullptr;

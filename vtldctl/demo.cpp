@@ -23,6 +23,7 @@
 #include <fmt/format.h>
 
 #include "base/errors.h"
+#include "base/path.h"
 #include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/manifest_signer.h"
@@ -872,7 +873,7 @@ std::optional<std::string> find_log_file(const DemoDevice& device) {
     if (name.starts_with("vtld_helper-") && name.ends_with(".log")) names.push_back(name);
   }
   if (names.empty()) return std::nullopt;
-  return std::string(kLogDirectory) + "/" + *std::max_element(names.begin(), names.end());
+  return vtl::join(kLogDirectory, *std::max_element(names.begin(), names.end()));
 }
 
 std::string read_file(const std::string& path) {

@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "base/path.h"
 #include "base/service_name.h"
 #include "krx/connection.h"
 #include "vtl_version.h"
@@ -87,7 +88,7 @@ struct GlobalOptions {
   std::string socket_path() const {
     if (!root.empty()) return vtldctl::device_socket_path(root);
     if (!socket.empty()) return socket;
-    return krx::run_directory() + "/" + vtl::kServiceName;
+    return vtl::join(krx::run_directory(), vtl::kServiceName);
   }
   std::chrono::milliseconds idle() const {
     const double ms = timeout_seconds * 1000.0;

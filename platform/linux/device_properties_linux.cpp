@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "base/path.h"
 #include "platform/device_properties.h"
 
 namespace platform {
@@ -26,7 +27,7 @@ class LinuxDeviceProperties final : public DeviceProperties {
  private:
   // Four attribute bytes, then one byte: 1 enabled, 0 disabled.
   std::optional<vtl::Value> secure_boot() const {
-    const std::string path = efivars_ + "/" + kSecureBootVariable;
+    const std::string path = vtl::join(efivars_, kSecureBootVariable);
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     std::array<unsigned char, 8> bytes{};

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "base/errors.h"
+#include "base/path.h"
 #include "base/plist.h"
 #include "platform/code_signing.h"
 #include "platform/sim/storage_device.h"
@@ -48,7 +49,7 @@ std::string make_dirs(const std::string& path, uid_t owner = 0) {
 }  // namespace
 
 std::string service_socket_path(const std::string& dir, const std::string& service_name) {
-  return dir + kRunDirectory + "/" + service_name;
+  return vtl::join(dir + kRunDirectory, service_name);
 }
 
 std::string write_entitlements_file(const std::string& dir, const std::string& name,
@@ -59,7 +60,7 @@ std::string write_entitlements_file(const std::string& dir, const std::string& n
   if (!sha256.empty()) file.emplace("SHA256", sha256);
   file.emplace("Entitlements", entitlements);
   const std::string folder = dir + std::string(kEntitlementsDirectory);
-  const std::string path = folder + "/" + name + ".plist";
+  const std::string path = vtl::join(folder, name + ".plist");
   if (std::string err = write_file(path, vtl::plist_to_xml(vtl::Value(std::move(file))));
       !err.empty()) {
     return err;

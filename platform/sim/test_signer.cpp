@@ -16,6 +16,7 @@
 #include <span>
 
 #include "base/errors.h"
+#include "base/path.h"
 #include "base/plist.h"
 #include "platform/certificate_services.h"
 
@@ -125,7 +126,7 @@ std::string write_policy(const std::string& directory, std::string_view usage) {
   vtl::Dictionary policy;
   policy.emplace(std::string(kLeafExtendedKeyUsageKey), vtl::Value(usage));
   const std::string xml = vtl::plist_to_xml(vtl::Value(std::move(policy)));
-  const std::string path = directory + "/" + std::string(kSignerPolicyFile);
+  const std::string path = vtl::join(directory, kSignerPolicyFile);
   if (int error = vtl::write_file_atomically(
           path, std::span(reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()));
       error != 0) {
@@ -172,17 +173,17 @@ std::string install_test_signer(const std::string& dir) {
     ERR_clear_error();
     return "cannot make the test signer's certificates";
   }
-  const std::string anchor = test + "/" + std::string(kTestSignerAnchorFile);
+  const std::string anchor = vtl::join(test, kTestSignerAnchorFile);
   struct Output {
     std::string path;
     X509* cert;
     EVP_PKEY* key;
   };
   const Output outputs[] = {
-      {test + "/" + std::string(kTestSignerAnchorFile), root.get(), nullptr},
-      {keep + "/" + std::string(kTestSignerRootFile), root.get(), nullptr},
-      {keep + "/" + std::string(kTestSignerCertificateFile), signer.get(), nullptr},
-      {keep + "/" + std::string(kTestSignerKeyFile), nullptr, signer_key.get()},
+      {vtl::join(test, kTestSignerAnchorFile), root.get(), nullptr},
+      {vtl::join(keep, kTestSignerRootFile), root.get(), nullptr},
+      {vtl::join(keep, kTestSignerCertificateFile), signer.get(), nullptr},
+      {vtl::join(keep, kTestSignerKeyFile), nullptr, signer_key.get()},
   };
   for (const Output& out : outputs) {
     if (std::string err = write_pem(out.path, out.cert, out.key); !err.empty()) return err;
