@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@
 
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration)
 
@@ -29,19 +29,13 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using testsupport::read_file;
 
 struct Outcome {
   int status = -1;  // exit status; 128 + signal when killed
   std::string out;
   std::string err;
 };
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 // The program the kernel reports for vtldctl: what its entitlement names.
 std::string vtldctl_path() { return fs::canonical(testsupport::program_path("vtldctl")).string(); }
