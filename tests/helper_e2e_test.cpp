@@ -1,6 +1,5 @@
 // The real helper on a simulated device, driven over its socket: start-up and
-// logging, entitlements bound to the executable, the container commands, and
-// how it ends.
+// logging, entitlements bound to the executable, the container commands.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -234,16 +233,6 @@ TEST_F(HelperTest, AProcessThatExecsAnEntitledProgramAfterConnectingIsNotServed)
   ::waitpid(connecting, nullptr, 0);
   ::close(listener);
   EXPECT_FALSE(fs::exists(device_.path(trick)));
-}
-
-TEST_F(HelperTest, SigtermEndsWithStatusZero) {
-  krx::Client client = device_.connect();
-  ASSERT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
-            std::vector{kTrue});
-  const int status = device_.terminate();
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_NE(device_.log_file().find("KRX connection will be closed"), std::string::npos);
 }
 
 }  // namespace
