@@ -228,9 +228,9 @@ TEST(WireFuzz, TheHelperKeepsServingAWellBehavedClientAndStaysFlat) {
             << " frames that end the helper by design left out); RSS " << rss_before
             << " kB before, " << rss_after << " kB after, peak "
             << status_kib(device.pid(), "VmHWM") << " kB\n";
-  // SIGTERM ends the helper cleanly, however much it was put through.
+  // SIGTERM ends the helper cleanly, however much it was put through (its
+  // closing log line: helper_units_test.cpp).
   EXPECT_EQ(device.terminate(), 0);
-  EXPECT_TRUE(device.wait_for_log("KRX connection will be closed"));
 }
 
 // --- Crash points ------------------------------------------------------------------
