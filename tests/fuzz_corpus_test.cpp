@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "base/plist.h"
 #include "fuzz/partition_harness.h"
 #include "fuzz/plist_value_source.h"
 #include "fuzz/signed_manifest_harness.h"
 #include "krx/codec.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_store.h"
-#include "base/plist.h"
 #include "tests/support/daemon.h"
 #include "tests/support/stderr_capture.h"
 

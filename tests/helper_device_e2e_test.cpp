@@ -123,6 +123,9 @@ TEST(DeviceCommands, WhateverEndsTheHelperALauncherStartsItAgainOnTheSameSocket)
   ::close(listening);
   EXPECT_TRUE(
       device.wait_for_log("Entering -[VTLHMessageResponder quitHelper:] with parameter: 1"));
+  EXPECT_TRUE(device.wait_for_log(
+      "Assertion failed: (type == KRX_TYPE_DICTIONARY), function "
+      "__VTLH_handle_connection_block_invoke, file vtld_helper/vtld_helper, line 65."));
 }
 
 TEST(DeviceCommands, ASocketGroupLimitsWhoMayConnect) {

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,19 +13,14 @@
 
 #include "krx/client.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 #include "vtldctl/helper_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using testsupport::read_file;
 
 std::optional<std::string> find_program(const std::string& name) {
   for (const char* dir : {"/usr/bin", "/bin", "/usr/sbin"}) {
@@ -85,9 +79,9 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   // only once a client is there. Until it listens, a connection is refused.
   std::optional<krx::Client> client = activator->wait_until_serving(socket, 10s, &error);
   ASSERT_TRUE(client) << error;
-  krx::Dictionary request{{"removeWorkContainer:", krx::Value("/private/var/none")}};
-  std::vector<krx::Value> replies = testsupport::request(*client, krx::Value(request));
-  EXPECT_EQ(replies, std::vector{krx::Value(krx::Dictionary{{"Response", krx::Value(true)}})});
+  EXPECT_EQ(testsupport::request(
+                *client, testsupport::dict({{"removeWorkContainer:", "/private/var/none"}})),
+            std::vector{testsupport::dict({{"Response", true}})});
   const int status = activator->stop(20s).value_or(-1);
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);

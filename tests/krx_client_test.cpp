@@ -5,12 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "krx/client.h"
@@ -102,29 +100,6 @@ TEST(KrxClientTest, WhatReceiveReports) {
       }
     }
   }
-}
-
-TEST(KrxClientTest, FrameTricklingInIsAssembled) {
-  Pair p;
-  const Value value = make_dictionary("Blob", Data(200'000, 0x42));
-  const Bytes frame = encode_frame(value);
-  std::thread writer([&] {
-    // The header byte by byte, then the rest in uneven pieces.
-    std::size_t i = 0;
-    for (; i < 8; ++i) {
-      ASSERT_EQ(write(p.peer, &frame[i], 1), 1);
-      std::this_thread::sleep_for(1ms);
-    }
-    for (std::size_t piece = 1; i < frame.size(); piece = piece * 3 + 1) {
-      const std::size_t n = std::min(piece, frame.size() - i);
-      ASSERT_EQ(write(p.peer, &frame[i], n), static_cast<ssize_t>(n));
-      i += n;
-    }
-  });
-  auto got = p.client->receive(10s);
-  writer.join();
-  ASSERT_TRUE(std::holds_alternative<Client::Message>(got));
-  EXPECT_EQ(std::get<Client::Message>(got).value, value);
 }
 
 TEST(KrxClientTest, SendWritesExactlyOneFrame) {

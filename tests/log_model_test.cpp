@@ -22,8 +22,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/system_log.h"
 #include "base/description.h"
+#include "platform/system_log.h"
 #include "tests/support/capture.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"

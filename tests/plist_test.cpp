@@ -45,14 +45,15 @@ std::string xml_document(const std::string& body) {
 }
 
 // A binary property list assembled object by object, for documents no writer
-// would produce. References are one byte, offsets two.
+// would produce. References are `ref_size` bytes (as the objects given use
+// them), offsets four.
 class BinaryBuilder {
  public:
   std::uint64_t add(Bytes object) {
     objects_.push_back(std::move(object));
     return objects_.size() - 1;
   }
-  Bytes build(std::uint64_t root = 0) const {
+  Bytes build(std::uint64_t root = 0, std::uint8_t ref_size = 1) const {
     Bytes out = bytes_of("bplist00");
     std::vector<std::size_t> offsets;
     for (const Bytes& o : objects_) {
@@ -61,12 +62,11 @@ class BinaryBuilder {
     }
     const std::size_t table = out.size();
     for (std::size_t off : offsets) {
-      out.push_back(static_cast<std::uint8_t>(off >> 8));
-      out.push_back(static_cast<std::uint8_t>(off));
+      for (int k = 3; k >= 0; --k) out.push_back(static_cast<std::uint8_t>(off >> (8 * k)));
     }
     Bytes trailer(32, 0);
-    trailer[6] = 2;
-    trailer[7] = 1;
+    trailer[6] = 4;
+    trailer[7] = ref_size;
     put64(trailer, 8, objects_.size());
     put64(trailer, 16, root);
     put64(trailer, 24, table);
@@ -219,39 +219,17 @@ Bytes nested_xml(int depth) {
 }
 
 Bytes nested_binary(int depth) {
+  // One-byte references reach 255 objects; deeper chains take four.
+  const std::uint8_t ref_size = depth <= 255 ? 1 : 4;
   BinaryBuilder b;
-  for (int i = 0; i + 1 < depth; ++i) b.add({0xA1, static_cast<std::uint8_t>(i + 1)});
+  for (int i = 0; i + 1 < depth; ++i) {
+    Bytes array{0xA1};
+    for (int k = ref_size - 1; k >= 0; --k)
+      array.push_back(static_cast<std::uint8_t>((i + 1) >> (8 * k)));
+    b.add(std::move(array));
+  }
   b.add({0xA0});
-  // One-byte references reach 255 objects; deeper chains need wider ones.
-  if (depth <= 255) return b.build();
-  Bytes out = bytes_of("bplist00");
-  std::vector<std::uint32_t> offsets;
-  for (int i = 0; i < depth; ++i) {
-    offsets.push_back(static_cast<std::uint32_t>(out.size()));
-    if (i + 1 == depth) {
-      out.push_back(0xA0);
-    } else {
-      const auto next = static_cast<std::uint32_t>(i + 1);
-      out.insert(
-          out.end(),
-          {0xA1, static_cast<std::uint8_t>(next >> 24), static_cast<std::uint8_t>(next >> 16),
-           static_cast<std::uint8_t>(next >> 8), static_cast<std::uint8_t>(next)});
-    }
-  }
-  const auto table = static_cast<std::uint32_t>(out.size());
-  for (std::uint32_t o : offsets) {
-    out.insert(out.end(), {static_cast<std::uint8_t>(o >> 24), static_cast<std::uint8_t>(o >> 16),
-                           static_cast<std::uint8_t>(o >> 8), static_cast<std::uint8_t>(o)});
-  }
-  Bytes trailer(32, 0);
-  trailer[6] = 4;
-  trailer[7] = 4;
-  for (std::size_t i = 0; i < 4; ++i) {
-    trailer[12 + i] = static_cast<std::uint8_t>(static_cast<std::uint32_t>(depth) >> (24 - 8 * i));
-    trailer[28 + i] = static_cast<std::uint8_t>(table >> (24 - 8 * i));
-  }
-  out.insert(out.end(), trailer.begin(), trailer.end());
-  return out;
+  return b.build(0, ref_size);
 }
 
 INSTANTIATE_TEST_SUITE_P(

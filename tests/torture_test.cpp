@@ -23,8 +23,8 @@
 
 #include <gtest/gtest.h>
 
-#include "krx/codec.h"
 #include "base/plist.h"
+#include "krx/codec.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
 
@@ -228,6 +228,8 @@ TEST(WireFuzz, TheHelperKeepsServingAWellBehavedClientAndStaysFlat) {
             << " frames that end the helper by design left out); RSS " << rss_before
             << " kB before, " << rss_after << " kB after, peak "
             << status_kib(device.pid(), "VmHWM") << " kB\n";
+  // SIGTERM ends the helper cleanly, however much it was put through (its
+  // closing log line: helper_units_test.cpp).
   EXPECT_EQ(device.terminate(), 0);
 }
 

@@ -6,22 +6,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "krx/client.h"
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
-#include "vtldctl/helper_process.h"
+#include "tests/support/file_tree.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration)
 
@@ -32,19 +29,13 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using testsupport::read_file;
 
 struct Outcome {
   int status = -1;  // exit status; 128 + signal when killed
   std::string out;
   std::string err;
 };
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
 
 // The program the kernel reports for vtldctl: what its entitlement names.
 std::string vtldctl_path() { return fs::canonical(testsupport::program_path("vtldctl")).string(); }
@@ -226,36 +217,6 @@ TEST_F(VtldctlOnDevice, UnknownCommandEndsInTheTimeOutWithAHint) {
   EXPECT_TRUE(device_->wait_for_log("does not respond to prepareWorkContainer."));
 }
 
-// vtld_helper serving a device that `vtldctl sim create` laid out.
-class ServedDevice {
- public:
-  explicit ServedDevice(const std::string& root) {
-    vtldctl::HelperStart how;
-    how.program = testsupport::program_path("vtld_helper");
-    how.arguments = {"--root", root};
-    how.errors = vtldctl::HelperStream::file(root + ".stderr");
-    // Confined to the device, a sanitizer build's helper has no /proc for
-    // the leak checker at exit.
-    how.environment = {"ASAN_OPTIONS=detect_leaks=0"};
-    std::string error;
-    helper_ = vtldctl::HelperProcess::start(how, &error);
-    EXPECT_TRUE(helper_) << error;
-    const std::string socket =
-        platform::sim::service_socket_path(root, "com.tessal.vantreldhelper");
-    serving_ = helper_ && helper_->wait_until_serving(socket, std::chrono::seconds(10), &error);
-  }
-  ~ServedDevice() {
-    if (helper_) helper_->stop(std::chrono::seconds(20));
-  }
-  ServedDevice(const ServedDevice&) = delete;
-  ServedDevice& operator=(const ServedDevice&) = delete;
-  bool serving() const { return serving_; }
-
- private:
-  std::optional<vtldctl::HelperProcess> helper_;
-  bool serving_ = false;
-};
-
 TEST(VtldctlSimCreate, LaysOutADeviceThatEntitlesVtldctl) {
   SKIP_UNLESS_ROOT();  // the device's mobile folders are given to uid 501
   testsupport::TempDir dir;
@@ -284,20 +245,8 @@ TEST(VtldctlSimCreate, RefusesADirectoryInUse) {
   EXPECT_FALSE(fs::exists(dir / "etc"));
 }
 
-TEST(VtldctlSimCreate, TheHelperServesItToVtldctl) {
-  SKIP_UNLESS_ROOT();
-  testsupport::TempDir dir;
-  const std::string root = dir / "device";
-  ASSERT_EQ(vtldctl({"sim", "create", root}).status, 0);
-  ServedDevice helper(root);
-  ASSERT_TRUE(helper.serving()) << read_file(root + ".stderr");
-  const Outcome run = vtldctl({"--root", root, "migrate-preferences"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out, "Response: true\n");
-  EXPECT_TRUE(
-      fs::exists(root + "/private/var/mobile/Library/Preferences/com.tessal.Vantrel.plist"));
-}
-
+// The demo lays out its device as `vtldctl sim create` does and talks to the
+// helper it starts as vtldctl: that such a device serves vtldctl is caught here.
 TEST(VtldctlDemo, EveryStepGoesAsToldAndTheDeviceIsKept) {
   SKIP_UNLESS_ROOT();
   testsupport::TempDir dir;

@@ -8,12 +8,11 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/sim/device.h"
+#include "tests/support/file_tree.h"
 
 namespace krx {
 
@@ -146,12 +145,7 @@ std::optional<int> Device::wait_exit(std::chrono::milliseconds timeout) {
   return status;
 }
 
-std::string Device::system_log() const {
-  std::ifstream in(stderr_path_);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+std::string Device::system_log() const { return read_file(stderr_path_); }
 
 bool Device::wait_for_log(const std::string& text, std::chrono::milliseconds timeout) const {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -169,10 +163,7 @@ std::string Device::log_file() const {
   char name[64];
   static_cast<void>(std::snprintf(name, sizeof name, "/vtld_helper-%04d%02d%02d.log",
                                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday));
-  std::ifstream in(path("/private/var/logs/vtld") + name);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  return read_file(path("/private/var/logs/vtld") + name);
 }
 
 krx::Client Device::connect() const {
