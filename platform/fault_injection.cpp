@@ -153,17 +153,18 @@ class FaultyRegistry final : public DeviceRegistry {
 
 }  // namespace
 
-std::unique_ptr<RawDisks> with_storage_faults(std::unique_ptr<RawDisks> disks, std::string root) {
+std::unique_ptr<RawDisks> with_storage_faults(std::unique_ptr<RawDisks> disks,
+                                              const std::string& root) {
   return std::make_unique<FaultyRawDisks>(std::move(disks), root);
 }
 
 std::unique_ptr<FileSystemResize> with_storage_faults(std::unique_ptr<FileSystemResize> resize,
-                                                      std::string root) {
+                                                      const std::string& root) {
   return std::make_unique<FaultyFileSystemResize>(std::move(resize), root);
 }
 
 std::unique_ptr<DeviceRegistry> with_registry_faults(std::unique_ptr<DeviceRegistry> registry,
-                                                     std::string root) {
+                                                     const std::string& root) {
   return std::make_unique<FaultyRegistry>(std::move(registry), root);
 }
 

@@ -42,10 +42,11 @@ inline constexpr const char* kRegistryFaultsPath = "/sim/registry-faults.plist";
 
 // `root` is the device directory whose sim/ holds the plan ("/" inside the
 // confined helper).
-std::unique_ptr<RawDisks> with_storage_faults(std::unique_ptr<RawDisks> disks, std::string root);
+std::unique_ptr<RawDisks> with_storage_faults(std::unique_ptr<RawDisks> disks,
+                                              const std::string& root);
 std::unique_ptr<FileSystemResize> with_storage_faults(std::unique_ptr<FileSystemResize> resize,
-                                                      std::string root);
+                                                      const std::string& root);
 std::unique_ptr<DeviceRegistry> with_registry_faults(std::unique_ptr<DeviceRegistry> registry,
-                                                     std::string root);
+                                                     const std::string& root);
 
 }  // namespace platform

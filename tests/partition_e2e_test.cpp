@@ -19,7 +19,6 @@ namespace {
 
 namespace sim = platform::sim;
 using testsupport::Device;
-constexpr std::int64_t MiB = 1 << 20;
 
 class PartitionE2ETest : public ::testing::Test {
  protected:
