@@ -14,9 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include "base/plist.h"
 #include "manifest/binary_plist_writer.h"
 #include "manifest/manifest_store.h"
-#include "base/plist.h"
 #include "tests/support/daemon.h"
 
 namespace {
