@@ -556,25 +556,21 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
   EXPECT_TRUE(VTLFileMetadata::fileAttributesAllowSet({{"FileType", Value("Regular")}}).empty());
 }
 
+// A record of `attributes` and, where given, extended attributes.
+VTLFileMetadata restore_record(Dictionary attributes, std::optional<Dictionary> xattrs = {}) {
+  Dictionary d = {{"VTLManifestFileAttributes", Value(std::move(attributes))}};
+  if (xattrs) d.emplace("VTLManifestFileExtendedAttributes", Value(std::move(*xattrs)));
+  return VTLFileMetadata(std::move(d));
+}
+
 TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
   write_file(at("f"), "x");
-  const VTLFileMetadata byName(
-      Dictionary{{"VTLManifestFileAttributes",
-                  Value(Dictionary{{"FileType", Value("Regular")},
-                                   {"OwnerAccountName", Value("mobile")},
-                                   {"GroupOwnerAccountName", Value("mobile")}})}});
-  EXPECT_TRUE(byName.restoreAttribuesToPath(at("f"), platform_.files()));
+  EXPECT_TRUE(restore_record({{"FileType", Value("Regular")},
+                              {"OwnerAccountName", Value("mobile")},
+                              {"GroupOwnerAccountName", Value("mobile")}})
+                  .restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_gid, 501u);
-
-  const VTLFileMetadata unknown(
-      Dictionary{{"VTLManifestFileAttributes",
-                  Value(Dictionary{{"FileType", Value("Regular")},
-                                   {"OwnerAccountName", Value("nobody-here")}})}});
-  EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set file attributs at " + at("f") +
-                     " with error - Invalid argument, attributes = { OwnerAccountName = "
-                     "\"nobody-here\"; }"));
 }
 
 TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
@@ -585,10 +581,9 @@ TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
     GTEST_SKIP() << "this file system has no immutable flag";
   }
   auto record = [](bool immutable, int mode) {
-    return VTLFileMetadata(Dictionary{
-        {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")},
-                                                       {"Immutable", Value(immutable)},
-                                                       {"PosixPermissions", Value(mode)}})}});
+    return restore_record({{"FileType", Value("Regular")},
+                           {"Immutable", Value(immutable)},
+                           {"PosixPermissions", Value(mode)}});
   };
   ASSERT_TRUE(record(true, 0600).restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(true));
@@ -604,14 +599,13 @@ TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
   write_file(at("target"), "x");
   ASSERT_EQ(::chmod(at("target").c_str(), 0600), 0);
   testsupport::make_link("target", at("link"));
-  const VTLFileMetadata recorded(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")},
-                                                                {"OwnerAccountID", Value(501)},
-                                                                {"GroupOwnerAccountID", Value(502)},
-                                                                {"PosixPermissions", Value(0755)},
-                                                                {"ProtectionClass", Value("A")}})},
-                 {"VTLManifestFileExtendedAttributes", Value(Dictionary{})}});
-  EXPECT_TRUE(recorded.restoreAttribuesToPath(at("link"), platform_.files()));
+  EXPECT_TRUE(restore_record({{"FileType", Value("SymbolicLink")},
+                              {"OwnerAccountID", Value(501)},
+                              {"GroupOwnerAccountID", Value(502)},
+                              {"PosixPermissions", Value(0755)},
+                              {"ProtectionClass", Value("A")}},
+                             Dictionary{})
+                  .restoreAttribuesToPath(at("link"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_gid, 502u);
   // The target is untouched: nothing followed the link.
@@ -621,55 +615,57 @@ TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
   EXPECT_FALSE(classes_->get(at("target")));
 }
 
-TEST_F(FileMetadataTest, PartialXattrRestoreFailsForLinksOnly) {
+TEST_F(FileMetadataTest, RestoreFailuresAndWhatTheyLog) {
   write_file(at("file"), "x");
   testsupport::make_link("file", at("link"));
+  const Dictionary regular = {{"FileType", Value("Regular")}};
+  const Dictionary link = {{"FileType", Value("SymbolicLink")}};
   // No such namespace: setxattr refuses the name on any item.
   const Dictionary bad_xattrs = {{"bogus.name", Value(bytes("v"))}};
-  const VTLFileMetadata file_record_(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
-  const VTLFileMetadata link_record(Dictionary{
-      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
-      {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
-  EXPECT_TRUE(file_record_.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_FALSE(link_record.restoreAttribuesToPath(at("link"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set extended attributes on " + at("file")));
-  EXPECT_TRUE(logged("Could not set extended attributes on " + at("link")));
-  // A link cannot have user.* attributes on Linux at all.
-  const VTLFileMetadata user_on_link(Dictionary{
-      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
-      {"VTLManifestFileExtendedAttributes", Value(Dictionary{{"user.a", Value(bytes("1"))}})}});
-  EXPECT_FALSE(user_on_link.restoreAttribuesToPath(at("link"), platform_.files()));
-}
-
-TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
-  write_file(at("file"), "x");
-  const VTLFileMetadata non_data(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes",
-                  Value(Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}})}});
-  EXPECT_TRUE(non_data.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_TRUE(logged("Got non-data value"));
+  struct Case {
+    const char* name;
+    std::string item;
+    VTLFileMetadata record;
+    bool restored;
+    std::string line;
+  };
+  const Case cases[] = {
+      {"unknown owner name", "file",
+       restore_record({{"FileType", Value("Regular")}, {"OwnerAccountName", Value("nobody-here")}}),
+       false,
+       "Could not set file attributs at " + at("file") +
+           " with error - Invalid argument, attributes = { OwnerAccountName = \"nobody-here\"; }"},
+      {"bad protection class", "file",
+       restore_record({{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}}), false,
+       "Could not set file protection key at " + at("file") +
+           " with error - Invalid argument, attributes = Z"},
+      // Only a link's extended attributes must all be set.
+      {"bad xattr name on a file", "file", restore_record(regular, bad_xattrs), true,
+       "Could not set extended attributes on " + at("file")},
+      {"bad xattr name on a link", "link", restore_record(link, bad_xattrs), false,
+       "Could not set extended attributes on " + at("link")},
+      // A link cannot have user.* attributes on Linux at all.
+      {"user xattr on a link", "link",
+       restore_record(link, Dictionary{{"user.a", Value(bytes("1"))}}), false,
+       "Could not set extended attributes on " + at("link")},
+      {"non-data value", "file",
+       restore_record(regular,
+                      Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}}),
+       true, "Got non-data value"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    platform_.log.clear();
+    EXPECT_EQ(c.record.restoreAttribuesToPath(at(c.item), platform_.files()), c.restored);
+    EXPECT_TRUE(logged(c.line));
+  }
+  // The non-data value stopped the restore before "user.b".
   EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.b", at("file")));
-
   // The protection class goes through its own step, never as an attribute.
-  const VTLFileMetadata reserved(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes",
-                  Value(Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})}});
-  EXPECT_TRUE(reserved.restoreAttribuesToPath(at("file"), platform_.files()));
+  EXPECT_TRUE(restore_record(regular,
+                             Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})
+                  .restoreAttribuesToPath(at("file"), platform_.files()));
   EXPECT_FALSE(classes_->get(at("file")));
-}
-
-TEST_F(FileMetadataTest, RestoreReportsABadProtectionClass) {
-  write_file(at("file"), "x");
-  const VTLFileMetadata bad(Dictionary{
-      {"VTLManifestFileAttributes",
-       Value(Dictionary{{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}})}});
-  EXPECT_FALSE(bad.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set file protection key at " + at("file") +
-                     " with error - Invalid argument, attributes = Z"));
 }
 
 }  // namespace
