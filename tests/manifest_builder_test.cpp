@@ -181,23 +181,40 @@ TEST(FolderContains, PrefixRules) {
   }
 }
 
-TEST_F(ManifestTest, SkippedFoldersAndWhatIsBeneathThem) {
+TEST_F(ManifestTest, WhatAWalkRecordsUnderItsBase) {
   write_file(at("a/b"), "1");
   write_file(at("a/deep/er"), "2");
   write_file(at("ab/c"), "3");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {at("a")}, false));
-  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/ab", "/ab/c"}));
-}
-
-TEST_F(ManifestTest, RelativePathsCutEveryOccurrenceOfTheBase) {
-  // "/w" occurs further in than position 0: what follows its first
-  // occurrence is kept, with every later occurrence removed.
-  write_file(at("w/a/w/b"), "1");
-  write_file(at("w/a/wx"), "2");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(at("w"), "/w", {}, false));
-  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/a", "/a/b", "/ax"}));
+  write_file(at("w/a/w/b"), "4");
+  write_file(at("w/a/wx"), "5");
+  write_file(at("caf\xe9"), "latin-1");
+  struct Case {
+    const char* name;
+    std::string path;
+    std::string base;
+    std::vector<std::string> skip;
+    std::set<std::string> keys;
+  };
+  const Case cases[] = {
+      {"a skipped folder and what is beneath it",
+       root_,
+       root_,
+       {at("a"), at("w")},
+       {"/ab", "/ab/c"}},
+      // "/w" occurs further in than position 0: what follows its first
+      // occurrence is kept, with every later occurrence removed.
+      {"every occurrence of the base is cut", at("w"), "/w", {}, {"/a", "/a/b", "/ax"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VTLManifest m(platform_.files());
+    ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(c.path, c.base, c.skip, false));
+    EXPECT_EQ(keys_of(m), c.keys);
+  }
+  // A name that is not UTF-8 is reported, not recorded.
+  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
+                     ", url=file://" + at("caf%E9") +
+                     ", error=Invalid or incomplete multibyte or wide character"));
 }
 
 TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
@@ -300,17 +317,6 @@ TEST_F(ManifestTest, UnreadableDirectoriesAreReportedAndPassed) {
                        ", url=" + url + ", error=Permission denied"))
         << routine;
   }
-}
-
-TEST_F(ManifestTest, NamesThatAreNotUtf8AreReportedNotRecorded) {
-  write_file(at("caf\xe9"), "latin-1");
-  write_file(at("ok"), "fine");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
-  EXPECT_EQ(keys_of(m), std::set<std::string>{"/ok"});
-  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
-                     ", url=file://" + at("caf%E9") +
-                     ", error=Invalid or incomplete multibyte or wide character"));
 }
 
 TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {

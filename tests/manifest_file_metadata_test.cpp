@@ -122,14 +122,6 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
 }
 
-TEST_F(FileMetadataTest, NoRecordForNothing) {
-  EXPECT_FALSE(
-      VTLFileMetadata::fileMetadatatWithPath(at("missing"), platform_.files()).has_value());
-  EXPECT_TRUE(logged("Cannot get file attribute for " + at("missing")));
-  EXPECT_TRUE(logged("Get file attributes failed for " + at("missing") +
-                     " with error - No such file or directory"));
-}
-
 // --- The attribute vocabulary ------------------------------------------------
 
 TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {

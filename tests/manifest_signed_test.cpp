@@ -28,7 +28,6 @@ using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLSignedManifest;
-using vtl::bplist::to_value;
 
 constexpr const char* kStrong = "Verifing strong signing";
 constexpr const char* kDevelopment = "Verifing development signing";
@@ -445,33 +444,6 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
     expected.insert(expected.end(), c.log.begin(), c.log.end());
     EXPECT_EQ(log(), expected);
   }
-}
-
-TEST_F(SignedManifestTest, TheGettersServeThePayload) {
-  use_device(Fuse::kTrue);
-  Dictionary backup = {{"/", Value(Dictionary{})}};
-  Dictionary raw = testsupport::raw_manifest(backup, 4);
-  raw["GroupData"] = Value(Dictionary{{"group.a", Value(Dictionary{})}});
-  raw["ExtensionData"] = Value(Dictionary{{"ext.b", Value(Dictionary{})}});
-  raw["App"] = Value(vtl::Array{Value("com.example.app")});
-
-  std::unique_ptr<VTLSignedManifest> manifest = read(good_envelope(raw));
-  ASSERT_NE(manifest, nullptr);
-  EXPECT_EQ(manifest->getVersion(), 4);
-  EXPECT_EQ(to_value(*manifest->getManifest()), Value(backup));
-  EXPECT_EQ(to_value(*manifest->getInfo()), raw.at("Info"));
-  EXPECT_EQ(to_value(*manifest->getAppList()), raw.at("App"));
-  EXPECT_EQ(to_value(*manifest->getAppDataList()), raw.at("AppData"));
-  EXPECT_EQ(to_value(*manifest->getGroupDataList()), raw.at("GroupData"));
-  EXPECT_EQ(to_value(*manifest->getPlugInDataList()), raw.at("ExtensionData"));
-  EXPECT_EQ(to_value(manifest->payload()), Value(raw));
-
-  // The optional parts may be missing.
-  manifest = read(good_envelope(testsupport::raw_manifest()));
-  ASSERT_NE(manifest, nullptr);
-  EXPECT_FALSE(manifest->getGroupDataList());
-  EXPECT_FALSE(manifest->getPlugInDataList());
-  EXPECT_EQ(manifest->getVersion(), 3);
 }
 
 // --- Trust directories --------------------------------------------------------
