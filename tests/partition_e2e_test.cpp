@@ -21,6 +21,13 @@ namespace sim = platform::sim;
 using testsupport::Device;
 constexpr std::int64_t MiB = 1 << 20;
 
+struct ShrinkFault {
+  const char* name;
+  const char* key;
+  vtl::Value value;
+  bool helper_ends;
+};
+
 class PartitionE2ETest : public ::testing::Test {
  protected:
   void SetUp() override { device_.start(); }
@@ -55,6 +62,13 @@ class PartitionE2ETest : public ::testing::Test {
         0);
   }
   void clear_faults() { ::unlink(device_.path(sim::kStorageFaultsPath).c_str()); }
+  // Sends `command` under the fault `f`: refused, or the helper ended.
+  void fail(const ShrinkFault& f, const char* command) {
+    fault(f.key, f.value);
+    const std::optional<bool> answer = send(command);
+    EXPECT_EQ(answer, f.helper_ends ? std::nullopt : std::optional<bool>(false));
+    if (f.helper_ends) restart();
+  }
 
   // The data partition's size as the disk's GPT has it, and the data
   // volume's as its file system has it.
@@ -85,13 +99,6 @@ class PartitionE2ETest : public ::testing::Test {
   Device device_;
 };
 
-struct ShrinkFault {
-  const char* name;
-  const char* key;
-  vtl::Value value;
-  bool helper_ends;
-};
-
 TEST_F(PartitionE2ETest, EveryShrinkFaultLeavesASafeStateThatRepeatingRepairs) {
   const ShrinkFault faults[] = {
       {"file system does not shrink", "FileSystemResizeError", 5, false},
@@ -104,14 +111,7 @@ TEST_F(PartitionE2ETest, EveryShrinkFaultLeavesASafeStateThatRepeatingRepairs) {
   };
   for (const ShrinkFault& f : faults) {
     SCOPED_TRACE(f.name);
-    fault(f.key, f.value);
-    const std::optional<bool> answer = send("shrinkDataPartition:");
-    if (f.helper_ends) {
-      EXPECT_EQ(answer, std::nullopt);
-      restart();
-    } else {
-      EXPECT_EQ(answer, false);
-    }
+    fail(f, "shrinkDataPartition:");
     expect_safe();
     clear_faults();
     EXPECT_EQ(send("shrinkDataPartition:"), true);
@@ -133,14 +133,7 @@ TEST_F(PartitionE2ETest, EveryExpandFaultLeavesASafeState) {
     SCOPED_TRACE(f.name);
     ASSERT_EQ(send("shrinkDataPartition:"), true);
     const std::int64_t before = volume();
-    fault(f.key, f.value);
-    const std::optional<bool> answer = send("expandDataPartition:");
-    if (f.helper_ends) {
-      EXPECT_EQ(answer, std::nullopt);
-      restart();
-    } else {
-      EXPECT_EQ(answer, false);
-    }
+    fail(f, "expandDataPartition:");
     expect_safe();
     EXPECT_EQ(volume(), before);
     clear_faults();
