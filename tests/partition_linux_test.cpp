@@ -19,6 +19,7 @@
 #include <zlib.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -52,28 +53,14 @@ std::string find_tool(const std::string& name) {
 // Runs a program with `args`; its exit status, and standard output and
 // error together in *output.
 int run(const std::vector<std::string>& args, std::string* output = nullptr) {
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(pipe_fds[1], 1);
-    ::dup2(pipe_fds[1], 2);
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(pipe_fds[1]);
+  std::string command;
+  for (const std::string& a : args) command += "'" + a + "' ";
+  FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
+  if (pipe == nullptr) return -1;
   std::string text;
   char buffer[4096];
-  for (ssize_t n; (n = ::read(pipe_fds[0], buffer, sizeof buffer)) > 0;) {
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(pipe_fds[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, n);
+  const int status = ::pclose(pipe);
   if (output != nullptr) *output = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -214,32 +201,15 @@ TEST_F(LinuxPartitionTest, ShrinksAndExpandsBtrfsOnALoopDeviceInTheOrderThatKeep
             0)
       << out;
   loop_ = out.substr(0, out.find('\n'));
-  ASSERT_EQ(run({find_tool("sgdisk"),
-                 "-o",
-                 "-a",
-                 "1",
-                 "-n",
-                 "1:0:+64M",
-                 "-c",
-                 "1:System",
-                 "-t",
-                 "1:8300",
-                 "-n",
-                 "2:0:+512M",
-                 "-c",
-                 "2:Data",
-                 "-t",
-                 "2:8300",
-                 "-n",
-                 "3:0:+64M",
-                 "-c",
-                 "3:Update",
-                 "-t",
-                 "3:8300",
-                 loop_},
-                &out),
-            0)
-      << out;
+  std::vector<std::string> sgdisk = {find_tool("sgdisk"), "-o", "-a", "1"};
+  const std::pair<const char*, const char*> partitions[] = {
+      {"System", "64M"}, {"Data", "512M"}, {"Update", "64M"}};
+  for (int i = 1; const auto& [name, size] : partitions) {
+    const std::string n = std::to_string(i++);
+    sgdisk.insert(sgdisk.end(), {"-n", n + ":0:+" + size, "-c", n + ":" + name, "-t", n + ":8300"});
+  }
+  sgdisk.push_back(loop_);
+  ASSERT_EQ(run(sgdisk, &out), 0) << out;
   ASSERT_TRUE(make_zmra_disk(loop_));
   // The kernel learns the partitions (partition scanning may be off here).
   run({find_tool("partx"), "-u", loop_});
