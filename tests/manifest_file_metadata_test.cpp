@@ -341,6 +341,27 @@ std::size_t resident_pages(const std::string& path) {
       std::count_if(vec.begin(), vec.end(), [](unsigned char v) { return (v & 1) != 0; }));
 }
 
+// Takes [offset, offset + length) of the file out of the page cache (0: to the end).
+void evict(const std::string& path, off_t offset = 0, off_t length = 0) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::fdatasync(fd), 0);
+  ASSERT_EQ(::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED), 0);
+  ::close(fd);
+}
+
+// Reads `pages` pages from the start one at a time, without read-ahead, so
+// that exactly those come into the page cache, each a page of its own.
+void read_pages(const std::string& path, std::size_t pages) {
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM), 0);
+  std::string one(page, '\0');
+  for (std::size_t i = 0; i < pages; ++i) {
+    ASSERT_GT(::pread(fd, one.data(), page, static_cast<off_t>(i * page)), 0);
+  }
+  ::close(fd);
+}
+
 TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   const std::string path = at("big");
   const std::string content(8 << 20, 'c');
@@ -350,13 +371,7 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   // The kernel evicts a few pages of a file on its own now and then, even
   // right after the file was read whole: counts are compared with this slack.
   const std::size_t stray = 32;
-  const auto drop = [&](off_t offset, off_t length) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::fdatasync(fd), 0);
-    ASSERT_EQ(::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED), 0);
-    ::close(fd);
-  };
-  drop(0, 0);
+  evict(path);
   ASSERT_LT(resident_pages(path), total_pages / 8) << "the file did not leave the cache";
 
   // Cold: what the hasher read is dropped again.
@@ -364,14 +379,7 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   EXPECT_LT(resident_pages(path), total_pages / 8);
 
   // Half warm: the half that was cached stays, the other half goes again.
-  {
-    const int half = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    // No read-ahead, so that exactly the first half comes in.
-    ASSERT_EQ(::posix_fadvise(half, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string first(4 << 20, '\0');
-    ASSERT_EQ(::pread(half, first.data(), first.size(), 0), static_cast<ssize_t>(first.size()));
-    ::close(half);
-  }
+  read_pages(path, total_pages / 2);
   std::size_t before = resident_pages(path);
   ASSERT_GE(before + stray, total_pages / 2);
   ASSERT_LT(before, total_pages * 3 / 4);
@@ -384,18 +392,9 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   // few pages (here four in each of two 256 KiB chunks). The file comes in
   // page by page, so that the cache holds it in single pages of which four
   // can be dropped (the kernel keeps a larger block whole).
-  {
-    const int warm = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::posix_fadvise(warm, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string one(page, '\0');
-    for (std::size_t offset = 0; offset < content.size(); offset += page) {
-      ASSERT_EQ(::pread(warm, one.data(), page, static_cast<off_t>(offset)),
-                static_cast<ssize_t>(page));
-    }
-    ::close(warm);
-  }
-  drop(3 * 256 * 1024, 4 * static_cast<off_t>(page));
-  drop(20 * 256 * 1024 + 100 * 1024, 4 * static_cast<off_t>(page));
+  read_pages(path, total_pages);
+  evict(path, 3 * 256 * 1024, 4 * static_cast<off_t>(page));
+  evict(path, 20 * 256 * 1024 + 100 * 1024, 4 * static_cast<off_t>(page));
   before = resident_pages(path);
   ASSERT_LE(before, total_pages - 8);
   ASSERT_GE(before + stray, total_pages);
@@ -418,15 +417,8 @@ TEST_F(FileMetadataTest, SmallFilesAreKeptInTheCacheOnlyWhenFoundThereWhole) {
     SCOPED_TRACE(c.name);
     const std::string path = at(std::string("small-") + c.name);
     write_file(path, content);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::fdatasync(fd), 0);
-    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
-    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string one(page, '\0');
-    for (std::size_t i = 0; i < c.pages_read_before; ++i) {
-      ASSERT_GT(::pread(fd, one.data(), page, static_cast<off_t>(i * page)), 0);
-    }
-    ::close(fd);
+    evict(path);
+    read_pages(path, c.pages_read_before);
     const std::size_t before = resident_pages(path);
     ASSERT_LE(before, c.pages_read_before);
 
