@@ -354,28 +354,15 @@ TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
   }
 }
 
-TEST_F(SignedManifestTest, AFileLargerThanTheLimitIsNotRead) {
+TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError) {
   use_device(Fuse::kTrue);
   const std::string path = dir_ / "huge.plist";
-  {
-    std::ofstream out(path, std::ios::binary);
-    const std::string xml = vtl::plist_to_xml(Value(good_envelope()));
-    out << xml;
-  }
+  std::ofstream(path, std::ios::binary) << vtl::plist_to_xml(Value(good_envelope()));
   // Sparse: the size is what counts, and it is refused before any read.
   std::filesystem::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
   int error = 0;
-  auto stream = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
-  ASSERT_NE(stream, nullptr);
-  platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
-            nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
-                          "list - File too large(0x1b)."}));
-}
-
-TEST_F(SignedManifestTest, AStreamThatFailsMidwayIsRefusedWithItsError) {
-  use_device(Fuse::kTrue);
+  auto huge = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
+  ASSERT_NE(huge, nullptr);
   struct FailingStream final : vtl::InputStream {
     int reads = 0;
     long read(std::span<std::uint8_t> buffer, int* error) override {
@@ -386,12 +373,19 @@ TEST_F(SignedManifestTest, AStreamThatFailsMidwayIsRefusedWithItsError) {
       *error = EIO;
       return -1;
     }
-  } stream;
-  platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles()),
-            nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
-                          "list - Input/output error(0x5)."}));
+  } failing;
+  const std::pair<vtl::InputStream*, std::string> cases[] = {
+      {huge.get(), "File too large(0x1b)."}, {&failing, "Input/output error(0x5)."}};
+  for (const auto& [stream, reason] : cases) {
+    SCOPED_TRACE(reason);
+    platform_->base.log.clear();
+    EXPECT_EQ(
+        VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
+        nullptr);
+    EXPECT_EQ(log(), std::vector<std::string>{"-[VTLSignedManifest initWithNSStream:]: Cannot "
+                                              "convert to property list - " +
+                                              reason});
+  }
 }
 
 // --- Malformed payloads ------------------------------------------------------
