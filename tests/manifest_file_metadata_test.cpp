@@ -3,8 +3,6 @@
 // following links, hashing (and what hashing leaves in the page cache), the
 // comparison rules, and restoring attributes onto staged copies.
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>

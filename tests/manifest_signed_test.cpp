@@ -1,9 +1,6 @@
 // VTLSignedManifest against the committed test PKI: which chains are trusted
 // under which policy and fuse state, what is logged for each refusal, and
 // that hostile envelopes and payloads are refused without a crash.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <filesystem>

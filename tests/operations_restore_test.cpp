@@ -3,7 +3,6 @@
 // every staged item ends up as its record says, and what stops a restore.
 // The promotion into "/var/backup" is tested through the helper only
 // (operations_restore_e2e_test.cpp): in-process it would touch the host.
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
