@@ -1,8 +1,6 @@
 // VTLSignedManifest against the committed test PKI: which chains are trusted
 // under which policy and fuse state, what is logged for each refusal, and
 // that hostile envelopes and payloads are refused without a crash.
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -199,14 +197,6 @@ TEST_F(SignedManifestTest, TheClockDecidesValidity) {
 
 // --- The signature covers the payload's exact bytes ---------------------------
 
-bool names_the_signature(const std::vector<std::string>& log) {
-  return std::any_of(log.begin(), log.end(), [](std::string line) {
-    std::transform(line.begin(), line.end(), line.begin(),
-                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
-    return line.find("signature") != std::string::npos;
-  });
-}
-
 TEST_F(SignedManifestTest, APayloadChangedByOneByteIsRefusedWithoutNamingTheSignature) {
   for (Fuse fuse : {Fuse::kTrue, Fuse::kFalse}) {
     use_device(fuse);
@@ -222,7 +212,8 @@ TEST_F(SignedManifestTest, APayloadChangedByOneByteIsRefusedWithoutNamingTheSign
         Dictionary changed = envelope;
         (*std::get_if<Data>(&changed["Payload"].storage()))[at] ^= flip;
         EXPECT_EQ(read(changed), nullptr);
-        EXPECT_FALSE(names_the_signature(log())) << testing::PrintToString(log());
+        EXPECT_THAT(log(),
+                    testing::Each(testing::Not(testing::ContainsRegex("[Ss]ignature|SIGNATURE"))));
         EXPECT_THAT(log(), testing::Not(testing::Contains(kPassed)));
       }
     }
