@@ -61,18 +61,9 @@ bool same_to_the_microsecond(const Value& a, const Value& b) {
   return a == b;
 }
 
-class ManifestTest : public ::testing::Test {
+class ManifestTest : public ::testing::Test, protected testsupport::AccountsDevice {
  protected:
-  ManifestTest() : platform_(device_.path()) {
-    // Only the accounts matter here.
-    write_file(device_.path() + "/etc/passwd",
-               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
-               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
-    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform_.roles.protection_classes = classes_.get();
-    platform_.apply();
-    make_dir(root_);
-  }
+  ManifestTest() { make_dir(root_); }
 
   std::string at(const std::string& rel) const { return root_ + "/" + rel; }
   bool logged(const std::string& line) const { return platform_.log.contains(line); }
@@ -99,9 +90,6 @@ class ManifestTest : public ::testing::Test {
     return seen;
   }
 
-  TempDir device_;
-  testsupport::TestPlatform platform_;
-  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
   std::string root_ = device_.path() + "/private/var/tree";
 };
 

@@ -36,18 +36,9 @@ using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLFileMetadata;
 
-class FileMetadataTest : public ::testing::Test {
+class FileMetadataTest : public ::testing::Test, protected testsupport::AccountsDevice {
  protected:
-  FileMetadataTest() : platform_(device_.path()) {
-    // Only the accounts matter here.
-    write_file(device_.path() + "/etc/passwd",
-               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
-               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
-    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform_.roles.protection_classes = classes_.get();
-    platform_.apply();
-    make_dir(dir_);
-  }
+  FileMetadataTest() { make_dir(dir_); }
 
   std::string at(const std::string& rel) const { return dir_ + "/" + rel; }
 
@@ -67,9 +58,6 @@ class FileMetadataTest : public ::testing::Test {
 
   bool logged(const std::string& line) const { return platform_.log.contains(line); }
 
-  TempDir device_;
-  testsupport::TestPlatform platform_;
-  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
   std::string dir_ = device_.path() + "/private/var/t";
 };
 

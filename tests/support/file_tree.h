@@ -15,9 +15,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "platform/protection_classes.h"
+#include "tests/support/capture.h"
+#include "tests/support/daemon.h"
 
 namespace testsupport {
 
@@ -98,6 +103,23 @@ class WithoutFileOverride {
  private:
   __user_cap_header_struct header_{};
   __user_cap_data_struct saved_[2]{};
+};
+
+// A temporary device root with the accounts root and mobile (501), and a
+// test platform on it that keeps protection classes in extended attributes.
+class AccountsDevice {
+ protected:
+  AccountsDevice() : platform_(device_.path()) {
+    write_file(device_.path() + "/etc/passwd",
+               "root:x:0:0::/var/root:/bin/sh\nmobile:x:501:501::/var/mobile:/bin/sh\n");
+    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
+  }
+
+  TempDir device_;
+  TestPlatform platform_;
+  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
 };
 
 }  // namespace testsupport
