@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "partition/gpt.h"
 #include "platform/sim/storage_device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
@@ -73,17 +74,12 @@ class PartitionE2ETest : public ::testing::Test {
   // The data partition's size as the disk's GPT has it, and the data
   // volume's as its file system has it.
   std::int64_t partition() const {
-    std::uint8_t e[48];
+    std::uint8_t e[128];
     const int fd = ::open(device_.path(sim::kDiskImagePath).c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(::pread(fd, e, sizeof e, 2 * 4096 + 128), static_cast<ssize_t>(sizeof e));
     ::close(fd);
-    std::uint64_t first = 0;
-    std::uint64_t last = 0;
-    for (int i = 7; i >= 0; --i) {
-      first = (first << 8U) | e[32 + i];
-      last = (last << 8U) | e[40 + i];
-    }
-    return static_cast<std::int64_t>((last + 1 - first) * 4096);
+    return static_cast<std::int64_t>((vtl::gpt::ending_lba(e) + 1 - vtl::gpt::starting_lba(e)) *
+                                     4096);
   }
   std::int64_t volume() const {
     const std::optional<vtl::Value> table = sim::read_state(device_.root(), sim::kMountsStatePath);

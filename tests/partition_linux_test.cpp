@@ -32,6 +32,7 @@
 #include <gtest/gtest.h>
 
 #include "krx/client.h"
+#include "partition/bytes.h"
 #include "platform/sim/device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
@@ -81,15 +82,6 @@ std::string missing_prerequisite() {
   return "";
 }
 
-std::uint64_t le64(const std::uint8_t* p) {
-  std::uint64_t v = 0;
-  for (int i = 7; i >= 0; --i) v = (v << 8U) | p[i];
-  return v;
-}
-void put32(std::uint8_t* p, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
 // Makes the disk as the volume manager's tools lay it out: the header counts
 // only the three partitions in use (both GPT copies, CRCs mended), and the
 // MBR carries "Zmra".
@@ -104,13 +96,13 @@ bool make_zmra_disk(const std::string& disk) {
     ok = ::pread(fd, header, kBlock, static_cast<off_t>(lba * kBlock)) == kBlock;
     std::uint8_t entries[3 * 128];
     ok = ok && ::pread(fd, entries, sizeof entries,
-                       static_cast<off_t>(le64(header + 72) * kBlock)) == sizeof entries;
-    put32(header + 80, 3);
-    put32(header + 88, static_cast<std::uint32_t>(::crc32(0, entries, sizeof entries)));
-    put32(header + 16, 0);
-    put32(header + 16, static_cast<std::uint32_t>(::crc32(0, header, 92)));
+                       static_cast<off_t>(vtl::le::load64(header, 72) * kBlock)) == sizeof entries;
+    vtl::le::store<std::uint32_t>(header, 80, 3);
+    vtl::le::store(header, 88, static_cast<std::uint32_t>(::crc32(0, entries, sizeof entries)));
+    vtl::le::store<std::uint32_t>(header, 16, 0);
+    vtl::le::store(header, 16, static_cast<std::uint32_t>(::crc32(0, header, 92)));
     ok = ok && ::pwrite(fd, header, kBlock, static_cast<off_t>(lba * kBlock)) == kBlock;
-    lba = le64(header + 32);  // the alternate header's LBA
+    lba = vtl::le::load64(header, 32);  // the alternate header's LBA
   }
   ok = ok && ::fsync(fd) == 0;
   ::close(fd);
@@ -169,7 +161,7 @@ class LinuxPartitionTest : public ::testing::Test {
     const bool read = ::pread(fd, entry, sizeof entry, 2 * 4096 + 128) == sizeof entry;
     ::close(fd);
     EXPECT_TRUE(read);
-    return (le64(entry + 40) + 1 - le64(entry + 32)) * 4096;
+    return (vtl::le::load64(entry, 40) + 1 - vtl::le::load64(entry, 32)) * 4096;
   }
 
   // The kernel's size of the data partition, in bytes.
