@@ -88,14 +88,9 @@ TEST_F(DeviceManifestTest, PythonsPlistlibReadsTheManifest) {
       "        assert a['FileSize'] == os.path.getsize(p), k\n"
       "print(len(d), d['/l']['VTLManifestSymbolicLinkTargetFile'],\n"
       "      d['/caf\\u00e9 \\U0001f600']['VTLManifestFileAttributes']['FileSize'])\n";
-  const std::string command =
-      "python3 -c \"$SCRIPT\" '" + device_.path(kManifestFile) + "' '" + data + "'";
-  ::setenv("SCRIPT", script.c_str(), 1);
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-  ASSERT_TRUE(pipe);
   std::string output;
-  char buffer[4096];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe.get())) output.append(buffer, n);
+  EXPECT_EQ(testsupport::run({"python3", "-c", script, device_.path(kManifestFile), data}, &output),
+            0);
   EXPECT_EQ(output, std::to_string(manifest.size()) + " d1 12\n");
   EXPECT_GT(manifest.size(), 300u);
 }

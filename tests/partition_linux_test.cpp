@@ -36,11 +36,13 @@
 #include "platform/sim/device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 #include "vtldctl/helper_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testsupport::run;
 using namespace std::chrono_literals;
 
 std::string find_tool(const std::string& name) {
@@ -49,21 +51,6 @@ std::string find_tool(const std::string& name) {
     if (::access(path.c_str(), X_OK) == 0) return path;
   }
   return "";
-}
-
-// Runs a program with `args`; its exit status, and standard output and
-// error together in *output.
-int run(const std::vector<std::string>& args, std::string* output = nullptr) {
-  std::string command;
-  for (const std::string& a : args) command += "'" + a + "' ";
-  FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
-  if (pipe == nullptr) return -1;
-  std::string text;
-  char buffer[4096];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, n);
-  const int status = ::pclose(pipe);
-  if (output != nullptr) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // Why this host cannot run the test, or "".

@@ -16,6 +16,7 @@
 #include "base/plist.h"
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 #include "tests/support/signing.h"
 
 namespace {
@@ -28,20 +29,11 @@ struct ToolRun {
   std::string output;  // standard output and error
 };
 
-std::string quoted(const std::string& s) { return "'" + s + "'"; }
-
-ToolRun vtldctl(const std::vector<std::string>& args) {
-  std::string command = quoted(testsupport::program_path("vtldctl"));
-  for (const std::string& a : args) command += " " + quoted(a);
-  command += " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, ""};
-  std::string output;
-  std::array<char, 4096> buffer{};
-  while (std::size_t n = std::fread(buffer.data(), 1, buffer.size(), pipe))
-    output.append(buffer.data(), n);
-  const int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+ToolRun vtldctl(std::vector<std::string> args) {
+  args.insert(args.begin(), testsupport::program_path("vtldctl"));
+  ToolRun result{};
+  result.status = testsupport::run(args, &result.output);
+  return result;
 }
 
 class SignedManifestTool : public ::testing::Test {

@@ -9,10 +9,12 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -104,6 +106,25 @@ class WithoutFileOverride {
   __user_cap_header_struct header_{};
   __user_cap_data_struct saved_[2]{};
 };
+
+// Runs `args` (the program first) through the shell, each argument quoted;
+// its exit status, and its standard output and error together in *output.
+inline int run(const std::vector<std::string>& args, std::string* output = nullptr) {
+  std::string command;
+  for (const std::string& a : args) {
+    command += "'";
+    for (char c : a) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    command += "' ";
+  }
+  FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
+  if (pipe == nullptr) return -1;
+  std::string text;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, n);
+  const int status = ::pclose(pipe);
+  if (output != nullptr) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 // A temporary device root with the accounts root and mobile (501), and a
 // test platform on it that keeps protection classes in extended attributes.
