@@ -126,14 +126,11 @@ TEST(Confinement, RefusedRequestsLeaveTheDeviceAsItWasAndTheHelperServing) {
   krx::Client client = device.connect();
   const vtl::Dictionary before = whole_device(device.root());
 
+  // One refusal or two per command: which paths each region refuses is
+  // the in-process test's.
   const std::pair<std::string, krx::Value> refused[] = {
-      {"removeWorkContainer:", "/"},
       {"removeWorkContainer:", "/etc"},
       {"removeWorkContainer:", "/private/var"},
-      {"removeWorkContainer:", "/var/"},
-      {"removeWorkContainer:", "/private/var/mobile/escape/krx"},
-      {"prepareWorkContainer:", "/etc/foo"},
-      {"prepareWorkContainer:", "private/var/X"},
       {"prepareWorkContainer:", "/private/var/mobile/escape"},
       {"prepareLogContainer:", "/private/var/logs/../../etc"},
       {"createHardLink:",
@@ -145,7 +142,6 @@ TEST(Confinement, RefusedRequestsLeaveTheDeviceAsItWasAndTheHelperServing) {
        dict({{"StagingRootPath", "/etc"},
              {"ManifestPath", "/private/var/mobile/content.signedmanifest"}})},
       {"moveStagingToFinal:", "/var/backup"},
-      {"moveStagingToFinal:", "/private/var/mobile/escape"},
   };
   for (const auto& [command, parameter] : refused) {
     SCOPED_TRACE(command);

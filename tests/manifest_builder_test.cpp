@@ -61,18 +61,9 @@ bool same_to_the_microsecond(const Value& a, const Value& b) {
   return a == b;
 }
 
-class ManifestTest : public ::testing::Test {
+class ManifestTest : public ::testing::Test, protected testsupport::AccountsDevice {
  protected:
-  ManifestTest() : platform_(device_.path()) {
-    // Only the accounts matter here.
-    write_file(device_.path() + "/etc/passwd",
-               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
-               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
-    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform_.roles.protection_classes = classes_.get();
-    platform_.apply();
-    make_dir(root_);
-  }
+  ManifestTest() { make_dir(root_); }
 
   std::string at(const std::string& rel) const { return root_ + "/" + rel; }
   bool logged(const std::string& line) const { return platform_.log.contains(line); }
@@ -99,9 +90,6 @@ class ManifestTest : public ::testing::Test {
     return seen;
   }
 
-  TempDir device_;
-  testsupport::TestPlatform platform_;
-  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
   std::string root_ = device_.path() + "/private/var/tree";
 };
 
@@ -181,23 +169,40 @@ TEST(FolderContains, PrefixRules) {
   }
 }
 
-TEST_F(ManifestTest, SkippedFoldersAndWhatIsBeneathThem) {
+TEST_F(ManifestTest, WhatAWalkRecordsUnderItsBase) {
   write_file(at("a/b"), "1");
   write_file(at("a/deep/er"), "2");
   write_file(at("ab/c"), "3");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {at("a")}, false));
-  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/ab", "/ab/c"}));
-}
-
-TEST_F(ManifestTest, RelativePathsCutEveryOccurrenceOfTheBase) {
-  // "/w" occurs further in than position 0: what follows its first
-  // occurrence is kept, with every later occurrence removed.
-  write_file(at("w/a/w/b"), "1");
-  write_file(at("w/a/wx"), "2");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(at("w"), "/w", {}, false));
-  EXPECT_EQ(keys_of(m), (std::set<std::string>{"/a", "/a/b", "/ax"}));
+  write_file(at("w/a/w/b"), "4");
+  write_file(at("w/a/wx"), "5");
+  write_file(at("caf\xe9"), "latin-1");
+  struct Case {
+    const char* name;
+    std::string path;
+    std::string base;
+    std::vector<std::string> skip;
+    std::set<std::string> keys;
+  };
+  const Case cases[] = {
+      {"a skipped folder and what is beneath it",
+       root_,
+       root_,
+       {at("a"), at("w")},
+       {"/ab", "/ab/c"}},
+      // "/w" occurs further in than position 0: what follows its first
+      // occurrence is kept, with every later occurrence removed.
+      {"every occurrence of the base is cut", at("w"), "/w", {}, {"/a", "/a/b", "/ax"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VTLManifest m(platform_.files());
+    ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(c.path, c.base, c.skip, false));
+    EXPECT_EQ(keys_of(m), c.keys);
+  }
+  // A name that is not UTF-8 is reported, not recorded.
+  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
+                     ", url=file://" + at("caf%E9") +
+                     ", error=Invalid or incomplete multibyte or wide character"));
 }
 
 TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
@@ -300,17 +305,6 @@ TEST_F(ManifestTest, UnreadableDirectoriesAreReportedAndPassed) {
                        ", url=" + url + ", error=Permission denied"))
         << routine;
   }
-}
-
-TEST_F(ManifestTest, NamesThatAreNotUtf8AreReportedNotRecorded) {
-  write_file(at("caf\xe9"), "latin-1");
-  write_file(at("ok"), "fine");
-  VTLManifest m(platform_.files());
-  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
-  EXPECT_EQ(keys_of(m), std::set<std::string>{"/ok"});
-  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
-                     ", url=file://" + at("caf%E9") +
-                     ", error=Invalid or incomplete multibyte or wide character"));
 }
 
 TEST_F(ManifestTest, ParallelWalkRecordsWhatTheOneAtATimeWalkRecords) {

@@ -3,8 +3,6 @@
 // following links, hashing (and what hashing leaves in the page cache), the
 // comparison rules, and restoring attributes onto staged copies.
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -38,18 +36,9 @@ using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLFileMetadata;
 
-class FileMetadataTest : public ::testing::Test {
+class FileMetadataTest : public ::testing::Test, protected testsupport::AccountsDevice {
  protected:
-  FileMetadataTest() : platform_(device_.path()) {
-    // Only the accounts matter here.
-    write_file(device_.path() + "/etc/passwd",
-               "root:x:0:0:System Administrator:/var/root:/bin/sh\n"
-               "mobile:x:501:501:Mobile User:/var/mobile:/bin/sh\n");
-    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform_.roles.protection_classes = classes_.get();
-    platform_.apply();
-    make_dir(dir_);
-  }
+  FileMetadataTest() { make_dir(dir_); }
 
   std::string at(const std::string& rel) const { return dir_ + "/" + rel; }
 
@@ -69,9 +58,6 @@ class FileMetadataTest : public ::testing::Test {
 
   bool logged(const std::string& line) const { return platform_.log.contains(line); }
 
-  TempDir device_;
-  testsupport::TestPlatform platform_;
-  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
   std::string dir_ = device_.path() + "/private/var/t";
 };
 
@@ -120,14 +106,6 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
                               20)));
   EXPECT_TRUE(logged("Cannot read file " + at("fifo")));
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
-}
-
-TEST_F(FileMetadataTest, NoRecordForNothing) {
-  EXPECT_FALSE(
-      VTLFileMetadata::fileMetadatatWithPath(at("missing"), platform_.files()).has_value());
-  EXPECT_TRUE(logged("Cannot get file attribute for " + at("missing")));
-  EXPECT_TRUE(logged("Get file attributes failed for " + at("missing") +
-                     " with error - No such file or directory"));
 }
 
 // --- The attribute vocabulary ------------------------------------------------
@@ -349,6 +327,27 @@ std::size_t resident_pages(const std::string& path) {
       std::count_if(vec.begin(), vec.end(), [](unsigned char v) { return (v & 1) != 0; }));
 }
 
+// Takes [offset, offset + length) of the file out of the page cache (0: to the end).
+void evict(const std::string& path, off_t offset = 0, off_t length = 0) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::fdatasync(fd), 0);
+  ASSERT_EQ(::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED), 0);
+  ::close(fd);
+}
+
+// Reads `pages` pages from the start one at a time, without read-ahead, so
+// that exactly those come into the page cache, each a page of its own.
+void read_pages(const std::string& path, std::size_t pages) {
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM), 0);
+  std::string one(page, '\0');
+  for (std::size_t i = 0; i < pages; ++i) {
+    ASSERT_GT(::pread(fd, one.data(), page, static_cast<off_t>(i * page)), 0);
+  }
+  ::close(fd);
+}
+
 TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   const std::string path = at("big");
   const std::string content(8 << 20, 'c');
@@ -358,13 +357,7 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   // The kernel evicts a few pages of a file on its own now and then, even
   // right after the file was read whole: counts are compared with this slack.
   const std::size_t stray = 32;
-  const auto drop = [&](off_t offset, off_t length) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::fdatasync(fd), 0);
-    ASSERT_EQ(::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED), 0);
-    ::close(fd);
-  };
-  drop(0, 0);
+  evict(path);
   ASSERT_LT(resident_pages(path), total_pages / 8) << "the file did not leave the cache";
 
   // Cold: what the hasher read is dropped again.
@@ -372,14 +365,7 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   EXPECT_LT(resident_pages(path), total_pages / 8);
 
   // Half warm: the half that was cached stays, the other half goes again.
-  {
-    const int half = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    // No read-ahead, so that exactly the first half comes in.
-    ASSERT_EQ(::posix_fadvise(half, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string first(4 << 20, '\0');
-    ASSERT_EQ(::pread(half, first.data(), first.size(), 0), static_cast<ssize_t>(first.size()));
-    ::close(half);
-  }
+  read_pages(path, total_pages / 2);
   std::size_t before = resident_pages(path);
   ASSERT_GE(before + stray, total_pages / 2);
   ASSERT_LT(before, total_pages * 3 / 4);
@@ -392,18 +378,9 @@ TEST_F(FileMetadataTest, HashingLeavesThePageCacheAsItFoundIt) {
   // few pages (here four in each of two 256 KiB chunks). The file comes in
   // page by page, so that the cache holds it in single pages of which four
   // can be dropped (the kernel keeps a larger block whole).
-  {
-    const int warm = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::posix_fadvise(warm, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string one(page, '\0');
-    for (std::size_t offset = 0; offset < content.size(); offset += page) {
-      ASSERT_EQ(::pread(warm, one.data(), page, static_cast<off_t>(offset)),
-                static_cast<ssize_t>(page));
-    }
-    ::close(warm);
-  }
-  drop(3 * 256 * 1024, 4 * static_cast<off_t>(page));
-  drop(20 * 256 * 1024 + 100 * 1024, 4 * static_cast<off_t>(page));
+  read_pages(path, total_pages);
+  evict(path, 3 * 256 * 1024, 4 * static_cast<off_t>(page));
+  evict(path, 20 * 256 * 1024 + 100 * 1024, 4 * static_cast<off_t>(page));
   before = resident_pages(path);
   ASSERT_LE(before, total_pages - 8);
   ASSERT_GE(before + stray, total_pages);
@@ -426,15 +403,8 @@ TEST_F(FileMetadataTest, SmallFilesAreKeptInTheCacheOnlyWhenFoundThereWhole) {
     SCOPED_TRACE(c.name);
     const std::string path = at(std::string("small-") + c.name);
     write_file(path, content);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::fdatasync(fd), 0);
-    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED), 0);
-    ASSERT_EQ(::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM), 0);
-    std::string one(page, '\0');
-    for (std::size_t i = 0; i < c.pages_read_before; ++i) {
-      ASSERT_GT(::pread(fd, one.data(), page, static_cast<off_t>(i * page)), 0);
-    }
-    ::close(fd);
+    evict(path);
+    read_pages(path, c.pages_read_before);
     const std::size_t before = resident_pages(path);
     ASSERT_LE(before, c.pages_read_before);
 
@@ -556,25 +526,21 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
   EXPECT_TRUE(VTLFileMetadata::fileAttributesAllowSet({{"FileType", Value("Regular")}}).empty());
 }
 
+// A record of `attributes` and, where given, extended attributes.
+VTLFileMetadata restore_record(Dictionary attributes, std::optional<Dictionary> xattrs = {}) {
+  Dictionary d = {{"VTLManifestFileAttributes", Value(std::move(attributes))}};
+  if (xattrs) d.emplace("VTLManifestFileExtendedAttributes", Value(std::move(*xattrs)));
+  return VTLFileMetadata(std::move(d));
+}
+
 TEST_F(FileMetadataTest, RestoreAppliesOwnerByNameWhenNoIdIsRecorded) {
   write_file(at("f"), "x");
-  const VTLFileMetadata byName(
-      Dictionary{{"VTLManifestFileAttributes",
-                  Value(Dictionary{{"FileType", Value("Regular")},
-                                   {"OwnerAccountName", Value("mobile")},
-                                   {"GroupOwnerAccountName", Value("mobile")}})}});
-  EXPECT_TRUE(byName.restoreAttribuesToPath(at("f"), platform_.files()));
+  EXPECT_TRUE(restore_record({{"FileType", Value("Regular")},
+                              {"OwnerAccountName", Value("mobile")},
+                              {"GroupOwnerAccountName", Value("mobile")}})
+                  .restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("f")).st_gid, 501u);
-
-  const VTLFileMetadata unknown(
-      Dictionary{{"VTLManifestFileAttributes",
-                  Value(Dictionary{{"FileType", Value("Regular")},
-                                   {"OwnerAccountName", Value("nobody-here")}})}});
-  EXPECT_FALSE(unknown.restoreAttribuesToPath(at("f"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set file attributs at " + at("f") +
-                     " with error - Invalid argument, attributes = { OwnerAccountName = "
-                     "\"nobody-here\"; }"));
 }
 
 TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
@@ -585,10 +551,9 @@ TEST_F(FileMetadataTest, RestoreSetsAndClearsTheImmutableFlag) {
     GTEST_SKIP() << "this file system has no immutable flag";
   }
   auto record = [](bool immutable, int mode) {
-    return VTLFileMetadata(Dictionary{
-        {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")},
-                                                       {"Immutable", Value(immutable)},
-                                                       {"PosixPermissions", Value(mode)}})}});
+    return restore_record({{"FileType", Value("Regular")},
+                           {"Immutable", Value(immutable)},
+                           {"PosixPermissions", Value(mode)}});
   };
   ASSERT_TRUE(record(true, 0600).restoreAttribuesToPath(at("f"), platform_.files()));
   EXPECT_EQ(*attribute(record_of(at("f")), "Immutable"), Value(true));
@@ -604,14 +569,13 @@ TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
   write_file(at("target"), "x");
   ASSERT_EQ(::chmod(at("target").c_str(), 0600), 0);
   testsupport::make_link("target", at("link"));
-  const VTLFileMetadata recorded(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")},
-                                                                {"OwnerAccountID", Value(501)},
-                                                                {"GroupOwnerAccountID", Value(502)},
-                                                                {"PosixPermissions", Value(0755)},
-                                                                {"ProtectionClass", Value("A")}})},
-                 {"VTLManifestFileExtendedAttributes", Value(Dictionary{})}});
-  EXPECT_TRUE(recorded.restoreAttribuesToPath(at("link"), platform_.files()));
+  EXPECT_TRUE(restore_record({{"FileType", Value("SymbolicLink")},
+                              {"OwnerAccountID", Value(501)},
+                              {"GroupOwnerAccountID", Value(502)},
+                              {"PosixPermissions", Value(0755)},
+                              {"ProtectionClass", Value("A")}},
+                             Dictionary{})
+                  .restoreAttribuesToPath(at("link"), platform_.files()));
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_uid, 501u);
   EXPECT_EQ(testsupport::lstat_of(at("link")).st_gid, 502u);
   // The target is untouched: nothing followed the link.
@@ -621,55 +585,57 @@ TEST_F(FileMetadataTest, RestoreOntoALinkChangesOnlyItsOwner) {
   EXPECT_FALSE(classes_->get(at("target")));
 }
 
-TEST_F(FileMetadataTest, PartialXattrRestoreFailsForLinksOnly) {
+TEST_F(FileMetadataTest, RestoreFailuresAndWhatTheyLog) {
   write_file(at("file"), "x");
   testsupport::make_link("file", at("link"));
+  const Dictionary regular = {{"FileType", Value("Regular")}};
+  const Dictionary link = {{"FileType", Value("SymbolicLink")}};
   // No such namespace: setxattr refuses the name on any item.
   const Dictionary bad_xattrs = {{"bogus.name", Value(bytes("v"))}};
-  const VTLFileMetadata file_record_(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
-  const VTLFileMetadata link_record(Dictionary{
-      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
-      {"VTLManifestFileExtendedAttributes", Value(bad_xattrs)}});
-  EXPECT_TRUE(file_record_.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_FALSE(link_record.restoreAttribuesToPath(at("link"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set extended attributes on " + at("file")));
-  EXPECT_TRUE(logged("Could not set extended attributes on " + at("link")));
-  // A link cannot have user.* attributes on Linux at all.
-  const VTLFileMetadata user_on_link(Dictionary{
-      {"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("SymbolicLink")}})},
-      {"VTLManifestFileExtendedAttributes", Value(Dictionary{{"user.a", Value(bytes("1"))}})}});
-  EXPECT_FALSE(user_on_link.restoreAttribuesToPath(at("link"), platform_.files()));
-}
-
-TEST_F(FileMetadataTest, RestoreStopsAtNonDataValuesAndReservedNames) {
-  write_file(at("file"), "x");
-  const VTLFileMetadata non_data(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes",
-                  Value(Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}})}});
-  EXPECT_TRUE(non_data.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_TRUE(logged("Got non-data value"));
+  struct Case {
+    const char* name;
+    std::string item;
+    VTLFileMetadata record;
+    bool restored;
+    std::string line;
+  };
+  const Case cases[] = {
+      {"unknown owner name", "file",
+       restore_record({{"FileType", Value("Regular")}, {"OwnerAccountName", Value("nobody-here")}}),
+       false,
+       "Could not set file attributs at " + at("file") +
+           " with error - Invalid argument, attributes = { OwnerAccountName = \"nobody-here\"; }"},
+      {"bad protection class", "file",
+       restore_record({{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}}), false,
+       "Could not set file protection key at " + at("file") +
+           " with error - Invalid argument, attributes = Z"},
+      // Only a link's extended attributes must all be set.
+      {"bad xattr name on a file", "file", restore_record(regular, bad_xattrs), true,
+       "Could not set extended attributes on " + at("file")},
+      {"bad xattr name on a link", "link", restore_record(link, bad_xattrs), false,
+       "Could not set extended attributes on " + at("link")},
+      // A link cannot have user.* attributes on Linux at all.
+      {"user xattr on a link", "link",
+       restore_record(link, Dictionary{{"user.a", Value(bytes("1"))}}), false,
+       "Could not set extended attributes on " + at("link")},
+      {"non-data value", "file",
+       restore_record(regular,
+                      Dictionary{{"user.a", Value("text")}, {"user.b", Value(bytes("1"))}}),
+       true, "Got non-data value"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    platform_.log.clear();
+    EXPECT_EQ(c.record.restoreAttribuesToPath(at(c.item), platform_.files()), c.restored);
+    EXPECT_TRUE(logged(c.line));
+  }
+  // The non-data value stopped the restore before "user.b".
   EXPECT_FALSE(VTLFileMetadata::valueForExtendedAttributesKey_forPath("user.b", at("file")));
-
   // The protection class goes through its own step, never as an attribute.
-  const VTLFileMetadata reserved(
-      Dictionary{{"VTLManifestFileAttributes", Value(Dictionary{{"FileType", Value("Regular")}})},
-                 {"VTLManifestFileExtendedAttributes",
-                  Value(Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})}});
-  EXPECT_TRUE(reserved.restoreAttribuesToPath(at("file"), platform_.files()));
+  EXPECT_TRUE(restore_record(regular,
+                             Dictionary{{"trusted.com.tessal.protection-class", Value(bytes("A"))}})
+                  .restoreAttribuesToPath(at("file"), platform_.files()));
   EXPECT_FALSE(classes_->get(at("file")));
-}
-
-TEST_F(FileMetadataTest, RestoreReportsABadProtectionClass) {
-  write_file(at("file"), "x");
-  const VTLFileMetadata bad(Dictionary{
-      {"VTLManifestFileAttributes",
-       Value(Dictionary{{"FileType", Value("Regular")}, {"ProtectionClass", Value("Z")}})}});
-  EXPECT_FALSE(bad.restoreAttribuesToPath(at("file"), platform_.files()));
-  EXPECT_TRUE(logged("Could not set file protection key at " + at("file") +
-                     " with error - Invalid argument, attributes = Z"));
 }
 
 }  // namespace

@@ -34,19 +34,8 @@ std::optional<Value> round_trip(const Value& v) {
 Date micros_since_1970(std::int64_t us) { return Date(std::chrono::microseconds(us)); }
 
 TEST(BinaryPlistWriter, EveryTypeAndSizeClassReadsBack) {
-  const std::int64_t ints[] = {0,
-                               1,
-                               254,
-                               255,
-                               256,
-                               65535,
-                               65536,
-                               0xFFFFFFFF,
-                               0x100000000,
-                               std::numeric_limits<std::int64_t>::max(),
-                               -1,
-                               -256,
-                               std::numeric_limits<std::int64_t>::min()};
+  const std::int64_t ints[] = {0,          1,           254,       255, 256,  65535,    65536,
+                               0xFFFFFFFF, 0x100000000, INT64_MAX, -1,  -256, INT64_MIN};
   Array numbers;
   for (std::int64_t i : ints) numbers.emplace_back(i);
   Array strings;

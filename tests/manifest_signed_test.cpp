@@ -1,11 +1,6 @@
 // VTLSignedManifest against the committed test PKI: which chains are trusted
 // under which policy and fuse state, what is logged for each refusal, and
 // that hostile envelopes and payloads are refused without a crash.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -28,7 +23,6 @@ using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLSignedManifest;
-using vtl::bplist::to_value;
 
 constexpr const char* kStrong = "Verifing strong signing";
 constexpr const char* kDevelopment = "Verifing development signing";
@@ -203,14 +197,6 @@ TEST_F(SignedManifestTest, TheClockDecidesValidity) {
 
 // --- The signature covers the payload's exact bytes ---------------------------
 
-bool names_the_signature(const std::vector<std::string>& log) {
-  return std::any_of(log.begin(), log.end(), [](std::string line) {
-    std::transform(line.begin(), line.end(), line.begin(),
-                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
-    return line.find("signature") != std::string::npos;
-  });
-}
-
 TEST_F(SignedManifestTest, APayloadChangedByOneByteIsRefusedWithoutNamingTheSignature) {
   for (Fuse fuse : {Fuse::kTrue, Fuse::kFalse}) {
     use_device(fuse);
@@ -226,7 +212,8 @@ TEST_F(SignedManifestTest, APayloadChangedByOneByteIsRefusedWithoutNamingTheSign
         Dictionary changed = envelope;
         (*std::get_if<Data>(&changed["Payload"].storage()))[at] ^= flip;
         EXPECT_EQ(read(changed), nullptr);
-        EXPECT_FALSE(names_the_signature(log())) << testing::PrintToString(log());
+        EXPECT_THAT(log(),
+                    testing::Each(testing::Not(testing::ContainsRegex("[Ss]ignature|SIGNATURE"))));
         EXPECT_THAT(log(), testing::Not(testing::Contains(kPassed)));
       }
     }
@@ -355,28 +342,15 @@ TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
   }
 }
 
-TEST_F(SignedManifestTest, AFileLargerThanTheLimitIsNotRead) {
+TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError) {
   use_device(Fuse::kTrue);
   const std::string path = dir_ / "huge.plist";
-  {
-    std::ofstream out(path, std::ios::binary);
-    const std::string xml = vtl::plist_to_xml(Value(good_envelope()));
-    out << xml;
-  }
+  std::ofstream(path, std::ios::binary) << vtl::plist_to_xml(Value(good_envelope()));
   // Sparse: the size is what counts, and it is refused before any read.
   std::filesystem::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
   int error = 0;
-  auto stream = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
-  ASSERT_NE(stream, nullptr);
-  platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
-            nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
-                          "list - File too large(0x1b)."}));
-}
-
-TEST_F(SignedManifestTest, AStreamThatFailsMidwayIsRefusedWithItsError) {
-  use_device(Fuse::kTrue);
+  auto huge = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
+  ASSERT_NE(huge, nullptr);
   struct FailingStream final : vtl::InputStream {
     int reads = 0;
     long read(std::span<std::uint8_t> buffer, int* error) override {
@@ -387,12 +361,19 @@ TEST_F(SignedManifestTest, AStreamThatFailsMidwayIsRefusedWithItsError) {
       *error = EIO;
       return -1;
     }
-  } stream;
-  platform_->base.log.clear();
-  EXPECT_EQ(VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles()),
-            nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest initWithNSStream:]: Cannot convert to property "
-                          "list - Input/output error(0x5)."}));
+  } failing;
+  const std::pair<vtl::InputStream*, std::string> cases[] = {
+      {huge.get(), "File too large(0x1b)."}, {&failing, "Input/output error(0x5)."}};
+  for (const auto& [stream, reason] : cases) {
+    SCOPED_TRACE(reason);
+    platform_->base.log.clear();
+    EXPECT_EQ(
+        VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
+        nullptr);
+    EXPECT_EQ(log(), std::vector<std::string>{"-[VTLSignedManifest initWithNSStream:]: Cannot "
+                                              "convert to property list - " +
+                                              reason});
+  }
 }
 
 // --- Malformed payloads ------------------------------------------------------
@@ -445,33 +426,6 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
     expected.insert(expected.end(), c.log.begin(), c.log.end());
     EXPECT_EQ(log(), expected);
   }
-}
-
-TEST_F(SignedManifestTest, TheGettersServeThePayload) {
-  use_device(Fuse::kTrue);
-  Dictionary backup = {{"/", Value(Dictionary{})}};
-  Dictionary raw = testsupport::raw_manifest(backup, 4);
-  raw["GroupData"] = Value(Dictionary{{"group.a", Value(Dictionary{})}});
-  raw["ExtensionData"] = Value(Dictionary{{"ext.b", Value(Dictionary{})}});
-  raw["App"] = Value(vtl::Array{Value("com.example.app")});
-
-  std::unique_ptr<VTLSignedManifest> manifest = read(good_envelope(raw));
-  ASSERT_NE(manifest, nullptr);
-  EXPECT_EQ(manifest->getVersion(), 4);
-  EXPECT_EQ(to_value(*manifest->getManifest()), Value(backup));
-  EXPECT_EQ(to_value(*manifest->getInfo()), raw.at("Info"));
-  EXPECT_EQ(to_value(*manifest->getAppList()), raw.at("App"));
-  EXPECT_EQ(to_value(*manifest->getAppDataList()), raw.at("AppData"));
-  EXPECT_EQ(to_value(*manifest->getGroupDataList()), raw.at("GroupData"));
-  EXPECT_EQ(to_value(*manifest->getPlugInDataList()), raw.at("ExtensionData"));
-  EXPECT_EQ(to_value(manifest->payload()), Value(raw));
-
-  // The optional parts may be missing.
-  manifest = read(good_envelope(testsupport::raw_manifest()));
-  ASSERT_NE(manifest, nullptr);
-  EXPECT_FALSE(manifest->getGroupDataList());
-  EXPECT_FALSE(manifest->getPlugInDataList());
-  EXPECT_EQ(manifest->getVersion(), 3);
 }
 
 // --- Trust directories --------------------------------------------------------

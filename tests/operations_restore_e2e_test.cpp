@@ -160,14 +160,10 @@ TEST_F(RestoreThroughHelper, TheStagingTreeReplacesVarBackup) {
 
   // Nothing left to promote.
   EXPECT_EQ(request(client, dict({{"moveStagingToFinal:", kStaging}})), std::vector{kFalse});
-}
 
-// Through "/var", the handset's name for the data volume: the tree lands in
-// the same place.
-TEST_F(RestoreThroughHelper, PromotionThroughTheVarLink) {
+  // Through "/var", the handset's name for the data volume: the tree lands in
+  // the same place.
   fs::create_directories(device_.path("/private/var/mobile/Other/x"));
-  device_.start();
-  krx::Client client = device_.connect();
   EXPECT_EQ(request(client, dict({{"moveStagingToFinal:", "/var/mobile/Other"}})),
             std::vector{kTrue});
   EXPECT_TRUE(fs::is_directory(device_.path("/private/var/backup/x")));

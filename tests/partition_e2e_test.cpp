@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "partition/gpt.h"
 #include "platform/sim/storage_device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
@@ -19,6 +20,13 @@ namespace {
 
 namespace sim = platform::sim;
 using testsupport::Device;
+
+struct ShrinkFault {
+  const char* name;
+  const char* key;
+  vtl::Value value;
+  bool helper_ends;
+};
 
 class PartitionE2ETest : public ::testing::Test {
  protected:
@@ -54,21 +62,23 @@ class PartitionE2ETest : public ::testing::Test {
         0);
   }
   void clear_faults() { ::unlink(device_.path(sim::kStorageFaultsPath).c_str()); }
+  // Sends `command` under the fault `f`: refused, or the helper ended.
+  void fail(const ShrinkFault& f, const char* command) {
+    fault(f.key, f.value);
+    const std::optional<bool> answer = send(command);
+    EXPECT_EQ(answer, f.helper_ends ? std::nullopt : std::optional<bool>(false));
+    if (f.helper_ends) restart();
+  }
 
   // The data partition's size as the disk's GPT has it, and the data
   // volume's as its file system has it.
   std::int64_t partition() const {
-    std::uint8_t e[48];
+    std::uint8_t e[128];
     const int fd = ::open(device_.path(sim::kDiskImagePath).c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(::pread(fd, e, sizeof e, 2 * 4096 + 128), static_cast<ssize_t>(sizeof e));
     ::close(fd);
-    std::uint64_t first = 0;
-    std::uint64_t last = 0;
-    for (int i = 7; i >= 0; --i) {
-      first = (first << 8U) | e[32 + i];
-      last = (last << 8U) | e[40 + i];
-    }
-    return static_cast<std::int64_t>((last + 1 - first) * 4096);
+    return static_cast<std::int64_t>((vtl::gpt::ending_lba(e) + 1 - vtl::gpt::starting_lba(e)) *
+                                     4096);
   }
   std::int64_t volume() const {
     const std::optional<vtl::Value> table = sim::read_state(device_.root(), sim::kMountsStatePath);
@@ -84,13 +94,6 @@ class PartitionE2ETest : public ::testing::Test {
   Device device_;
 };
 
-struct ShrinkFault {
-  const char* name;
-  const char* key;
-  vtl::Value value;
-  bool helper_ends;
-};
-
 TEST_F(PartitionE2ETest, EveryShrinkFaultLeavesASafeStateThatRepeatingRepairs) {
   const ShrinkFault faults[] = {
       {"file system does not shrink", "FileSystemResizeError", 5, false},
@@ -103,14 +106,7 @@ TEST_F(PartitionE2ETest, EveryShrinkFaultLeavesASafeStateThatRepeatingRepairs) {
   };
   for (const ShrinkFault& f : faults) {
     SCOPED_TRACE(f.name);
-    fault(f.key, f.value);
-    const std::optional<bool> answer = send("shrinkDataPartition:");
-    if (f.helper_ends) {
-      EXPECT_EQ(answer, std::nullopt);
-      restart();
-    } else {
-      EXPECT_EQ(answer, false);
-    }
+    fail(f, "shrinkDataPartition:");
     expect_safe();
     clear_faults();
     EXPECT_EQ(send("shrinkDataPartition:"), true);
@@ -132,14 +128,7 @@ TEST_F(PartitionE2ETest, EveryExpandFaultLeavesASafeState) {
     SCOPED_TRACE(f.name);
     ASSERT_EQ(send("shrinkDataPartition:"), true);
     const std::int64_t before = volume();
-    fault(f.key, f.value);
-    const std::optional<bool> answer = send("expandDataPartition:");
-    if (f.helper_ends) {
-      EXPECT_EQ(answer, std::nullopt);
-      restart();
-    } else {
-      EXPECT_EQ(answer, false);
-    }
+    fail(f, "expandDataPartition:");
     expect_safe();
     EXPECT_EQ(volume(), before);
     clear_faults();

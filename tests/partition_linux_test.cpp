@@ -19,6 +19,7 @@
 #include <zlib.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -31,14 +32,17 @@
 #include <gtest/gtest.h>
 
 #include "krx/client.h"
+#include "partition/bytes.h"
 #include "platform/sim/device.h"
 #include "platform/sim/storage_state.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 #include "vtldctl/helper_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testsupport::run;
 using namespace std::chrono_literals;
 
 std::string find_tool(const std::string& name) {
@@ -47,35 +51,6 @@ std::string find_tool(const std::string& name) {
     if (::access(path.c_str(), X_OK) == 0) return path;
   }
   return "";
-}
-
-// Runs a program with `args`; its exit status, and standard output and
-// error together in *output.
-int run(const std::vector<std::string>& args, std::string* output = nullptr) {
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(pipe_fds[1], 1);
-    ::dup2(pipe_fds[1], 2);
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(pipe_fds[1]);
-  std::string text;
-  char buffer[4096];
-  for (ssize_t n; (n = ::read(pipe_fds[0], buffer, sizeof buffer)) > 0;) {
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(pipe_fds[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (output != nullptr) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // Why this host cannot run the test, or "".
@@ -94,15 +69,6 @@ std::string missing_prerequisite() {
   return "";
 }
 
-std::uint64_t le64(const std::uint8_t* p) {
-  std::uint64_t v = 0;
-  for (int i = 7; i >= 0; --i) v = (v << 8U) | p[i];
-  return v;
-}
-void put32(std::uint8_t* p, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
 // Makes the disk as the volume manager's tools lay it out: the header counts
 // only the three partitions in use (both GPT copies, CRCs mended), and the
 // MBR carries "Zmra".
@@ -117,13 +83,13 @@ bool make_zmra_disk(const std::string& disk) {
     ok = ::pread(fd, header, kBlock, static_cast<off_t>(lba * kBlock)) == kBlock;
     std::uint8_t entries[3 * 128];
     ok = ok && ::pread(fd, entries, sizeof entries,
-                       static_cast<off_t>(le64(header + 72) * kBlock)) == sizeof entries;
-    put32(header + 80, 3);
-    put32(header + 88, static_cast<std::uint32_t>(::crc32(0, entries, sizeof entries)));
-    put32(header + 16, 0);
-    put32(header + 16, static_cast<std::uint32_t>(::crc32(0, header, 92)));
+                       static_cast<off_t>(vtl::le::load64(header, 72) * kBlock)) == sizeof entries;
+    vtl::le::store<std::uint32_t>(header, 80, 3);
+    vtl::le::store(header, 88, static_cast<std::uint32_t>(::crc32(0, entries, sizeof entries)));
+    vtl::le::store<std::uint32_t>(header, 16, 0);
+    vtl::le::store(header, 16, static_cast<std::uint32_t>(::crc32(0, header, 92)));
     ok = ok && ::pwrite(fd, header, kBlock, static_cast<off_t>(lba * kBlock)) == kBlock;
-    lba = le64(header + 32);  // the alternate header's LBA
+    lba = vtl::le::load64(header, 32);  // the alternate header's LBA
   }
   ok = ok && ::fsync(fd) == 0;
   ::close(fd);
@@ -182,7 +148,7 @@ class LinuxPartitionTest : public ::testing::Test {
     const bool read = ::pread(fd, entry, sizeof entry, 2 * 4096 + 128) == sizeof entry;
     ::close(fd);
     EXPECT_TRUE(read);
-    return (le64(entry + 40) + 1 - le64(entry + 32)) * 4096;
+    return (vtl::le::load64(entry, 40) + 1 - vtl::le::load64(entry, 32)) * 4096;
   }
 
   // The kernel's size of the data partition, in bytes.
@@ -214,32 +180,15 @@ TEST_F(LinuxPartitionTest, ShrinksAndExpandsBtrfsOnALoopDeviceInTheOrderThatKeep
             0)
       << out;
   loop_ = out.substr(0, out.find('\n'));
-  ASSERT_EQ(run({find_tool("sgdisk"),
-                 "-o",
-                 "-a",
-                 "1",
-                 "-n",
-                 "1:0:+64M",
-                 "-c",
-                 "1:System",
-                 "-t",
-                 "1:8300",
-                 "-n",
-                 "2:0:+512M",
-                 "-c",
-                 "2:Data",
-                 "-t",
-                 "2:8300",
-                 "-n",
-                 "3:0:+64M",
-                 "-c",
-                 "3:Update",
-                 "-t",
-                 "3:8300",
-                 loop_},
-                &out),
-            0)
-      << out;
+  std::vector<std::string> sgdisk = {find_tool("sgdisk"), "-o", "-a", "1"};
+  const std::pair<const char*, const char*> partitions[] = {
+      {"System", "64M"}, {"Data", "512M"}, {"Update", "64M"}};
+  for (int i = 1; const auto& [name, size] : partitions) {
+    const std::string n = std::to_string(i++);
+    sgdisk.insert(sgdisk.end(), {"-n", n + ":0:+" + size, "-c", n + ":" + name, "-t", n + ":8300"});
+  }
+  sgdisk.push_back(loop_);
+  ASSERT_EQ(run(sgdisk, &out), 0) << out;
   ASSERT_TRUE(make_zmra_disk(loop_));
   // The kernel learns the partitions (partition scanning may be off here).
   run({find_tool("partx"), "-u", loop_});

@@ -208,14 +208,14 @@ TEST_F(ResizeTest, ExpandTakesEveryBlockNoOtherPartitionUsesMapFirst) {
                                                  "DiskWrite", "Sync", "FileSystemResize+"}));
 }
 
-TEST_F(ResizeTest, TheCurrentSizeChangesNothing) {
+TEST_F(ResizeTest, TheCurrentSizeChangesNothingAndOtherSizesRound) {
   set_usage(256 * MiB, 0);
   EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
   EXPECT_EQ(log().back(), "no change in size");
   EXPECT_EQ(journal(), std::vector<std::string>{});
-}
 
-TEST_F(ResizeTest, HalfAnOddFreeSizeRoundsTowardZeroAndSizesRoundUpToBlocks) {
+  // Half an odd free size rounds toward zero, and sizes round up to blocks.
+  test_.log.clear();
   set_usage(200 * MiB + 1, 100 * MiB + 1);
   EXPECT_EQ(vtl::shrink_data_partition(storage_), 0);
   EXPECT_EQ(log().front(),
@@ -231,9 +231,8 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
   struct Case {
     const char* name;
     std::function<void(ResizeTest&)> arrange;
-    std::int32_t (*run)(const vtl::StorageRoles&);
-    std::int32_t rc;
-    Lines tail;  // the last lines of the log
+    Lines tail;           // the last lines of the log
+    bool expand = false;  // else a shrink; an expand fails with 1, a shrink with -1
   };
   const Case cases[] = {
       {"no disk usage",
@@ -242,18 +241,12 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
          answers.dictionary()->erase("DiskUsage");
          t.set_state(sim::kDevicePropertiesStatePath, answers);
        },
-       vtl::shrink_data_partition,
-       -1,
        {"Cannot get disk usage."}},
       {"a size of no blocks",
        [](ResizeTest& t) { t.set_usage(0, 0); },
-       vtl::shrink_data_partition,
-       -1,
        {"partition: requiredSize=0", "deletion of partition 1 disallowed"}},
       {"more than the disk holds",
        [](ResizeTest& t) { t.set_usage(1 << 30, 0); },
-       vtl::shrink_data_partition,
-       -1,
        {"partition: requiredSize=262144"}},
       {"not mounted",
        [](ResizeTest& t) {
@@ -261,50 +254,35 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
          table.array()->pop_back();
          t.set_state(sim::kMountsStatePath, table);
        },
-       vtl::shrink_data_partition,
-       -1,
        {kNotMounted, kNotAdjusted}},
       {"no registry service for the disk",
        [](ResizeTest& t) { t.set_data_disk(std::nullopt); },
-       vtl::shrink_data_partition,
-       -1,
        {"failed to find an RegService owning disk0s1s2 (unexpected)", kNotMounted, kNotAdjusted}},
       {"a disk without UUID",
        [](ResizeTest& t) { t.set_data_disk(vtl::Dictionary{}); },
-       vtl::shrink_data_partition,
-       -1,
        {"device matching disk0s1s2 has no UUID (unexpected)", kNotMounted, kNotAdjusted}},
       {"a UUID that is no string",
        [](ResizeTest& t) {
          t.set_data_disk(vtl::Dictionary{{"UUID", 7}});
        },
-       vtl::shrink_data_partition,
-       -1,
        {"failed to get string from UUID property (unexpected)", kNotMounted, kNotAdjusted}},
       {"no mount table",
        [](ResizeTest& t) { ::unlink((t.root() + sim::kMountsStatePath).c_str()); },
-       vtl::shrink_data_partition,
-       -1,
        {kNotMounted, kNotAdjusted}},
       {"the disk is a block node",
        [](ResizeTest& t) {
          t.set_state(sim::kDiskStatePath,
                      vtl::Dictionary{{"BlockSize", 4096}, {"NodeType", "BlockSpecial"}});
        },
-       vtl::expand_data_partition,
-       1,
        {"/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)", "newSize = 0(bytes)",
-        "entering adjust_partition", "/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)"}},
+        "entering adjust_partition", "/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)"},
+       true},
       {"the file system cannot shrink",
        [](ResizeTest& t) { t.set_fault("FileSystemResizeError", 5); },
-       vtl::shrink_data_partition,
-       -1,
        {"JRF resize failed. errno=5", "can't shrink partition 1, currently mounted on /private/var",
         "failed to adjust partition 1"}},
       {"the map cannot be written",
        [](ResizeTest& t) { t.set_fault("DiskWriteError", 28); },
-       vtl::shrink_data_partition,
-       -1,
        {"About to adjust with settings partitionIndex:1 size:176 MB",
         "failed to write GPT header and table to /dev/rdisk0s1 (return -1). errno=28 : No space "
         "left on device"}},
@@ -315,17 +293,17 @@ TEST_F(ResizeTest, RefusalsAndTheirMessages) {
          t.test_.log.clear();
          t.set_fault("FileSystemResizeError", 28);
        },
-       vtl::expand_data_partition,
-       1,
        {"Wrote GPT header back to disk", "expanding JRF filesystem on /private/var to 402608128",
-        "JRF resize failed. errno=28", "can't expanding JRF filesystem on /private/var"}},
+        "JRF resize failed. errno=28", "can't expanding JRF filesystem on /private/var"},
+       true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fresh_device();
     test_.log.clear();
     c.arrange(*this);
-    EXPECT_EQ(c.run(storage_), c.rc);
+    const auto run = c.expand ? vtl::expand_data_partition : vtl::shrink_data_partition;
+    EXPECT_EQ(run(storage_), c.expand ? 1 : -1);
     const Lines all = log();
     ASSERT_GE(all.size(), c.tail.size());
     EXPECT_EQ(Lines(all.end() - static_cast<long>(c.tail.size()), all.end()), c.tail)

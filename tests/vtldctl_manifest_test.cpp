@@ -48,36 +48,25 @@ TEST(VtldctlManifestCommands, RowsBuildTheHelpersRequests) {
 
 using Output = testsupport::OutputFile;
 
-class ManifestToolsTest : public ::testing::Test {
+class ManifestToolsTest : public ::testing::Test, protected testsupport::AccountsDevice {
  protected:
-  ManifestToolsTest() : platform_(dir_.path()) {
-    write_file(dir_ / "etc/passwd", "root:x:0:0::/:/bin/sh\nmobile:x:501:501::/:/bin/sh\n");
-    write_file(dir_ / "etc/group", "root:x:0:\nmobile:x:501:\n");
-    platform_.roles.protection_classes = classes_.get();
-    platform_.apply();
-  }
-
   std::string manifest_of(const std::string& tree, const std::string& out) {
     vtl::VTLManifest m(platform_.files());
     EXPECT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(tree, tree, {}, false));
     EXPECT_EQ(m.writeBinaryPropertyListToFile(out), 0);
     return out;
   }
-
-  testsupport::TempDir dir_;
-  testsupport::TestPlatform platform_;
-  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
 };
 
 TEST_F(ManifestToolsTest, ShowPrintsOneLinePerRecord) {
-  const std::string tree = dir_ / "tree";
+  const std::string tree = device_ / "tree";
   write_file(tree + "/notes.txt", "hello");
   ASSERT_EQ(::chown((tree + "/notes.txt").c_str(), 501, 501), 0);
   ASSERT_EQ(::chmod((tree + "/notes.txt").c_str(), 04750), 0);
   testsupport::set_xattr(tree + "/notes.txt", "user.color", "blue");
   ASSERT_EQ(classes_->set(tree + "/notes.txt", "B"), 0);
   testsupport::make_link("notes.txt", tree + "/latest");
-  const std::string file = manifest_of(tree, dir_ / "m.plist");
+  const std::string file = manifest_of(tree, device_ / "m.plist");
 
   Output out;
   Output err;
@@ -96,12 +85,12 @@ TEST_F(ManifestToolsTest, ShowPrintsOneLinePerRecord) {
 }
 
 TEST_F(ManifestToolsTest, ShowAsJsonKeepsEveryValue) {
-  const std::string tree = dir_ / "tree";
+  const std::string tree = device_ / "tree";
   write_file(tree + "/a", "hello");
   testsupport::set_xattr(tree + "/a", "user.bin", std::string("\x00\xff", 2));
   const timespec times[2] = {{0, UTIME_OMIT}, {1700000000, 123456789}};
   ASSERT_EQ(::utimensat(AT_FDCWD, (tree + "/a").c_str(), times, 0), 0);
-  const std::string file = manifest_of(tree, dir_ / "m.plist");
+  const std::string file = manifest_of(tree, device_ / "m.plist");
   Output out;
   Output err;
   EXPECT_EQ(vtldctl::manifest_show(file, true, out.file(), err.file()), vtldctl::kExitSuccess);
@@ -116,8 +105,8 @@ TEST_F(ManifestToolsTest, ShowAsJsonKeepsEveryValue) {
 }
 
 TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
-  const std::string a = dir_ / "a";
-  const std::string b = dir_ / "b";
+  const std::string a = device_ / "a";
+  const std::string b = device_ / "b";
   for (const std::string& root : {a, b}) {
     write_file(root + "/same", "same");
     write_file(root + "/changed", root == a ? "before" : "after");
@@ -132,8 +121,8 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
   // A new date, size aside, is no difference to the helper.
   const timespec times[2] = {{0, UTIME_OMIT}, {1000, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, (b + "/same").c_str(), times, 0), 0);
-  const std::string first = manifest_of(a, dir_ / "a.plist");
-  const std::string second = manifest_of(b, dir_ / "b.plist");
+  const std::string first = manifest_of(a, device_ / "a.plist");
+  const std::string second = manifest_of(b, device_ / "b.plist");
 
   Output out;
   Output err;
@@ -157,16 +146,16 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
 }
 
 TEST_F(ManifestToolsTest, FilesThatAreNotManifestsAreRefused) {
-  write_file(dir_ / "junk", "not a property list");
-  write_file(dir_ / "array.plist",
+  write_file(device_ / "junk", "not a property list");
+  write_file(device_ / "array.plist",
              "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>");
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_show(dir_ / "junk", false, out.file(), err.file()),
+  EXPECT_EQ(vtldctl::manifest_show(device_ / "junk", false, out.file(), err.file()),
             vtldctl::kExitLocalFailure);
-  EXPECT_EQ(vtldctl::manifest_show(dir_ / "array.plist", false, out.file(), err.file()),
+  EXPECT_EQ(vtldctl::manifest_show(device_ / "array.plist", false, out.file(), err.file()),
             vtldctl::kExitLocalFailure);
-  EXPECT_EQ(vtldctl::manifest_diff(dir_ / "missing", dir_ / "junk", out.file(), err.file()),
+  EXPECT_EQ(vtldctl::manifest_diff(device_ / "missing", device_ / "junk", out.file(), err.file()),
             vtldctl::kExitLocalFailure);
   EXPECT_NE(err.text().find("not a manifest"), std::string::npos);
 }

@@ -16,6 +16,7 @@
 #include "base/plist.h"
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
+#include "tests/support/file_tree.h"
 #include "tests/support/signing.h"
 
 namespace {
@@ -28,20 +29,11 @@ struct ToolRun {
   std::string output;  // standard output and error
 };
 
-std::string quoted(const std::string& s) { return "'" + s + "'"; }
-
-ToolRun vtldctl(const std::vector<std::string>& args) {
-  std::string command = quoted(testsupport::program_path("vtldctl"));
-  for (const std::string& a : args) command += " " + quoted(a);
-  command += " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, ""};
-  std::string output;
-  std::array<char, 4096> buffer{};
-  while (std::size_t n = std::fread(buffer.data(), 1, buffer.size(), pipe))
-    output.append(buffer.data(), n);
-  const int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+ToolRun vtldctl(std::vector<std::string> args) {
+  args.insert(args.begin(), testsupport::program_path("vtldctl"));
+  ToolRun result{};
+  result.status = testsupport::run(args, &result.output);
+  return result;
 }
 
 class SignedManifestTool : public ::testing::Test {
@@ -110,13 +102,6 @@ TEST_F(SignedManifestTool, VerifyGivesTheHelpersReasonForARefusal) {
   ToolRun tampered = vtldctl({"--root", root_, "signed-manifest", "verify", out});
   EXPECT_EQ(tampered.status, 1);
   EXPECT_THAT(tampered.output, HasSubstr("reason: the signature does not match the payload"));
-
-  // Not a signed manifest at all.
-  std::ofstream(dir_ / "junk") << "junk";
-  ToolRun junk = vtldctl({"--root", root_, "signed-manifest", "verify", dir_ / "junk"});
-  EXPECT_EQ(junk.status, 1);
-  EXPECT_THAT(junk.output, HasSubstr("reason: -[VTLSignedManifest initWithNSStream:]: Cannot "
-                                     "convert to property list"));
 }
 
 TEST_F(SignedManifestTool, APayloadFileIsSignedByteForByteWithAGivenSigner) {
@@ -139,12 +124,6 @@ TEST_F(SignedManifestTool, APayloadFileIsSignedByteForByteWithAGivenSigner) {
               HasSubstr("valid   2024-01-01 00:00:00 UTC to 2040-01-01 00:00:00 UTC"));
   EXPECT_THAT(shown.output, HasSubstr("(production manifest signer)"));
   EXPECT_THAT(shown.output, HasSubstr("Version       4"));
-
-  // The device trusts no production root: refused under the production
-  // policy, and no test signer signed it.
-  ToolRun verified = vtldctl({"--root", root_, "signed-manifest", "verify", out});
-  EXPECT_EQ(verified.status, 1);
-  EXPECT_THAT(verified.output, HasSubstr("certificate trust evaluation failed: 5"));
 }
 
 TEST_F(SignedManifestTool, BadArgumentsAreRefusedBeforeAnythingIsWritten) {

@@ -9,15 +9,22 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "platform/protection_classes.h"
+#include "tests/support/capture.h"
+#include "tests/support/daemon.h"
 
 namespace testsupport {
 
@@ -98,6 +105,42 @@ class WithoutFileOverride {
  private:
   __user_cap_header_struct header_{};
   __user_cap_data_struct saved_[2]{};
+};
+
+// Runs `args` (the program first) through the shell, each argument quoted;
+// its exit status, and its standard output and error together in *output.
+inline int run(const std::vector<std::string>& args, std::string* output = nullptr) {
+  std::string command;
+  for (const std::string& a : args) {
+    command += "'";
+    for (char c : a) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    command += "' ";
+  }
+  FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
+  if (pipe == nullptr) return -1;
+  std::string text;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) text.append(buffer, n);
+  const int status = ::pclose(pipe);
+  if (output != nullptr) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A temporary device root with the accounts root and mobile (501), and a
+// test platform on it that keeps protection classes in extended attributes.
+class AccountsDevice {
+ protected:
+  AccountsDevice() : platform_(device_.path()) {
+    write_file(device_.path() + "/etc/passwd",
+               "root:x:0:0::/var/root:/bin/sh\nmobile:x:501:501::/var/mobile:/bin/sh\n");
+    write_file(device_.path() + "/etc/group", "root:x:0:\nmobile:x:501:\n");
+    platform_.roles.protection_classes = classes_.get();
+    platform_.apply();
+  }
+
+  TempDir device_;
+  TestPlatform platform_;
+  std::unique_ptr<platform::ProtectionClasses> classes_ = platform::make_xattr_protection_classes();
 };
 
 }  // namespace testsupport

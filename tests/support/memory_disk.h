@@ -1,6 +1,6 @@
 // A disk held in memory, for tests and fuzz targets that drive the partition
 // code without a device: any byte content, any block size, and the failures
-// a real device can give (no geometry, short reads, failed or short writes).
+// a real device can give (no geometry, no node, short reads).
 #pragma once
 
 #include <cerrno>
@@ -26,9 +26,6 @@ struct MemoryDiskState {
   bool open_fails = false;
   int reads = 0;
   platform::DiskDevice::NodeType node_type = platform::DiskDevice::NodeType::kRawDisk;
-  int write_errno = 0;                     // non-zero: writes fail with it
-  std::optional<std::size_t> short_write;  // writes stop after this many bytes
-  int writes = 0;
 };
 
 class MemoryDiskDevice final : public platform::DiskDevice {
@@ -61,12 +58,7 @@ class MemoryDiskDevice final : public platform::DiskDevice {
     return static_cast<ssize_t>(n);
   }
   ssize_t write_at(std::span<const std::uint8_t> buffer, std::uint64_t offset) override {
-    ++state_->writes;
-    if (state_->write_errno != 0) {
-      errno = state_->write_errno;
-      return -1;
-    }
-    std::size_t n = std::min(buffer.size(), state_->short_write.value_or(buffer.size()));
+    const std::size_t n = buffer.size();
     if (offset + n > state_->bytes.size()) state_->bytes.resize(offset + n);
     std::memcpy(state_->bytes.data() + offset, buffer.data(), n);
     return static_cast<ssize_t>(n);

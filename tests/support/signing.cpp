@@ -5,14 +5,8 @@
 #include <iterator>
 #include <stdexcept>
 
-#include <sys/stat.h>
-#include <sys/xattr.h>
-
 #include "base/plist.h"
-#include "manifest/VTLFileMetadata.h"
-#include "manifest/attribute_keys.h"
 #include "platform/platform.h"
-#include "platform/protection_classes.h"
 #include "platform/sim/test_signer.h"
 
 namespace testsupport {
@@ -111,70 +105,6 @@ void write_signed_manifest(const std::string& path, const vtl::ManifestSigner& s
   const vtl::Data bytes = binary_plist(vtl::Value(std::move(*envelope)));
   if (vtl::write_file_atomically(path, bytes) != 0)
     throw std::runtime_error("cannot write " + path);
-}
-
-namespace {
-
-// The item's extended attributes, the protection class's own storage left
-// out, as the helper lists them.
-vtl::Dictionary extended_attributes(const std::string& path) {
-  static const auto classes = platform::make_xattr_protection_classes();
-  vtl::Dictionary out;
-  const ssize_t size = ::llistxattr(path.c_str(), nullptr, 0);
-  if (size <= 0) return out;
-  std::string names(static_cast<std::size_t>(size), '\0');
-  const ssize_t got = ::llistxattr(path.c_str(), names.data(), names.size());
-  if (got < 0) return out;
-  names.resize(static_cast<std::size_t>(got));
-  for (std::size_t at = 0; at < names.size();) {
-    const std::string name(names.c_str() + at);
-    at += name.size() + 1;
-    if (classes->hides_attribute(name)) continue;
-    const ssize_t length = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
-    vtl::Data value(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-    if (length > 0) ::lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
-    out.emplace(name, vtl::Value(std::move(value)));
-  }
-  return out;
-}
-
-}  // namespace
-
-std::string differences_from_record(const std::string& path, const vtl::Dictionary& record) {
-  static const auto classes = platform::make_xattr_protection_classes();
-  const vtl::VTLFileMetadata metadata(record);
-  const vtl::Dictionary* attributes = metadata.getFileAttributes();
-  if (attributes == nullptr) return "the record has no attributes";
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return "missing";
-  std::string out;
-  auto expect = [&](std::string_view key, std::int64_t actual) {
-    const auto it = attributes->find(key);
-    const std::int64_t* wanted = it != attributes->end() ? it->second.integer() : nullptr;
-    if (wanted == nullptr || *wanted != actual) {
-      out += std::string(key) + " " + std::to_string(actual) + " instead of " +
-             (wanted ? std::to_string(*wanted) : std::string("nothing")) + "; ";
-    }
-  };
-  expect(vtl::keys::kOwnerAccountID, st.st_uid);
-  expect(vtl::keys::kGroupOwnerAccountID, st.st_gid);
-  const bool link = S_ISLNK(st.st_mode);
-  if (!link) expect(vtl::keys::kPosixPermissions, st.st_mode & 07777);
-
-  const vtl::Dictionary* wanted_xattrs = metadata.getExtendedAttributes();
-  if (extended_attributes(path) != (wanted_xattrs ? *wanted_xattrs : vtl::Dictionary{})) {
-    out += "extended attributes differ; ";
-  }
-  if (!link) {
-    const auto it = attributes->find(vtl::keys::kProtectionClass);
-    const std::string* wanted = it != attributes->end() ? it->second.string() : nullptr;
-    const std::optional<std::string> actual = classes->get(path);
-    if ((wanted == nullptr) != !actual || (wanted && *wanted != *actual)) {
-      out += "protection class " + actual.value_or("(none)") + " instead of " +
-             (wanted ? *wanted : std::string("(none)")) + "; ";
-    }
-  }
-  return out;
 }
 
 platform::TrustClock SigningPlatform::pki_now_clock() {

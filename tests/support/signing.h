@@ -51,12 +51,6 @@ vtl::ManifestSigner device_signer(const Device& device);
 void write_signed_manifest(const std::string& path, const vtl::ManifestSigner& signer,
                            const vtl::Dictionary& raw);
 
-// How the item at `path` differs from what the file metadata record
-// `record` prescribes for it: owner, group, mode (not for links, whose mode
-// Linux does not keep), extended attributes and protection class (not for
-// links). Empty when it does not.
-std::string differences_from_record(const std::string& path, const vtl::Dictionary& record);
-
 // The test platform plus certificate services on <root>'s trust directories
 // (evaluated at pki_now() unless told otherwise) and <root>'s simulated
 // device properties.
