@@ -27,7 +27,6 @@
 namespace {
 
 using testsupport::make_dir;
-using testsupport::TempDir;
 using testsupport::write_file;
 using vtl::Dictionary;
 using vtl::Value;

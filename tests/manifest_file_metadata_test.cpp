@@ -29,7 +29,6 @@ namespace keys = vtl::keys;
 using testsupport::bytes;
 using testsupport::make_dir;
 using testsupport::sha1;
-using testsupport::TempDir;
 using testsupport::write_file;
 using vtl::Data;
 using vtl::Dictionary;

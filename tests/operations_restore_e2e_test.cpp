@@ -25,7 +25,6 @@ namespace fs = std::filesystem;
 using testsupport::Device;
 using testsupport::request;
 using vtl::Dictionary;
-using vtl::Value;
 
 using testsupport::dict;
 
