@@ -1,5 +1,4 @@
 #include "manifest/file_hash.h"
-#include "base/unique_fd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +13,8 @@
 #include <chrono>
 #include <new>
 #include <thread>
+
+#include "base/unique_fd.h"
 
 namespace vtl::manifest {
 namespace {

@@ -34,6 +34,8 @@ WalkEvent::Type type_of_mode(mode_t mode) {
   return WalkEvent::Type::kOther;
 }
 
+// Not vtl::join: a record's key is its path with the walk's root cut off as
+// given, so the root's own slashes must stay as they are.
 std::string child_path(const std::string& parent, const std::string& name) {
   std::string path;
   path.reserve(parent.size() + 1 + name.size());

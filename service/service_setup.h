@@ -3,9 +3,15 @@
 // it listens; in-process tests of the dispatcher call it in their fixtures.
 #pragma once
 
+#include "manifest/VTLSignedManifest.h"
+#include "manifest/file_roles.h"
 #include "platform/platform.h"
 
 namespace vtl {
+
+// The roles each layer is handed, taken from the platform's table.
+FileRoles file_roles(const platform::Platform& platform);
+VTLSignedManifest::Roles signing_roles(const platform::Platform& platform);
 
 // The logger writes to the platform's system log; the responder identifies
 // clients through its code signing and resizes through its storage; the

@@ -1,5 +1,4 @@
 #include "vtldctl/helper_process.h"
-#include "base/errors.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -19,6 +18,8 @@
 #include <vector>
 
 #include <fmt/format.h>
+
+#include "base/errors.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX leaves it undeclared
 

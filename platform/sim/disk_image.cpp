@@ -1,5 +1,4 @@
 #include "platform/sim/disk_image.h"
-#include "base/errors.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 #include <span>
+
+#include "base/errors.h"
 
 namespace platform::sim {
 namespace {

@@ -9,13 +9,11 @@
 #include <vector>
 
 #include "base/value.h"
-#include "manifest/VTLSignedManifest.h"
-#include "manifest/file_roles.h"
-#include "partition/resize.h"
 #include "platform/accounts.h"
 #include "platform/code_signing.h"
 #include "platform/platform.h"
 #include "platform/system_log.h"
+#include "service/service_setup.h"
 
 namespace testsupport {
 
@@ -89,19 +87,8 @@ class TestPlatform {
   // Hands `roles` to the service again.
   void apply();
   // The roles each layer is handed.
-  vtl::FileRoles files() const {
-    return {.accounts = roles.accounts, .protection_classes = roles.protection_classes};
-  }
-  vtl::StorageRoles storage() const {
-    return {.raw_disks = roles.raw_disks,
-            .mounted_volumes = roles.mounted_volumes,
-            .filesystem_resize = roles.filesystem_resize,
-            .device_properties = roles.device_properties};
-  }
-  vtl::VTLSignedManifest::Roles signing_roles() const {
-    return {.certificate_services = roles.certificate_services,
-            .device_properties = roles.device_properties};
-  }
+  vtl::FileRoles files() const { return vtl::file_roles(roles); }
+  vtl::VTLSignedManifest::Roles signing_roles() const { return vtl::signing_roles(roles); }
 
   CapturedLog log;
   FakeCodeSigning signing;
