@@ -31,6 +31,7 @@
 
 #include "base/errors.h"
 #include "base/path.h"
+#include "base/unique_fd.h"
 #include "krx/codec.h"
 #include "krx/socket_io.h"
 
@@ -66,7 +67,8 @@ constexpr std::uint64_t kWakeId = 1;
 constexpr std::uint64_t kSignalId = 2;
 constexpr std::uint64_t kFirstConnectionId = 16;
 
-constexpr const char* kTerminationDescription = "the process is asked to end (SIGTERM)";
+constexpr const char* kTerminationDescription =
+    "the process is asked to end (SIGTERM, SIGINT or SIGHUP)";
 
 std::shared_ptr<const int> own_descriptor(int fd) {
   return {new int(fd), [](const int* p) {
@@ -332,12 +334,14 @@ class Facility {
     start_termination();
   }
 
-  // Blocks SIGTERM in the calling thread, which every thread started later
-  // inherits, and reads it from a signalfd on the queue instead.
+  // Blocks the signals that ask the process to end (SIGTERM from a service
+  // manager, SIGINT from a terminal, SIGHUP when the terminal goes) in the
+  // calling thread, which every thread started later inherits, and reads
+  // them from a signalfd on the queue instead.
   bool watch_termination_signal() {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return false;
     if (signal_fd_ >= 0) return true;
     signal_fd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
@@ -881,47 +885,72 @@ bool someone_listens(const sockaddr_un& addr) {
   return listening;
 }
 
-int bind_listener(std::string_view service_name) {
+// Binds and listens on the service's socket under the run directory; -1
+// with `why` (path and errno) when it cannot.
+int bind_listener(std::string_view service_name, std::string* why) {
   // A service name is one path component: it must not lead out of the run
   // directory.
   if (service_name.empty() || service_name.find('/') != std::string_view::npos ||
       service_name == "." || service_name == "..") {
+    *why = "the service name " + std::string(service_name) + " is not one path component";
     return -1;
   }
   const std::string path = vtl::join(run_directory(), service_name);
+  const auto failed = [why](const std::string& what, const std::string& where) {
+    *why = "cannot " + what + " " + where + ": " + vtl::error_description(errno);
+    return -1;
+  };
   sockaddr_un addr{};
-  if (!socket_address(path, &addr)) return -1;
+  if (!socket_address(path, &addr)) {
+    *why = "the socket path " + path + " is too long";
+    return -1;
+  }
   struct stat st {};
   if (lstat(path.c_str(), &st) == 0) {
     // Only a socket left behind by an earlier run is replaced; any other file
     // there is not ours to delete.
-    if (!S_ISSOCK(st.st_mode) || someone_listens(addr)) return -1;
+    if (!S_ISSOCK(st.st_mode)) {
+      *why = path + " exists and is not a socket";
+      return -1;
+    }
+    if (someone_listens(addr)) {
+      *why = "another process already listens on " + path;
+      return -1;
+    }
   }
   // The socket is made under a hidden name and moved into place once it
   // listens: a client that finds the service's socket can always connect.
   const std::string staging =
       run_directory() + "/." + std::string(service_name) + "." + std::to_string(getpid());
   sockaddr_un staging_addr{};
-  if (!socket_address(staging, &staging_addr)) return -1;
-  unlink(staging.c_str());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<const sockaddr*>(&staging_addr), sizeof staging_addr) != 0) {
-    close(fd);
+  if (!socket_address(staging, &staging_addr)) {
+    *why = "the socket path " + staging + " is too long";
     return -1;
+  }
+  unlink(staging.c_str());
+  vtl::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd) return failed("create a socket for", path);
+  if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&staging_addr), sizeof staging_addr) != 0) {
+    return failed("bind", staging);
   }
   // Who may connect is set by the socket's mode and group (set_socket_access);
   // who may do what is decided per message from the peer's entitlements.
   const SocketAccess access = socket_access();
-  const bool owned = access.group == static_cast<gid_t>(-1) ||
-                     chown(staging.c_str(), static_cast<uid_t>(-1), access.group) == 0;
-  if (!owned || chmod(staging.c_str(), access.mode) != 0 || listen(fd, SOMAXCONN) != 0 ||
-      rename(staging.c_str(), path.c_str()) != 0) {
-    close(fd);
-    unlink(staging.c_str());
-    return -1;
+  int result = -1;
+  if (access.group != static_cast<gid_t>(-1) &&
+      chown(staging.c_str(), static_cast<uid_t>(-1), access.group) != 0) {
+    result = failed("give the group of", staging);
+  } else if (chmod(staging.c_str(), access.mode) != 0) {
+    result = failed("set the mode of", staging);
+  } else if (listen(fd.get(), SOMAXCONN) != 0) {
+    result = failed("listen on", staging);
+  } else if (rename(staging.c_str(), path.c_str()) != 0) {
+    result = failed("move the socket to", path);
+  } else {
+    return fd.release();
   }
-  return fd;
+  unlink(staging.c_str());
+  return result;
 }
 
 int connect_to(std::string_view service_name) {
@@ -974,23 +1003,31 @@ Type Event::type() const { return type_; }
 // Connection
 
 std::shared_ptr<Connection> Connection::create_mach_service(std::string_view service_name,
-                                                            std::uint64_t flags) {
+                                                            std::uint64_t flags, std::string* why) {
+  std::string ignored;
+  if (why == nullptr) why = &ignored;
   Facility& facility = Facility::instance();
-  if (!facility.usable()) return nullptr;
+  if (!facility.usable()) {
+    *why = "the event queue could not be set up";
+    return nullptr;
+  }
   if ((flags & kConnectionListener) == 0) {
     const int fd = connect_to(service_name);
     return fd < 0 ? nullptr : from_socket(fd);
   }
   {
     Locked lock(facility);
-    if (!facility.watch_termination_signal()) return nullptr;
+    if (!facility.watch_termination_signal()) {
+      *why = "cannot watch the termination signals: " + vtl::error_description(errno);
+      return nullptr;
+    }
   }
   int fd = -1;
   {
     Locked lock(facility);
     fd = handed_over_socket(service_name, facility);
   }
-  if (fd < 0) fd = bind_listener(service_name);
+  if (fd < 0) fd = bind_listener(service_name, why);
   if (fd < 0) return nullptr;
   AuditToken own;
   own.pidfd = own_descriptor(-1);

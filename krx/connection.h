@@ -41,7 +41,7 @@ inline constexpr std::uint64_t kConnectionListener = 1;
 
 enum class ErrorKind {
   ConnectionInvalid,    // the peer closed its end, died, or sent a malformed frame
-  TerminationImminent,  // the process is asked to end (SIGTERM)
+  TerminationImminent,  // the process is asked to end (SIGTERM, SIGINT, SIGHUP)
   ConnectionInterrupted,
   Other,
 };
@@ -135,7 +135,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // it listens on the socket the service launcher handed over for that name
   // (systemd socket activation), or else binds <run directory>/<service_name>.
   // Returns nullptr when it cannot. Call it from the main thread before any
-  // other thread starts: it arranges for SIGTERM to reach the event queue.
+  // other thread starts: it arranges for SIGTERM, SIGINT and SIGHUP to reach the event queue.
   //
   // Handed-over sockets: the one whose name (LISTEN_FDNAMES) is
   // `service_name`, else the first listening Unix stream socket not taken by
@@ -145,12 +145,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // earlier run is replaced, but not one a live listener still answers on,
   // and never a file of another kind. nullptr when the run directory is
   // missing, the path does not fit a socket address, `service_name` is not a
-  // single path component, or bind/listen fail.
+  // single path component, or bind/listen fail; `why`, when given, then says
+  // which (with the path and errno).
   //
   // Without kConnectionListener it connects to <run directory>/<service_name>
   // as a client would and returns that connection (nullptr when it cannot).
   static std::shared_ptr<Connection> create_mach_service(std::string_view service_name,
-                                                         std::uint64_t flags);
+                                                         std::uint64_t flags,
+                                                         std::string* why = nullptr);
   // A connection over an already-connected stream socket (takes ownership).
   static std::shared_ptr<Connection> from_socket(int fd);
 
@@ -192,7 +194,7 @@ const std::string& run_directory();
 // Keep-alive transactions: while one is open, termination-imminent is held
 // back. RAII form below.
 //
-// On SIGTERM the facility delivers termination-imminent to every live
+// On SIGTERM (or SIGINT, SIGHUP) the facility delivers termination-imminent to every live
 // connection (resumed, with a handler, not cancelled or failed), in the order
 // they were made, then to the listener. While the transaction count is above
 // zero that waits; it goes out when the count drops to zero, and if that
@@ -211,7 +213,7 @@ class Transaction {
 };
 
 // Parks the calling (main) thread for good; the event queue does the work.
-// Signals keep their dispositions: SIGTERM is read by the queue, others act
+// Signals keep their dispositions: SIGTERM, SIGINT and SIGHUP are read by the queue, others act
 // as they would.
 [[noreturn]] void run_main_loop();
 

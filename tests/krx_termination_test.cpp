@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -131,7 +132,7 @@ Client connect_or_die(const std::string& dir) {
   return std::move(*client);
 }
 
-void termination_reaches_every_live_connection_then_the_listener() {
+void termination_reaches_every_live_connection_then_the_listener(int signal) {
   alarm(kChildDeadlineSeconds);
   const std::string dir = make_temp_dir();
   auto log = std::make_shared<Log>();
@@ -155,14 +156,19 @@ void termination_reaches_every_live_connection_then_the_listener() {
     if (!eventually([&] { return log->resumed == 3; })) finish(dir, false, "third not resumed");
   }
   if (!eventually([&] { return log->snapshot().size() == 1; })) finish(dir, false, log->joined());
-  kill(getpid(), SIGTERM);
+  kill(getpid(), signal);
   park(first, second);
 }
 
-TEST(KrxTerminationTest, SigtermReachesEveryLiveConnectionThenTheListener) {
+// A service manager ends the process with SIGTERM, a terminal with SIGINT or,
+// when it goes away, SIGHUP: each ends it the same way.
+TEST(KrxTerminationTest, TerminationSignalsReachEveryLiveConnectionThenTheListener) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(termination_reaches_every_live_connection_then_the_listener(),
-              ::testing::ExitedWithCode(0), "");
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    SCOPED_TRACE(strsignal(signal));
+    EXPECT_EXIT(termination_reaches_every_live_connection_then_the_listener(signal),
+                ::testing::ExitedWithCode(0), "");
+  }
 }
 
 void transaction_holds_termination_back() {
