@@ -197,10 +197,12 @@ void VTLLogModel::logWithFormat_andArgs(std::string_view format, std::span<const
 void VTLLogModel::logMessage(std::string_view message) {
   const Clock* clock = nullptr;
   SystemLog* sink = nullptr;
+  std::vector<LogField> fields;
   {
     std::lock_guard<std::mutex> guard(lock_);
     clock = clock_;
     sink = system_log_;
+    fields = context_fields_;
   }
   const std::string date = date_description(clock->now());
   const LogArg line_args[] = {LogArg(date), LogArg(message)};
@@ -215,7 +217,25 @@ void VTLLogModel::logMessage(std::string_view message) {
     }
   }
   // The system log stamps its own time: it gets the bare message.
-  sink->write(message);
+  sink->write_entry({.message = message, .fields = fields});
+}
+
+void VTLLogModel::logToSystem(LogPriority priority, std::string_view message,
+                              std::span<const LogField> fields) {
+  SystemLog* sink = nullptr;
+  std::vector<LogField> all;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    sink = system_log_;
+    all = context_fields_;
+  }
+  all.insert(all.end(), fields.begin(), fields.end());
+  sink->write_entry({.priority = priority, .message = message, .fields = all});
+}
+
+void VTLLogModel::setContextFields(std::vector<LogField> fields) {
+  std::lock_guard<std::mutex> guard(lock_);
+  context_fields_ = std::move(fields);
 }
 
 bool VTLLogModel::enableLogToFile(const std::string& path) {

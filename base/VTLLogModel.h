@@ -16,6 +16,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/VTLLog.h"
 #include "base/clock.h"
@@ -68,6 +69,16 @@ class VTLLogModel {
   // "<dir>/<prefix>-YYYYMMDD.log" for today's local date.
   std::string fileNameForTodayUnder_prefix(const std::string& dir, const std::string& prefix) const;
 
+  // Lines for the operator beside the system's own messages: written to the
+  // system log only (the day's file keeps the system's messages alone), with
+  // `priority` and `fields` added to the context's.
+  void logToSystem(LogPriority priority, std::string_view message,
+                   std::span<const LogField> fields = {});
+  // Fields every message carries to the system log until they are replaced
+  // (the request being served: requests are served one at a time, so the
+  // lines of its worker threads carry them too). Empty clears them.
+  void setContextFields(std::vector<LogField> fields);
+
   FILE* logFP() const;
   void setLogFP(FILE* fp);
 
@@ -84,6 +95,7 @@ class VTLLogModel {
   FILE* logFP_ = nullptr;
   SystemLog* system_log_;
   const Clock* clock_;
+  std::vector<LogField> context_fields_;
 };
 
 }  // namespace vtl

@@ -4,9 +4,27 @@
 #pragma once
 
 #include <memory>
+#include <span>
+#include <string>
 #include <string_view>
 
 namespace vtl {
+
+// How much a message matters to an operator; the values are syslog's.
+enum class LogPriority : int { kError = 3, kWarning = 4, kInfo = 6 };
+
+// A named value that travels with a message to a log that keeps fields (the
+// host's journal): upper-case letters, digits and '_', as the journal wants.
+struct LogField {
+  std::string name;
+  std::string value;
+};
+
+struct LogEntry {
+  LogPriority priority = LogPriority::kInfo;
+  std::string_view message;
+  std::span<const LogField> fields;
+};
 
 class SystemLog {
  public:
@@ -14,6 +32,9 @@ class SystemLog {
   // Writes one message. Must not block for long and must be callable from any
   // thread; failures are swallowed (there is nowhere left to report them).
   virtual void write(std::string_view message) = 0;
+  // Writes one message with its priority and fields. A log that keeps
+  // neither writes the bare message.
+  virtual void write_entry(const LogEntry& entry) { write(entry.message); }
 };
 
 // Standard error, one line per message: the simulated device's system log,

@@ -19,13 +19,33 @@ namespace testsupport {
 
 class CapturedLog final : public platform::SystemLog {
  public:
-  void write(std::string_view message) override {
+  struct Entry {
+    vtl::LogPriority priority;
+    std::string message;
+    std::vector<vtl::LogField> fields;
+    // The field's value; "" when the entry has none of that name.
+    std::string field(std::string_view name) const {
+      for (const vtl::LogField& f : fields) {
+        if (f.name == name) return f.value;
+      }
+      return "";
+    }
+  };
+
+  void write(std::string_view message) override { write_entry({.message = message, .fields = {}}); }
+  void write_entry(const vtl::LogEntry& entry) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    lines_.emplace_back(message);
+    entries_.push_back(
+        {entry.priority, std::string(entry.message), {entry.fields.begin(), entry.fields.end()}});
+  }
+  std::vector<Entry> entries() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return entries_;
   }
   std::vector<std::string> lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
+    std::vector<std::string> out;
+    for (const Entry& e : entries()) out.push_back(e.message);
+    return out;
   }
   bool contains(const std::string& line) const {
     for (const std::string& l : lines()) {
@@ -40,12 +60,12 @@ class CapturedLog final : public platform::SystemLog {
   }
   void clear() {
     std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
+    entries_.clear();
   }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  std::vector<Entry> entries_;
 };
 
 // Code signing that grants whatever `entitlement` holds (nullopt: no value;
