@@ -29,6 +29,7 @@ class RawDisks;
 class MountedVolumes;
 class FileSystemResize;
 class CertificateServices;
+class ServiceManager;
 
 // Every role, as the helper assembles them at start-up. Not owned.
 struct Platform {
@@ -43,6 +44,7 @@ struct Platform {
   MountedVolumes* mounted_volumes = nullptr;
   FileSystemResize* filesystem_resize = nullptr;
   CertificateServices* certificate_services = nullptr;
+  ServiceManager* service_manager = nullptr;  // none: nobody is told how the helper does
 };
 
 }  // namespace platform

@@ -41,6 +41,16 @@ constexpr std::array kCommands = {
     CommandEntry{"moveStagingToFinal:", &VTLHMessageResponder::moveStagingToFinal},
 };
 
+// What the request asks for, for the operator: its command names, read before
+// anything else is made of it.
+std::string request_name(const krx::Value& message) {
+  const auto* entries = message.get<krx::Dictionary>();
+  if (entries == nullptr || entries->empty()) return "(no command)";
+  std::string name;
+  for (const auto& entry : *entries) name += (name.empty() ? "" : " ") + entry.first;
+  return name;
+}
+
 std::optional<Command> lookup(std::string_view name) {
   for (const CommandEntry& entry : kCommands) {
     if (entry.name == name) return entry.command;
@@ -85,8 +95,19 @@ bool VTLHMessageResponder::hasEntitlementVantreld() {
 }
 
 void VTLHMessageResponder::handleKRXMessage(const krx::Value& message) {
+  std::shared_ptr<krx::Connection> peer = connection();
+  RequestRecord record(environment_.service_manager, peer ? &peer->audit_token() : nullptr,
+                       request_name(message));
+  record_ = &record;
+  serve(message, record);
+  record_ = nullptr;
+}
+
+void VTLHMessageResponder::serve(const krx::Value& message, RequestRecord& record) {
   if (!hasEntitlementVantreld()) {
     VTLLog("The client does not have proper entitlement");
+    record.set_outcome(RequestRecord::Outcome::kRefused,
+                       std::string("it does not hold ") + kEntitlement);
     return;
   }
   std::optional<Dictionary> request = krxdictConv::dictionaryWithKRXDictionary(message);
@@ -95,16 +116,20 @@ void VTLHMessageResponder::handleKRXMessage(const krx::Value& message) {
   for (const auto& [key, parameter] : *request) {
     if (key.empty()) {
       VTLLog("selector is nil for %@", key);
+      record.set_outcome(RequestRecord::Outcome::kUnanswered, "it names no command");
       return;
     }
     std::optional<Command> command = lookup(key);
     if (!command) {
       VTLLog("%@ does not respond to %@.", kClassName, key);
+      record.set_outcome(RequestRecord::Outcome::kUnanswered, "no such command");
       return;
     }
     if ((this->**command)(parameter)) {
+      record.set_outcome(RequestRecord::Outcome::kPassed);
       sendPassResponse();
     } else {
+      record.set_outcome(RequestRecord::Outcome::kFailed);
       sendFailResponse();
     }
   }
@@ -118,7 +143,10 @@ void VTLHMessageResponder::send(std::string key, krx::Value value) {
 
 void VTLHMessageResponder::sendPassResponse() { send("Response", true); }
 void VTLHMessageResponder::sendFailResponse() { send("Response", false); }
-void VTLHMessageResponder::sendProgress(std::int64_t percent) { send("Progress", percent); }
+void VTLHMessageResponder::sendProgress(std::int64_t percent) {
+  if (record_ != nullptr) record_->progress(percent);
+  send("Progress", percent);
+}
 void VTLHMessageResponder::sendData(std::span<const std::uint8_t> bytes) {
   send("Data", krx::Data(bytes.begin(), bytes.end()));
 }
@@ -135,7 +163,12 @@ bool VTLHMessageResponder::confined(const char* method, std::string_view command
   } else {
     VTLLog("%s: Refusing %@ %@: %@.", method, parameter, *path, *why);
   }
+  refused(*path + ": " + *why);
   return false;
+}
+
+void VTLHMessageResponder::refused(std::string_view why) {
+  if (record_ != nullptr) record_->set_outcome(RequestRecord::Outcome::kRefused, why);
 }
 
 // --- Commands ---------------------------------------------------------------
@@ -161,6 +194,7 @@ bool VTLHMessageResponder::prepareLogContainer(const Value& parameter) {
         confined(kMethod, "prepareLogContainer:", "", path);
     if (!allowed) {
       VTLLog("%s: creating logs under %@ is not allowed.", kMethod, *path);
+      refused("creating logs under " + *path + " is not allowed");
       return false;
     }
   }

@@ -23,6 +23,8 @@
 #include "krx/value.h"
 #include "partition/resize.h"
 #include "platform/code_signing.h"
+#include "platform/service_manager.h"
+#include "service/request_record.h"
 
 namespace vtl {
 
@@ -36,6 +38,8 @@ class VTLHMessageResponder {
   struct Environment {
     platform::CodeSigning* code_signing = nullptr;
     StorageRoles storage;
+    // Told when the helper serves and what it serves (none: nobody is told).
+    platform::ServiceManager* service_manager = nullptr;
   };
   void setUp(const Environment& environment) { environment_ = environment; }
 
@@ -44,6 +48,8 @@ class VTLHMessageResponder {
   bool hasEntitlementVantreld();
   // Runs one request. An unentitled sender gets no reply of any kind.
   void handleKRXMessage(const krx::Value& message);
+  // Tells the service manager that the helper now serves its socket.
+  void reportReady() const { report_ready(environment_.service_manager); }
 
   void sendPassResponse();
   void sendFailResponse();
@@ -79,15 +85,20 @@ class VTLHMessageResponder {
  private:
   VTLHMessageResponder() = default;
   void send(std::string key, krx::Value value);
+  void serve(const krx::Value& message, RequestRecord& record);
   // Whether `path`, given to `command` (under `parameter`, "" for the value
   // itself), lies where that command may act (confinement.h); logs the
   // refusal under `method` when it does not. An absent path is left to the
   // operation.
-  static bool confined(const char* method, std::string_view command, std::string_view parameter,
-                       const std::string* path);
+  bool confined(const char* method, std::string_view command, std::string_view parameter,
+                const std::string* path);
+  // Notes a refusal on the request being served.
+  void refused(std::string_view why);
 
   std::weak_ptr<krx::Connection> connection_;
   Environment environment_;
+  // The request being served, while one is.
+  RequestRecord* record_ = nullptr;
 };
 
 }  // namespace vtl

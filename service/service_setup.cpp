@@ -36,8 +36,9 @@ VTLSignedManifest::Roles signing_roles(const platform::Platform& platform) {
 
 void set_up_service(const platform::Platform& platform) {
   VTLLogModel::sharedInstance().setSystemLog(platform.system_log);
-  VTLHMessageResponder::sharedInstance().setUp(
-      {.code_signing = platform.code_signing, .storage = storage_roles(platform)});
+  VTLHMessageResponder::sharedInstance().setUp({.code_signing = platform.code_signing,
+                                                .storage = storage_roles(platform),
+                                                .service_manager = platform.service_manager});
   // Never destroyed: the helper ends by exit() from inside a request.
   static TransactionKeepAlive* const keep_alive = new TransactionKeepAlive();
   VTLHOperations::sharedInstance().setUp({.files = file_roles(platform),

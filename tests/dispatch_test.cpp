@@ -2,11 +2,13 @@
 // path rule, request conversion and progress, with replies read back from the
 // other end of a real socket.
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 
 #include <gtest/gtest.h>
 
+#include "base/VTLLog.h"
 #include "krx/client.h"
 #include "krx/connection.h"
 #include "service/VTLHMessageResponder.h"
@@ -30,6 +32,8 @@ class DispatchTest : public ::testing::Test {
     server_ = krx::Connection::from_socket(fds[0]);
     client_.emplace(krx::Client::from_socket(fds[1]));
     platform_.signing.entitlement = vtl::Value(true);
+    platform_.roles.service_manager = &manager_;
+    platform_.apply();
     responder().setConnection(server_);
   }
   ~DispatchTest() override { responder().setConnection(nullptr); }
@@ -47,10 +51,21 @@ class DispatchTest : public ::testing::Test {
     }
   }
 
+  // The client as the operator's lines name it: this process, from the far end.
+  std::string client() const { return vtl::RequestRecord::describe(&server_->audit_token()); }
+
   static krx::Value response(bool ok) { return dict({{"Response", ok}}); }
   static krx::Value progress(std::int64_t p) { return dict({{"Progress", p}}); }
 
+  // What the service manager was told.
+  struct RecordingManager final : platform::ServiceManager {
+    void ready(std::string_view status) override { statuses.emplace_back(status); }
+    void status(std::string_view status) override { statuses.emplace_back(status); }
+    std::vector<std::string> statuses;
+  };
+
   TempDir device_;
+  RecordingManager manager_;
   testsupport::TestPlatform platform_;
   std::shared_ptr<krx::Connection> server_;
   std::optional<krx::Client> client_;
@@ -77,15 +92,64 @@ TEST_F(DispatchTest, UnentitledClientsGetNoReplyAtAll) {
        true,
        {std::string(method) + ": Cannot create SecTask from audit token", refusal}},
   };
-  for (const Case& c : cases) {
+  // Beside the system's own lines, one for the operator that names who was refused.
+  const std::string named = "Request removeWorkContainer: from " + client() +
+                            " refused: it does not hold com.tessal.private.vantrel.vantreld";
+  for (Case c : cases) {
     SCOPED_TRACE(c.name);
     platform_.log.clear();
     platform_.signing.entitlement = c.entitlement;
     platform_.signing.no_task = c.no_task;
     responder().handleKRXMessage(dict({{"removeWorkContainer:", "/private/var/nothing-here"}}));
     EXPECT_TRUE(replies().empty());
+    c.log.push_back(named);
     EXPECT_EQ(platform_.log.lines(), c.log);
+    EXPECT_EQ(platform_.log.entries().back().priority, vtl::LogPriority::kWarning);
   }
+}
+
+// What the operator is told of each request: a closing line whose priority
+// and result say how it ended, the request's fields on every line logged
+// while it ran, and the service manager's status.
+TEST_F(DispatchTest, EachRequestEndsWithALineForTheOperator) {
+  struct Case {
+    krx::Value request;
+    vtl::LogPriority priority;
+    std::string result;
+  };
+  const std::string gone = "/private/var/VTLWorkContainer/absent-in-dispatch-test";
+  const Case cases[] = {
+      {dict({{"removeWorkContainer:", gone}}), vtl::LogPriority::kInfo, "passed"},
+      {dict({{"writeNvram:", "not a dictionary"}}), vtl::LogPriority::kError, "failed"},
+      {dict({{"removeWorkContainer:", "/etc"}}), vtl::LogPriority::kWarning, "refused"},
+      {dict({{"noSuchCommand:", true}}), vtl::LogPriority::kWarning, "unanswered"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.result);
+    platform_.log.clear();
+    manager_.statuses.clear();
+    responder().handleKRXMessage(c.request);
+    static_cast<void>(replies());
+    const std::vector<testsupport::CapturedLog::Entry> entries = platform_.log.entries();
+    ASSERT_GE(entries.size(), 2U);
+    const testsupport::CapturedLog::Entry& first = entries.front();
+    const testsupport::CapturedLog::Entry& last = entries.back();
+    const std::string name = std::get<krx::Dictionary>(c.request.storage()).front().first;
+    EXPECT_EQ(first.field("VTL_REQUEST"), name);
+    EXPECT_EQ(first.field("VTL_CLIENT_PID"), std::to_string(::getpid()));
+    EXPECT_EQ(first.field("VTL_CLIENT_UID"), std::to_string(::getuid()));
+    EXPECT_TRUE(last.message.starts_with("Request " + name + " from " + client() + " " + c.result))
+        << last.message;
+    EXPECT_EQ(last.priority, c.priority);
+    EXPECT_EQ(last.field("VTL_RESULT"), c.result);
+    EXPECT_NE(last.field("VTL_DURATION_MS"), "");
+    EXPECT_EQ(manager_.statuses, (std::vector<std::string>{"Serving " + name + " for " + client(),
+                                                           "Waiting for requests"}));
+  }
+  // Lines outside a request carry no request's fields.
+  platform_.log.clear();
+  vtl::VTLLog("between requests");
+  EXPECT_EQ(platform_.log.entries().at(0).field("VTL_REQUEST"), "");
 }
 
 TEST_F(DispatchTest, UnknownOrUnnamedCommandsStopTheMessage) {
@@ -139,7 +203,9 @@ TEST_F(DispatchTest, LogPathsOutsideTheLogRootsAreRefused) {
               (std::vector<std::string>{
                   "Entering -[VTLHMessageResponder prepareLogContainer:] with parameter: " + path,
                   "-[VTLHMessageResponder prepareLogContainer:]: creating logs under " + path +
-                      " is not allowed."}));
+                      " is not allowed.",
+                  "Request prepareLogContainer: from " + client() +
+                      " refused: creating logs under " + path + " is not allowed"}));
     EXPECT_EQ(replies(), std::vector{response(false)});
   }
 }

@@ -1,5 +1,8 @@
 // The helper as the service manager runs it: its units pass systemd's own
 // checks, and systemd's socket activator starts it on the first connection.
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +32,37 @@ std::optional<std::string> find_program(const std::string& name) {
   }
   return std::nullopt;
 }
+
+// The service manager's end of the notification protocol: a datagram socket.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path) : path_(path) {
+    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const timeval wait{.tv_sec = 10, .tv_usec = 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  }
+  ~NotifySocket() {
+    ::close(fd_);
+    ::unlink(path_.c_str());
+  }
+  NotifySocket(const NotifySocket&) = delete;
+  NotifySocket& operator=(const NotifySocket&) = delete;
+
+  // The next message; "" when none came in time.
+  std::string receive() const {
+    char buffer[4096];
+    const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+    return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : "";
+  }
+
+ private:
+  std::string path_;
+  int fd_;
+};
 
 TEST(Units, PassSystemdVerification) {
   std::optional<std::string> analyze = find_program("systemd-analyze");
@@ -68,7 +102,11 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   vtldctl::HelperStart how;
   how.program = *activate;
   // The activator's own options, then the helper's command line.
-  how.arguments = {"-l", socket, "-E", "ASAN_OPTIONS=detect_leaks=0"};
+  // The unit's Type=notify: the helper says when it serves, and what it serves.
+  const std::string notify_path = root + ".notify";
+  NotifySocket notify(notify_path);
+  how.arguments = {
+      "-l", socket, "-E", "ASAN_OPTIONS=detect_leaks=0", "-E", "NOTIFY_SOCKET=" + notify_path};
   how.arguments.insert(how.arguments.end(),
                        {"--fdname=com.tessal.vantreldhelper", helper, "--root", root});
   how.errors = vtldctl::HelperStream::file(log);
@@ -82,6 +120,9 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   EXPECT_EQ(testsupport::request(
                 *client, testsupport::dict({{"removeWorkContainer:", "/private/var/none"}})),
             std::vector{testsupport::dict({{"Response", true}})});
+  EXPECT_EQ(notify.receive(), "READY=1\nSTATUS=Waiting for requests");
+  EXPECT_TRUE(notify.receive().starts_with("STATUS=Serving removeWorkContainer: for pid "));
+  EXPECT_EQ(notify.receive(), "STATUS=Waiting for requests");
   const int status = activator->stop(20s).value_or(-1);
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);

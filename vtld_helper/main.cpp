@@ -39,6 +39,7 @@
 #include "platform/power.h"
 #include "platform/protection_classes.h"
 #include "platform/raw_disk.h"
+#include "platform/service_manager.h"
 #include "platform/system_log.h"
 #include "service/service_setup.h"
 #include "vtl_version.h"
@@ -167,6 +168,13 @@ int main(int argc, char** argv) {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 
   std::unique_ptr<platform::SystemLog> system_log;
+  // Reached before any confinement: the manager's socket is outside the device.
+  std::string notify_error;
+  std::unique_ptr<platform::ServiceManager> service_manager =
+      platform::make_notify_service_manager(&notify_error);
+  if (!notify_error.empty()) {
+    static_cast<void>(std::fprintf(stderr, "vtld_helper: %s\n", notify_error.c_str()));
+  }
   int proc_fd = -1;
   const bool simulated = !root.empty();
   // The kernel's block devices and their nodes, for the partition GUIDs of
@@ -183,7 +191,7 @@ int main(int argc, char** argv) {
     system_log = syslog_on_device ? platform::make_syslog_system_log("vtld_helper")
                                   : platform::make_stderr_system_log();
   } else {
-    system_log = platform::make_syslog_system_log("vtld_helper");
+    system_log = platform::make_host_system_log("vtld_helper");
     proc_fd = ::open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC);
   }
 
@@ -193,6 +201,7 @@ int main(int argc, char** argv) {
   // nothing may be torn down under a request still being served.
   auto* the_platform = new platform::Platform();
   the_platform->system_log = system_log.release();
+  the_platform->service_manager = service_manager.release();
   the_platform->accounts = platform::make_passwd_accounts("/").release();
   restrict_socket(*the_platform->accounts, simulated, socket_group);
   // Clients are identified through /proc when their connections are

@@ -1,10 +1,12 @@
 #include "vtld_helper/vtld_helper.h"
 
 #include <cstdlib>
+#include <string>
 
 #include "base/VTLLog.h"
 #include "base/VTLLogModel.h"
 #include "service/VTLHMessageResponder.h"
+#include "vtl_version.h"
 
 namespace vtl {
 namespace {
@@ -26,13 +28,18 @@ std::shared_ptr<krx::Connection> g_listener;
 
 int VTLH_start_listener() {
   if (g_listener) return 0;
-  g_listener = krx::Connection::create_mach_service(kServiceName, krx::kConnectionListener);
+  std::string why;
+  g_listener = krx::Connection::create_mach_service(kServiceName, krx::kConnectionListener, &why);
   if (!g_listener) {
     VTLLog("Could not create KRX listener.");
+    // Why, for the operator, beside the system's own line.
+    VTLLogModel::sharedInstance().logToSystem(LogPriority::kError,
+                                              "Could not create KRX listener: " + why);
     std::exit(1);
   }
   g_listener->set_event_handler(VTLH_handle_listener_event);
   g_listener->resume();
+  VTLHMessageResponder::sharedInstance().reportReady();
   return 0;
 }
 
@@ -86,7 +93,11 @@ void VTLH_handle_connection(const std::shared_ptr<krx::Connection>& connection) 
 }
 
 void VTLH_main(const char* program_path) {
+  // The start line carries the version to the system log.
+  VTLLogModel& log = VTLLogModel::sharedInstance();
+  log.setContextFields({{"VTL_VERSION", VTL_VERSION}});
   VTLLog("%s started", program_path);
+  log.setContextFields({});
   // Without file logging the helper still serves; its lines then reach only
   // the system log.
   static_cast<void>(VTLLogModel::sharedInstance().enableLogToFilesUnder_prefix_expireDays(
