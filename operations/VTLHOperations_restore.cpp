@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/VTLLog.h"
+#include "base/VTLLogModel.h"
 #include "base/binary_plist_reader.h"
 #include "base/errors.h"
 #include "base/path.h"
@@ -91,6 +92,11 @@ std::unique_ptr<VTLSignedManifest> load_signed_manifest(const std::string* path,
       path != nullptr ? FileInputStream::inputStreamWithFileAtPath(*path, &error) : nullptr;
   if (!stream) {
     VTLLog(kCannotOpen);
+    // Which file and why, for the operator, beside the system's own line.
+    VTLLogModel::sharedInstance().logToSystem(
+        LogPriority::kError,
+        path == nullptr ? "Cannot open manifest file: no path was given"
+                        : "Cannot open manifest file " + *path + ": " + error_description(error));
     return nullptr;
   }
   std::unique_ptr<VTLSignedManifest> manifest =

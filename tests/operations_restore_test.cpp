@@ -205,7 +205,12 @@ TEST_F(RestoreTest, AManifestThatCannotBeOpenedAsAStream) {
     EXPECT_FALSE(vtl::VTLHOperations::sharedInstance()
                      .restoreAttributesUnder_fromManifest_containerType_identifier(
                          &staging_, path, nullptr, nullptr));
-    EXPECT_EQ(log(), (std::vector<std::string>{kLoading, "Cannot open manifest file."}));
+    const std::string why = path != nullptr ? " " + *path + ": " : ": no path was given";
+    const std::vector<std::string> lines = log();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], kLoading);
+    EXPECT_EQ(lines[1], "Cannot open manifest file.");
+    EXPECT_TRUE(lines[2].starts_with("Cannot open manifest file" + why)) << lines[2];
   }
 }
 
