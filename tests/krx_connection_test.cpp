@@ -223,16 +223,27 @@ TEST_F(KrxConnectionTest, ListenerSocketIsOpenToEveryLocalUser) {
 }
 
 TEST_F(KrxConnectionTest, ListenerCannotBeCreated) {
-  // No listener, and nothing disturbed, when the place to bind is unusable.
-  set_run_directory(dir_.path() + "/missing");
-  EXPECT_EQ(Connection::create_mach_service(name_, kConnectionListener), nullptr);
-
-  set_run_directory(dir_.path());
-  EXPECT_EQ(Connection::create_mach_service(std::string(200, 'x'), kConnectionListener), nullptr);
-  EXPECT_EQ(Connection::create_mach_service("../escape", kConnectionListener), nullptr);
-
+  // No listener, and nothing disturbed, when the place to bind is unusable;
+  // the reason names the path and, where a call failed, its error.
+  struct Case {
+    std::string run_directory;
+    std::string name;
+    std::string why;
+  };
   { std::ofstream(socket_path()) << "not a socket"; }
-  EXPECT_EQ(Connection::create_mach_service(name_, kConnectionListener), nullptr);
+  const std::string missing = dir_.path() + "/missing";
+  const Case cases[] = {
+      {missing, name_, "cannot bind " + missing + "/." + name_},
+      {dir_.path(), std::string(200, 'x'), "the socket path " + dir_.path() + "/xxx"},
+      {dir_.path(), "../escape", "the service name ../escape is not one path component"},
+      {dir_.path(), name_, socket_path() + " exists and is not a socket"},
+  };
+  for (const Case& c : cases) {
+    set_run_directory(c.run_directory);
+    std::string why;
+    EXPECT_EQ(Connection::create_mach_service(c.name, kConnectionListener, &why), nullptr);
+    EXPECT_TRUE(why.starts_with(c.why)) << why;
+  }
   std::ifstream kept(socket_path());
   std::string text;
   std::getline(kept, text);
