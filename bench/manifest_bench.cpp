@@ -269,8 +269,21 @@ void drop_caches() {
   std::ofstream("/proc/sys/vm/drop_caches") << "3\n";
 }
 
+// Whether `program` is on the path. A comparison tool that is not gets no
+// row: say so loudly, with the Debian package that has it, rather than let a
+// shorter table pass for the whole comparison.
 bool have(const std::string& program) {
-  return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+  if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0) return true;
+  static const std::map<std::string, std::string> kPackages = {{"mtree", "mtree-netbsd"},
+                                                               {"bsdtar", "libarchive-tools"},
+                                                               {"sha1deep", "hashdeep"},
+                                                               {"python3", "python3"}};
+  const auto package = kPackages.find(program);
+  fmt::print(stderr,
+             "manifest_bench: MISSING {}: its rows are left out of this run. Install it with "
+             "`scripts/install-deps --bench` (Debian package {}).\n",
+             program, package != kPackages.end() ? package->second : program);
+  return false;
 }
 
 // --- The trees -------------------------------------------------------------------

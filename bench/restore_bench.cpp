@@ -226,9 +226,15 @@ Options parse(int argc, char** argv) {
 int main(int argc, char** argv) {
   Options options = parse(argc, argv);
   if (::geteuid() != 0) die("run as root: the helper confines itself with chroot");
-  for (const char* tool : {"mtree", "setfattr", "getfattr"}) {
+  // The comparison is the whole point: without its tools, no run at all.
+  const std::pair<const char*, const char*> tools[] = {
+      {"mtree", "mtree-netbsd"}, {"setfattr", "attr"}, {"getfattr", "attr"}};
+  for (const auto& [tool, package] : tools) {
     if (std::system(fmt::format("command -v {} >/dev/null", tool).c_str()) != 0) {
-      die(fmt::format("{} is missing: scripts/install-deps --bench", tool));
+      die(
+          fmt::format("{} is missing: install it with `scripts/install-deps --bench` (Debian "
+                      "package {})",
+                      tool, package));
     }
   }
   if (options.helper.empty()) {
