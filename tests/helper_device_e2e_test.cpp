@@ -152,8 +152,9 @@ TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {
   ASSERT_GE(syslog, 0);
   device.start({"--syslog"});
   krx::Client client = device.connect();
-  EXPECT_EQ(request(client, dict({{"removeWorkContainer:", "/private/var/none"}})),
-            std::vector{kTrue});
+  // A request that fails, so that its line goes out at priority err.
+  EXPECT_EQ(request(client, dict({{"writeNvram:", "not a dictionary"}})),
+            std::vector{dict({{"Response", false}})});
   std::string received;
   const auto deadline = std::chrono::steady_clock::now() + 20s;
   while (received.find("Message handled") == std::string::npos &&
@@ -167,6 +168,10 @@ TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {
   ::close(syslog);
   EXPECT_NE(received.find("vtld_helper["), std::string::npos) << received;
   EXPECT_NE(received.find("started"), std::string::npos) << received;
+  // The daemon facility (3), at info (6) for the system's lines and err (3)
+  // for a failed request's.
+  EXPECT_NE(received.find("<30>"), std::string::npos) << received;
+  EXPECT_NE(received.find("<27>"), std::string::npos) << received;
   EXPECT_NE(received.find("Message handled"), std::string::npos) << received;
   EXPECT_EQ(device.system_log().find("Message handled"), std::string::npos);
 }
