@@ -69,8 +69,12 @@ lint: build
 # packages: the target of an install is no build machine. Without DESTDIR,
 # systemd (where it runs) picks the units up.
 install:
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
-	  $(CMAKE_ARGS)
+	if [ -f $(BUILD)/CMakeCache.txt ]; then \
+	  cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS); \
+	else \
+	  cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
+	    $(CMAKE_ARGS); \
+	fi
 	cmake --build $(BUILD) -j $(JOBS) --target vtld_helper vtldctl man_pages package_changelog
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD)
 	if [ -z "$(DESTDIR)" ] && [ -d /run/systemd/system ]; then systemctl daemon-reload; fi
