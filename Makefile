@@ -92,6 +92,7 @@ package:
 	  cmake -S . -B $(BUILD_PKG) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
 	  -DVTL_TESTS=OFF -DVTL_WERROR=OFF $(CMAKE_ARGS)
 	cmake --build $(BUILD_PKG) -j $(JOBS) --target vtld_helper vtldctl man_pages package_changelog
+	rm -f $(BUILD_PKG)/vtld-helper_*.deb
 	cd $(BUILD_PKG) && cpack -G DEB
 	lintian --fail-on error --info $(BUILD_PKG)/vtld-helper_*.deb
 
