@@ -42,6 +42,7 @@
 #include "platform/service_manager.h"
 #include "platform/system_log.h"
 #include "service/service_setup.h"
+#include "vtl_paths.h"
 #include "vtl_version.h"
 #include "vtld_helper/privileges.h"
 #include "vtld_helper/vtld_helper.h"
@@ -207,13 +208,18 @@ int main(int argc, char** argv) {
   // Clients are identified through /proc when their connections are
   // accepted (krx) and when their messages are checked (code signing).
   krx::set_proc_directory(proc_fd);
+  // Entitlements and signer policies live in the device's /etc; on a host,
+  // in the sysconfdir the helper was built for (vtl_paths.h).
+  const std::string configuration_root = simulated ? "/" : VTL_CONFIGURATION_ROOT;
   the_platform->code_signing =
-      platform::make_entitlement_files("/", proc_fd, the_platform->accounts).release();
+      platform::make_entitlement_files(configuration_root, proc_fd, the_platform->accounts)
+          .release();
   // Both backends keep protection classes the same way (protection_classes.h).
   the_platform->protection_classes = platform::make_xattr_protection_classes().release();
-  // Both backends read the signer policies from /etc/vtld/trust, inside the
+  // Both backends read the signer policies from etc/vtld/trust, inside the
   // device or on the host (certificate_services.h).
-  the_platform->certificate_services = platform::make_openssl_certificate_services("/").release();
+  the_platform->certificate_services =
+      platform::make_openssl_certificate_services(configuration_root).release();
   if (simulated) {
     the_platform->device_registry = platform::make_sim_registry("/").release();
     the_platform->power = platform::make_sim_power("/").release();
