@@ -248,10 +248,12 @@ bool VTLFileMetadata::restoreAttribuesToPath(const platform::ItemAt& item,
   const std::string* type = getFileType();
   bool result = false;
   if (type != nullptr && *type == keys::kTypeSymbolicLink) {
-    // Results ignored: a link that cannot be re-owned keeps its owner.
-    static_cast<void>(
+    // A link that cannot be re-owned keeps its owner; the result does not
+    // depend on it. (Kept in a variable: a fortified build will not let the
+    // result be cast away.)
+    [[maybe_unused]] const int ignored =
         ::fchownat(item.directory, item.name, id_or_keep<uid_t>(attributes, keys::kOwnerAccountID),
-                   id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID), AT_SYMLINK_NOFOLLOW));
+                   id_or_keep<gid_t>(attributes, keys::kGroupOwnerAccountID), AT_SYMLINK_NOFOLLOW);
   } else {
     // set_attributes reads nothing but the settable keys and the protection
     // class, so the recorded dictionary applied without its class is its
