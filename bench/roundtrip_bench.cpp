@@ -121,6 +121,7 @@ std::vector<double> measure(int clients, int count,
   std::vector<std::vector<double>> per_client(static_cast<std::size_t>(clients));
   std::atomic<int> ready{0};
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(clients));
   for (int c = 0; c < clients; ++c) {
     threads.emplace_back([&, c] {
       std::vector<double>& out = per_client[static_cast<std::size_t>(c)];

@@ -62,6 +62,10 @@ constexpr const char* kUsage =
     "               device, a group of DIR/etc/group); on a host the group \"vtld\" is\n"
     "               taken when it exists\n";
 
+// Where a host's configuration is read (vtl_paths.h): "/" unless the build
+// named another sysconfdir.
+constexpr std::string_view kHostConfigurationRoot = VTL_CONFIGURATION_ROOT;
+
 [[noreturn]] void fail(const std::string& message) {
   static_cast<void>(std::fprintf(stderr, "vtld_helper: %s\n", message.c_str()));
   std::exit(1);
@@ -210,7 +214,8 @@ int main(int argc, char** argv) {
   krx::set_proc_directory(proc_fd);
   // Entitlements and signer policies live in the device's /etc; on a host,
   // in the sysconfdir the helper was built for (vtl_paths.h).
-  const std::string configuration_root = simulated ? "/" : VTL_CONFIGURATION_ROOT;
+  const std::string configuration_root =
+      simulated ? std::string("/") : std::string(kHostConfigurationRoot);
   the_platform->code_signing =
       platform::make_entitlement_files(configuration_root, proc_fd, the_platform->accounts)
           .release();
