@@ -7,11 +7,11 @@
 #include <string_view>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 namespace {
@@ -79,28 +79,6 @@ std::string iso_date(vtl::Date date) {
                      time.hours().count(), time.minutes().count(), time.seconds().count(), micros);
 }
 
-nlohmann::json to_json(const vtl::Value& v) {
-  struct Visitor {
-    nlohmann::json operator()(const std::string& s) const { return s; }
-    nlohmann::json operator()(bool b) const { return b; }
-    nlohmann::json operator()(std::int64_t i) const { return i; }
-    nlohmann::json operator()(double d) const { return d; }
-    nlohmann::json operator()(const vtl::Date& d) const { return iso_date(d); }
-    nlohmann::json operator()(const vtl::Data& d) const { return hex(d); }
-    nlohmann::json operator()(const vtl::Array& a) const {
-      nlohmann::json out = nlohmann::json::array();
-      for (const vtl::Value& item : a) out.push_back(to_json(item));
-      return out;
-    }
-    nlohmann::json operator()(const vtl::Dictionary& d) const {
-      nlohmann::json out = nlohmann::json::object();
-      for (const auto& [key, item] : d) out[key] = to_json(item);
-      return out;
-    }
-  };
-  return std::visit(Visitor{}, v.storage());
-}
-
 // What differs, for the differences whose values say something.
 std::string difference_detail(int comparison, const vtl::Value& a, const vtl::Value& b) {
   switch (comparison) {
@@ -132,6 +110,28 @@ std::string difference_detail(int comparison, const vtl::Value& a, const vtl::Va
 }
 
 }  // namespace
+
+Json json_from_value(const vtl::Value& v) {
+  struct Visitor {
+    Json operator()(const std::string& s) const { return s; }
+    Json operator()(bool b) const { return b; }
+    Json operator()(std::int64_t i) const { return i; }
+    Json operator()(double d) const { return d; }
+    Json operator()(const vtl::Date& d) const { return iso_date(d); }
+    Json operator()(const vtl::Data& d) const { return hex(d); }
+    Json operator()(const vtl::Array& a) const {
+      Json out = Json::array();
+      for (const vtl::Value& item : a) out.push_back(json_from_value(item));
+      return out;
+    }
+    Json operator()(const vtl::Dictionary& d) const {
+      Json out = Json::object();
+      for (const auto& [key, item] : d) out[key] = json_from_value(item);
+      return out;
+    }
+  };
+  return std::visit(Visitor{}, v.storage());
+}
 
 std::optional<vtl::Dictionary> read_manifest(const std::string& file, std::string* error) {
   std::optional<vtl::Value> value = vtl::read_plist_file(file, kMaxManifestBytes);
@@ -205,7 +205,7 @@ int manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE*
     return kExitLocalFailure;
   }
   if (json) {
-    fmt::print(out, "{}\n", to_json(vtl::Value(*manifest)).dump(2));
+    print_json_line(out, json_from_value(vtl::Value(*manifest)));
     return kExitSuccess;
   }
   fmt::print(out, "{}: {} records\n", file, manifest->size());

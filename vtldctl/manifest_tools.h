@@ -6,9 +6,9 @@
 //                        owner and group, size, protection class, the start
 //                        of the SHA-1, the path, a link's target and the
 //                        names of extended attributes. With --json the whole
-//                        manifest as JSON: dictionaries as objects, byte data
-//                        as lower-case hex strings, dates as ISO 8601 UTC
-//                        strings to the microsecond.
+//                        manifest as one JSON object on one line: dictionaries as objects, byte
+//                        data as lower-case hex strings, dates as ISO 8601 UTC strings to the
+//                        microsecond.
 //   diff A B             for each path in both, how B's record differs from
 //                        A's in the helper's own terms (compareWith: file
 //                        type, contents, link target, owner/group/mode,
@@ -25,6 +25,7 @@
 #include <string>
 
 #include "base/value.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 
@@ -35,6 +36,9 @@ int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, st
 std::optional<vtl::Dictionary> read_manifest(const std::string& file, std::string* error);
 // The one-line form of a record, as `show` prints it.
 std::string record_line(const std::string& path, const vtl::Value& record);
+// `v` as JSON: dictionaries as objects, data as lower-case hex, dates as
+// ISO 8601 UTC strings to the microsecond.
+Json json_from_value(const vtl::Value& v);
 // What a compareWith result means, in words.
 std::string difference_in_words(int comparison);
 

@@ -10,6 +10,7 @@
 
 #include "base/service_name.h"
 #include "platform/sim/device.h"
+#include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
 
 namespace vtldctl {
@@ -57,6 +58,9 @@ std::string create_simulated_device(const std::string& dir, std::string* absolut
   // A trailing "/" normalises to an empty last component; drop it so that
   // the paths printed and the socket path read naturally.
   *absolute_dir = absolute.has_filename() ? absolute.string() : absolute.parent_path().string();
+  // Refused before anything is made: its helper could not serve it.
+  const std::string problem = socket_path_problem(device_socket_path(*absolute_dir));
+  if (!problem.empty()) return problem + "; choose a shorter DIR";
 
   const std::string self = own_executable();
   if (self.empty()) return "cannot read this program's own path from /proc/self/exe";
