@@ -256,15 +256,18 @@ Action add_send_command(CLI::App& app, const GlobalOptions& global) {
   return {send, [&global, json] { return send_json(global, *json); }};
 }
 
-Action add_sim_commands(CLI::App& app) {
+Action add_sim_commands(CLI::App& app, const GlobalOptions& global) {
   auto dir = std::make_shared<std::string>();
   CLI::App* sim = app.add_subcommand("sim", "Simulated devices");
   sim->require_subcommand(1);
   CLI::App* create = sim->add_subcommand(
       "create", "Lay out a simulated device in DIR, with this vtldctl entitled as a client");
   create->add_option("DIR", *dir, "A directory that does not exist or is empty")->required();
-  create->footer("Serve the device with `vtld_helper --root DIR` (as root).");
-  return {create, [dir] { return vtldctl::sim_create(*dir, stdout, stderr); }, false};
+  create->footer(
+      "Serve the device with `vtld_helper --root DIR` (as root).\n"
+      "With --json, one object: {\"Device\", \"Socket\", \"EntitledClient\"}.");
+  return {create,
+          [dir, &global] { return vtldctl::sim_create(*dir, global.json, stdout, stderr); }};
 }
 
 Action add_disk_commands(CLI::App& app, const GlobalOptions& global) {
@@ -313,18 +316,20 @@ std::vector<Action> add_manifest_commands(CLI::App& app, const GlobalOptions& gl
       ->required();
   diff->footer(
       "Exit status: 0 when nothing differs, 1 when something does, 4 when a file cannot be\n"
-      "read as a manifest.");
+      "read as a manifest.\n"
+      "With --json, one object per line: {\"Path\", \"Difference\", \"Detail\"} for a path in\n"
+      "both, {\"Path\", \"OnlyIn\"} for a path in one, and last {\"Both\", \"Differ\", "
+      "\"OnlyInA\",\n"
+      "\"OnlyInB\"}.");
   return {{show,
            [values, &global] {
              return vtldctl::manifest_show(global.host_path(values->a), global.json, stdout,
                                            stderr);
            }},
-          {diff,
-           [values, &global] {
+          {diff, [values, &global] {
              return vtldctl::manifest_diff(global.host_path(values->a), global.host_path(values->b),
-                                           stdout, stderr);
-           },
-           false}};
+                                           global.json, stdout, stderr);
+           }}};
 }
 
 // The payload's sources: a raw property list, or staging trees (not both).
@@ -371,7 +376,8 @@ void add_envelope_options(CLI::App& create, vtldctl::SignedManifestCreateOptions
   create.add_flag("--xml", options.xml, "Write the envelope as XML");
   create.footer(
       "Without --key, --root DIR signs with the simulated device's own test signer\n"
-      "(DIR/sim/test-signer), which that device accepts while its \"SigningFuse\" is false.");
+      "(DIR/sim/test-signer), which that device accepts while its \"SigningFuse\" is false.\n"
+      "With --json, one object: {\"Wrote\", \"Bytes\", \"PayloadBytes\", \"Chain\"}.");
 }
 
 Action add_signed_manifest_create(CLI::App& group, const GlobalOptions& global) {
@@ -381,12 +387,11 @@ Action add_signed_manifest_create(CLI::App& group, const GlobalOptions& global) 
   create->add_option("OUTPUT", options->output, "The signed manifest to write")->required();
   add_payload_options(*create, *options);
   add_envelope_options(*create, *options);
-  return {create,
-          [options, &global] {
+  return {create, [options, &global] {
             options->device_root = global.root;
+            options->json = global.json;
             return vtldctl::signed_manifest_create(*options, stdout, stderr);
-          },
-          false};
+          }};
 }
 
 std::vector<Action> add_signed_manifest_commands(CLI::App& app, const GlobalOptions& global) {
@@ -569,7 +574,7 @@ int run(int argc, char** argv) {
   // Registered in the order --help lists them; dispatched tools first.
   const std::vector<Action> helper_commands = add_helper_commands(app, global);
   const Action send = add_send_command(app, global);
-  std::vector<Action> actions = {add_sim_commands(app), add_disk_commands(app, global)};
+  std::vector<Action> actions = {add_sim_commands(app, global), add_disk_commands(app, global)};
   std::ranges::move(add_manifest_commands(app, global), std::back_inserter(actions));
   std::ranges::move(add_signed_manifest_commands(app, global), std::back_inserter(actions));
   actions.push_back(add_demo_command(app, global));

@@ -14,7 +14,10 @@
 //                        type, contents, link target, owner/group/mode,
 //                        extended attributes), then the paths found in one
 //                        only. Dates, sizes, names and protection classes do
-//                        not count, as they do not for the helper.
+//                        not count, as they do not for the helper. With
+//                        --json one object per line: {"Path", "Difference",
+//                        "Detail"}, {"Path", "OnlyIn"}, and last {"Both",
+//                        "Differ", "OnlyInA", "OnlyInB"}.
 //
 // Exit status: 0 (diff: no difference), 1 (diff: a difference), 4 when a
 // file cannot be read or is not a manifest.
@@ -30,7 +33,8 @@
 namespace vtldctl {
 
 int manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE* err);
-int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, std::FILE* err);
+int manifest_diff(const std::string& a, const std::string& b, bool json, std::FILE* out,
+                  std::FILE* err);
 
 // A manifest file as its dictionary; nullopt and `error` set otherwise.
 std::optional<vtl::Dictionary> read_manifest(const std::string& file, std::string* error);

@@ -445,8 +445,15 @@ int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE
     fmt::print(err, "vtldctl: cannot write {}: {}\n", options.output, vtl::error_description(code));
     return kExitLocalFailure;
   }
-  fmt::print(out, "wrote {} ({} bytes; payload {} bytes, signed by a chain of {})\n",
-             options.output, bytes.size(), payload.size(), signer->chain().size());
+  if (options.json) {
+    print_json_line(out, {{"Wrote", options.output},
+                          {"Bytes", bytes.size()},
+                          {"PayloadBytes", payload.size()},
+                          {"Chain", signer->chain().size()}});
+  } else {
+    fmt::print(out, "wrote {} ({} bytes; payload {} bytes, signed by a chain of {})\n",
+               options.output, bytes.size(), payload.size(), signer->chain().size());
+  }
   return kExitSuccess;
 }
 

@@ -42,6 +42,7 @@ struct SignedManifestCreateOptions {
   std::vector<std::string> chain;
   std::string device_root;  // the device whose test signer signs when no --key
   bool xml = false;
+  bool json = false;  // say what was written as {"Wrote", "Bytes", "PayloadBytes", "Chain"}
 };
 
 // The raw manifest built from the trees named in `options` (their items'

@@ -12,6 +12,7 @@
 #include "platform/sim/device.h"
 #include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 namespace {
@@ -69,11 +70,17 @@ std::string create_simulated_device(const std::string& dir, std::string* absolut
   return platform::sim::create_device(*absolute_dir, options);
 }
 
-int sim_create(const std::string& dir, std::FILE* out, std::FILE* err) {
+int sim_create(const std::string& dir, bool json, std::FILE* out, std::FILE* err) {
   std::string root;
   if (std::string error = create_simulated_device(dir, &root); !error.empty()) {
     fmt::print(err, "vtldctl: cannot create a simulated device in {}: {}\n", dir, error);
     return kExitLocalFailure;
+  }
+  if (json) {
+    print_json_line(out, {{"Device", root},
+                          {"Socket", device_socket_path(root)},
+                          {"EntitledClient", own_executable()}});
+    return kExitSuccess;
   }
   fmt::print(out, "Created a simulated device in {}:\n", root);
   for (const LayoutEntry& entry : kLayout) {
