@@ -139,7 +139,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "vtldctl: --timeout: 'abc' is not a number of seconds (0.1 to 86400)"},
         Refusal{{"demo"}, "", "--root and --socket choose a helper to talk to"}));
 
-TEST(VtldctlUnreachable, SaysWhereItLookedAndWhy) {
+TEST(VtldctlUnreachable, SaysWhereItLookedWhyAndHowToStartTheHelper) {
   testsupport::TempDir dir;
   const Outcome run = vtldctl({"--socket", dir / "no-helper", "migrate-preferences"});
   EXPECT_EQ(run.status, 3);
@@ -147,14 +147,10 @@ TEST(VtldctlUnreachable, SaysWhereItLookedAndWhy) {
                                  ": No such file or directory\nvtldctl: nothing is listening "
                                  "there; start the helper that serves this socket\n"));
   EXPECT_THAT(run.out, IsEmpty());
-}
-
-TEST(VtldctlUnreachable, RootNamesTheDevicesSocketAndHowToServeIt) {
-  testsupport::TempDir dir;
-  const Outcome run = vtldctl({"--root", dir.path(), "send", "{}"});
-  EXPECT_EQ(run.status, 3);
-  EXPECT_THAT(run.err, AllOf(HasSubstr("at " + dir.path() + "/run/krx/com.tessal.vantreldhelper: "),
-                             HasSubstr("`vtld_helper --root " + dir.path() + "` (as root)")));
+  const Outcome on_device = vtldctl({"--root", dir.path(), "send", "{}"});
+  EXPECT_THAT(on_device.err,
+              AllOf(HasSubstr("at " + dir.path() + "/run/krx/com.tessal.vantreldhelper: "),
+                    HasSubstr("`vtld_helper --root " + dir.path() + "` (as root)")));
 }
 
 // --root and --json reach a tool that reads the device itself.

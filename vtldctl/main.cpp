@@ -47,8 +47,7 @@ constexpr const char* kServiceHelp =
     "Answers go to standard output; progress to standard error (a bar on a terminal, else\n"
     "lines \"Progress: N%\", at most one a second or every ten points). With --json every\n"
     "result is one JSON object per line on standard output (`vtldctl help CMD` shows its\n"
-    "form); vtldctl's own errors stay text on standard error.\n"
-    "`vtldctl help CMD [SUB]` shows a command's help.\n\n";
+    "form); vtldctl's own errors stay text on standard error.\n\n";
 
 constexpr const char* kReplyJsonHelp =
     "With --json, each message from the helper is one JSON object on its own line of\n"
@@ -567,9 +566,8 @@ int dispatch(const std::vector<Action>& actions, bool json) {
   return kExitUsage;
 }
 
-int run(int argc, char** argv) {
-  CLI::App app(kDescription, "vtldctl");
-  GlobalOptions global;
+// Every command, with the global options; what each does.
+std::vector<Action> add_commands(CLI::App& app, GlobalOptions& global) {
   add_global_options(app, global);
   // Registered in the order --help lists them; dispatched tools first.
   const std::vector<Action> helper_commands = add_helper_commands(app, global);
@@ -582,6 +580,15 @@ int run(int argc, char** argv) {
   actions.insert(actions.end(), helper_commands.begin(), helper_commands.end());
   add_help_command(app);
   add_global_options_to_help(app, global_options_text(app));
+  return actions;
+}
+
+int run(int argc, char** argv) {
+  CLI::App app(kDescription, "vtldctl");
+  GlobalOptions global;
+  const std::vector<Action> actions = add_commands(app, global);
+  // Before parsing: the parser would take a mistyped command for an argument
+  // and the words after help for commands to run.
   const std::vector<std::string> words = plain_words(app, {argv + 1, argv + argc});
   if (!words.empty() && words.front() == "help")
     return show_help(app, {words.begin() + 1, words.end()});
