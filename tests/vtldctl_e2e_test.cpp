@@ -15,6 +15,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
@@ -126,26 +127,42 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{{"send", "[1]"}, "", "it must be a JSON object"},
         Refusal{{"send"}, "", "JSON is required"},
         Refusal{{"prepare-work-container"}, "", "PATH is required"},
-        Refusal{{"no-such-command"}, "", "not expected: no-such-command"},
+        Refusal{{"prepare-work-containr", "/x"},
+                "",
+                "vtldctl: 'prepare-work-containr' is not a command; did you mean "
+                "'prepare-work-container'?"},
+        Refusal{{"help", "sim", "craete"}, "", "did you mean 'create'? (see vtldctl help sim)"},
         Refusal{{}, "", "vtldctl: a command is required"},
         Refusal{{"--root", "/x", "migrate-preferences"}, "", "excludes"},
-        Refusal{{"--timeout", "0", "migrate-preferences"}, "", "--timeout"},
+        Refusal{{"--timeout", "abc", "migrate-preferences"},
+                "",
+                "vtldctl: --timeout: 'abc' is not a number of seconds (0.1 to 86400)"},
         Refusal{{"demo"}, "", "--root and --socket choose a helper to talk to"}));
 
-TEST(VtldctlUnreachable, SaysWhereItLookedAndWhy) {
+TEST(VtldctlUnreachable, SaysWhereItLookedWhyAndHowToStartTheHelper) {
   testsupport::TempDir dir;
   const Outcome run = vtldctl({"--socket", dir / "no-helper", "migrate-preferences"});
   EXPECT_EQ(run.status, 3);
   EXPECT_THAT(run.err, HasSubstr("vtldctl: cannot reach the helper at " + (dir / "no-helper") +
-                                 ": No such file or directory"));
+                                 ": No such file or directory\nvtldctl: nothing is listening "
+                                 "there; start the helper that serves this socket\n"));
   EXPECT_THAT(run.out, IsEmpty());
+  const Outcome on_device = vtldctl({"--root", dir.path(), "send", "{}"});
+  EXPECT_THAT(on_device.err,
+              AllOf(HasSubstr("at " + dir.path() + "/run/krx/com.tessal.vantreldhelper: "),
+                    HasSubstr("`vtld_helper --root " + dir.path() + "` (as root)")));
 }
 
-TEST(VtldctlUnreachable, RootNamesTheDevicesSocket) {
+// --root and --json reach a tool that reads the device itself.
+TEST(VtldctlDiskShow, ReadsTheDevicesDiskAsJson) {
   testsupport::TempDir dir;
-  const Outcome run = vtldctl({"--root", dir.path(), "send", "{}"});
-  EXPECT_EQ(run.status, 3);
-  EXPECT_THAT(run.err, HasSubstr("at " + dir.path() + "/run/krx/com.tessal.vantreldhelper: "));
+  const std::string root = dir / "device";
+  ASSERT_EQ(platform::sim::create_device(root, {}), "");
+  const Outcome run = vtldctl({"--root", root, "disk", "show", "/dev/rdisk0s1", "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json map = nlohmann::json::parse(run.out);
+  EXPECT_EQ(map.at("Disk"), root + "/dev/rdisk0s1");
+  EXPECT_EQ(map.at("Entries").at(1).at("Name"), "Data");
 }
 
 // A started helper on a device where vtldctl holds the client entitlement.

@@ -1,6 +1,6 @@
 // Requests written as JSON for `vtldctl send`: every JSON form and every
-// typed one-key object, and the input that must be refused before anything
-// reaches the helper.
+// typed one-key object (and --json's printing of each, read back), and the
+// input that must be refused before anything reaches the helper.
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "krx/value.h"
+#include "vtldctl/json_output.h"
 #include "vtldctl/json_request.h"
 
 namespace {
@@ -40,8 +41,10 @@ struct Accepted {
 
 class JsonAccepted : public ::testing::TestWithParam<Accepted> {};
 
-TEST_P(JsonAccepted, BecomesTheKrxValue) {
+// And back: what --json prints of a value reads as the same value.
+TEST_P(JsonAccepted, BecomesTheKrxValueAndPrintsBackAsIt) {
   EXPECT_EQ(convert(GetParam().json), GetParam().expected) << GetParam().json;
+  EXPECT_EQ(convert(vtldctl::json_from_krx(GetParam().expected).dump()), GetParam().expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(

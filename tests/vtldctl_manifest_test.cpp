@@ -126,7 +126,8 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
 
   Output out;
   Output err;
-  EXPECT_EQ(vtldctl::manifest_diff(first, second, out.file(), err.file()), vtldctl::kExitFailed);
+  EXPECT_EQ(vtldctl::manifest_diff(first, second, false, out.file(), err.file()),
+            vtldctl::kExitFailed);
   EXPECT_EQ(out.text(),
             "/changed: contents differ (SHA-1) (51de2b835bd3 -> 405906c9d5be)\n"
             "/link: link target differs (same -> changed)\n"
@@ -142,7 +143,9 @@ TEST_F(ManifestToolsTest, DiffNamesEachDifferenceInTheHelpersTerms) {
                 first + "; 1 only in " + second + "\n");
 
   Output same;
-  EXPECT_EQ(vtldctl::manifest_diff(first, first, same.file(), err.file()), vtldctl::kExitSuccess);
+  EXPECT_EQ(vtldctl::manifest_diff(first, first, true, same.file(), err.file()),
+            vtldctl::kExitSuccess);
+  EXPECT_EQ(same.text(), "{\"Both\":6,\"Differ\":0,\"OnlyInA\":0,\"OnlyInB\":0}\n");
 }
 
 TEST_F(ManifestToolsTest, FilesThatAreNotManifestsAreRefused) {
@@ -155,8 +158,9 @@ TEST_F(ManifestToolsTest, FilesThatAreNotManifestsAreRefused) {
             vtldctl::kExitLocalFailure);
   EXPECT_EQ(vtldctl::manifest_show(device_ / "array.plist", false, out.file(), err.file()),
             vtldctl::kExitLocalFailure);
-  EXPECT_EQ(vtldctl::manifest_diff(device_ / "missing", device_ / "junk", out.file(), err.file()),
-            vtldctl::kExitLocalFailure);
+  EXPECT_EQ(
+      vtldctl::manifest_diff(device_ / "missing", device_ / "junk", false, out.file(), err.file()),
+      vtldctl::kExitLocalFailure);
   EXPECT_NE(err.text().find("not a manifest"), std::string::npos);
 }
 

@@ -1,7 +1,8 @@
 // What vtldctl shows of the helper's messages, and the exit status it ends
 // with, against a scripted helper at the other end of a socket pair: progress
-// (as a bar or as lines), answers in order, data, stray messages, and every
-// way an exchange can end early.
+// (as a bar, as lines or as JSON), answers in order, data, stray messages, and
+// every way an exchange can end early; and what it says of a mistyped command
+// or number.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include "krx/codec.h"
 #include "krx/value.h"
 #include "tests/support/output_file.h"
+#include "vtldctl/command_line.h"
 #include "vtldctl/exchange.h"
 #include "vtldctl/reply_printer.h"
 
@@ -46,7 +48,7 @@ TEST(ReplyPrinter, RedrawsOneLineOnATerminalAndEndsItBeforeTheAnswer) {
   Capture out;
   Capture err;
   {
-    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/true);
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), {.draw_bar = true});
     printer.progress(10);
     printer.progress(60);
     printer.line("Response: true");
@@ -58,23 +60,51 @@ TEST(ReplyPrinter, RedrawsOneLineOnATerminalAndEndsItBeforeTheAnswer) {
   EXPECT_EQ(out.text(), "Response: true\n");
 }
 
-TEST(ReplyPrinter, WritesAProgressLineEveryTenthAndTheEndOnceWhenNotATerminal) {
+// Progress as lines (or JSON): one every ten points or once a second, the end
+// once, never past 100, on a clock the test moves.
+TEST(ReplyPrinter, ThrottlesProgressLinesByPointsAndTime) {
+  struct Step {
+    int at_ms;
+    std::int64_t percent;
+  };
+  const std::vector<Step> steps = {{0, 1},     {10, 5},    {20, 11},   {30, 20},    {1030, 21},
+                                   {1040, 22}, {2040, 22}, {2050, 95}, {2060, 244}, {2070, 2303}};
+  auto now = std::chrono::steady_clock::time_point{};
+  for (const bool json : {false, true}) {
+    Capture out;
+    Capture err;
+    {
+      vtldctl::ReplyPrinter printer(out.file(), err.file(),
+                                    {.json = json, .clock = [&now] { return now; }});
+      for (const Step& step : steps) {
+        now = std::chrono::steady_clock::time_point{} + std::chrono::milliseconds(step.at_ms);
+        printer.progress(step.percent);
+      }
+    }
+    std::string expected;
+    for (const int percent : {1, 11, 21, 22, 95, 100}) {
+      expected += json ? fmt::format("{{\"Progress\":{}}}\n", percent)
+                       : fmt::format("Progress: {}%\n", percent);
+    }
+    EXPECT_EQ((json ? out : err).text(), expected);
+  }
+}
+
+// With --json every message is one object per line, as the helper sent it.
+TEST(ReplyPrinter, WritesOneJsonObjectPerMessage) {
   Capture out;
   Capture err;
   {
-    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/false);
-    for (std::int64_t percent = 1; percent <= 100; ++percent) printer.progress(percent);
-    // What a fresh device's walk sends once its count passes the total.
-    printer.progress(244);
-    printer.progress(2303);
-    printer.line("Response: true");
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), {.json = true});
+    printer.response(true);
+    printer.message(krx::make_dictionary("Data", krx::Data{1, 2}));
+    printer.message(krx::Value("not a dictionary"));
+    printer.ended_by_command();
   }
-  std::string expected;
-  for (int percent = 1; percent <= 91; percent += 10)
-    expected += fmt::format("Progress: {}%\n", percent);
-  expected += "Progress: 100%\n";
-  EXPECT_EQ(err.text(), expected);
-  EXPECT_EQ(out.text(), "Response: true\n");
+  EXPECT_EQ(out.text(),
+            "{\"Response\":true}\n{\"Data\":{\"$data\":\"AQI=\"}}\n"
+            "{\"Message\":\"not a dictionary\"}\n{\"Closed\":true}\n");
+  EXPECT_THAT(err.text(), IsEmpty());
 }
 
 // The helper's side of a connection, scripted: frames written before the
@@ -149,7 +179,7 @@ TEST_P(Exchange, ShowsEveryMessageAndEndsWithItsStatus) {
   vtldctl::ExchangeOptions options{script.hang_up ? 10s : 100ms, script.ends_helper};
   vtldctl::ExchangeResult result;
   {
-    vtldctl::ReplyPrinter printer(out.file(), err.file(), /*draw_bar=*/false);
+    vtldctl::ReplyPrinter printer(out.file(), err.file(), {});
     result = vtldctl::exchange(helper.client(), script.request, options, printer);
   }
   EXPECT_EQ(vtldctl::exit_status(result), script.exit_status);
@@ -253,7 +283,7 @@ TEST(ExchangeEndsEarly, MalformedFrameFromTheHelper) {
   helper.write_all({'X', 'X', 'X', 'X', 1, 0, 0, 0, 0});
   Capture out;
   Capture err;
-  vtldctl::ReplyPrinter printer(out.file(), err.file(), false);
+  vtldctl::ReplyPrinter printer(out.file(), err.file(), {});
   const auto result = vtldctl::exchange(helper.client(), kOneCommand, {10s, false}, printer);
   EXPECT_EQ(vtldctl::exit_status(result), 3);
   EXPECT_THAT(vtldctl::failure_message(result, 10s),
@@ -266,12 +296,38 @@ TEST(ExchangeEndsEarly, RequestTooDeepForOneMessageIsNotSent) {
   ScriptedHelper helper;
   Capture out;
   Capture err;
-  vtldctl::ReplyPrinter printer(out.file(), err.file(), false);
+  vtldctl::ReplyPrinter printer(out.file(), err.file(), {});
   const auto result = vtldctl::exchange(helper.client(), request, {10s, false}, printer);
   EXPECT_EQ(vtldctl::exit_status(result), 2);
   EXPECT_THAT(vtldctl::failure_message(result, 10s),
               HasSubstr("cannot be sent as one KRX message"));
   EXPECT_EQ(helper.request(), krx::Value("nothing was sent"));
+}
+
+// What vtldctl says of a word or number it does not take.
+TEST(CommandLine, SuggestsTheNearestCommandAndSaysWhatANumberMustBe) {
+  const std::vector<std::string> commands = {"prepare-log-container", "prepare-work-container",
+                                             "send", "sim", "demo"};
+  const std::pair<const char*, const char*> words[] = {
+      {"snd", "'snd' is not a command; did you mean 'send'?"},
+      {"dmeo", "'dmeo' is not a command; did you mean 'demo'?"},
+      {"prepare",
+       "'prepare' is not a command; did you mean 'prepare-log-container' or "
+       "'prepare-work-container'?"},
+      {"lsit", "'lsit' is not a command"},
+  };
+  for (const auto& [word, message] : words) {
+    EXPECT_EQ(vtldctl::unknown_word_message(word, "a command", commands), message);
+  }
+  std::string error;
+  EXPECT_EQ(vtldctl::parse_seconds("2.5", &error), 2.5);
+  for (const char* bad : {"abc", "0", "1e400", "nan", "2s", "", "86401"}) {
+    EXPECT_EQ(vtldctl::parse_seconds(bad, &error), std::nullopt) << bad;
+    EXPECT_EQ(error, fmt::format("'{}' is not a number of seconds (0.1 to 86400)", bad));
+  }
+  EXPECT_EQ(vtldctl::socket_path_problem(std::string(107, 'a')), "");
+  EXPECT_THAT(vtldctl::socket_path_problem(std::string(108, 'a')),
+              HasSubstr("is 108 bytes, longer than the 107 a socket's address holds"));
 }
 
 }  // namespace

@@ -157,14 +157,41 @@ void print_disk_map(const std::string& path, const DiskMap& map, std::FILE* out)
              size_text(map.free_blocks * map.block_size));
 }
 
-int disk_show(const std::string& path, std::FILE* out, std::FILE* err) {
+Json disk_map_json(const std::string& path, const DiskMap& map) {
+  Json entries = Json::array();
+  for (const DiskEntry& e : map.entries) {
+    entries.push_back({{"Index", e.index},
+                       {"Name", e.name},
+                       {"TypeGUID", e.type_guid},
+                       {"UniqueGUID", e.unique_guid},
+                       {"FirstLBA", e.first_lba},
+                       {"LastLBA", e.last_lba},
+                       {"Blocks", e.blocks()}});
+  }
+  return {{"Disk", path},
+          {"BlockSize", map.block_size},
+          {"BlockCount", map.block_count},
+          {"DiskSignature", map.disk_signature},
+          {"Zmra", map.zmra},
+          {"FirstUsableLBA", map.first_usable_lba},
+          {"LastUsableLBA", map.last_usable_lba},
+          {"PartitionCount", map.partition_count},
+          {"Entries", std::move(entries)},
+          {"FreeBlocks", map.free_blocks}};
+}
+
+int disk_show(const std::string& path, bool json, std::FILE* out, std::FILE* err) {
   std::string error;
   const std::optional<DiskMap> map = read_disk_map(path, &error);
   if (!map) {
     fmt::print(err, "vtldctl: {}\n", error);
     return kExitLocalFailure;
   }
-  print_disk_map(path, *map, out);
+  if (json) {
+    print_json_line(out, disk_map_json(path, *map));
+  } else {
+    print_disk_map(path, *map, out);
+  }
   return 0;
 }
 

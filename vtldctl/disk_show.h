@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "vtldctl/json_output.h"
+
 namespace vtldctl {
 
 struct DiskEntry {
@@ -41,7 +43,13 @@ std::optional<DiskMap> read_disk_map(const std::string& path, std::string* error
 
 void print_disk_map(const std::string& path, const DiskMap& map, std::FILE* out);
 
+// The map as one JSON object: {"Disk": path, "BlockSize", "BlockCount",
+// "DiskSignature" (a number), "Zmra", "FirstUsableLBA", "LastUsableLBA",
+// "PartitionCount", "Entries": [{"Index", "Name", "TypeGUID", "UniqueGUID",
+// "FirstLBA", "LastLBA", "Blocks"}], "FreeBlocks"}.
+Json disk_map_json(const std::string& path, const DiskMap& map);
+
 // The subcommand: 0, or the local-failure exit status after saying why.
-int disk_show(const std::string& path, std::FILE* out, std::FILE* err);
+int disk_show(const std::string& path, bool json, std::FILE* out, std::FILE* err);
 
 }  // namespace vtldctl

@@ -1,13 +1,20 @@
 #include "vtldctl/exchange.h"
 
+#include <sys/un.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <variant>
 
 #include <fmt/format.h>
 
+#include "base/errors.h"
+#include "base/path.h"
+#include "base/service_name.h"
 #include "krx/codec.h"
-#include "vtldctl/describe.h"
+#include "krx/connection.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/sim.h"
 
 namespace vtldctl {
 namespace {
@@ -17,31 +24,29 @@ using End = ExchangeResult::End;
 // The helper's message keys.
 constexpr const char* kResponseKey = "Response";
 constexpr const char* kProgressKey = "Progress";
-constexpr const char* kDataKey = "Data";
+
+// The longest path a Unix socket's address holds (its terminating NUL aside).
+constexpr std::size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 
 void show(const krx::Value& message, ExchangeResult& result, ReplyPrinter& printer) {
   const auto* dictionary = message.get<krx::Dictionary>();
-  if (dictionary == nullptr || dictionary->size() != 1) {
-    printer.line("Message: " + describe(message));
-    return;
-  }
+  if (dictionary == nullptr || dictionary->size() != 1) return printer.message(message);
   const auto& [key, value] = dictionary->front();
   if (key == kResponseKey) {
     ++result.answered;
-    if (const bool* passed = value.get<bool>()) {
-      printer.line(*passed ? "Response: true" : "Response: false");
-      result.all_true = result.all_true && *passed;
-    } else {
-      printer.line("Response: " + describe(value) + " (not a boolean: taken as false)");
-      result.all_true = false;
-    }
+    const bool* passed = value.get<bool>();
+    result.all_true = result.all_true && passed != nullptr && *passed;
+    printer.response(value);
   } else if (const auto* percent = value.get<std::int64_t>(); key == kProgressKey && percent) {
     printer.progress(*percent);
-  } else if (key == kDataKey) {
-    printer.line("Data: " + describe(value));
   } else {
-    printer.line("Message: " + describe(message));
+    printer.message(message);
   }
+}
+
+// Whether a connection failed because no helper listens at the path.
+bool nothing_listens(const std::string& error) {
+  return error == vtl::error_description(ENOENT) || error == vtl::error_description(ECONNREFUSED);
 }
 
 std::string seconds_text(std::chrono::milliseconds idle) {
@@ -77,7 +82,7 @@ ExchangeResult exchange(krx::Client& client, const krx::Value& request,
     } else if (std::holds_alternative<krx::Client::Closed>(received)) {
       printer.finish_bar();
       if (options.ends_helper) {
-        printer.line("The helper ended the connection, as this command makes it do.");
+        printer.ended_by_command();
         return result;
       }
       result.end = End::kClosed;
@@ -135,15 +140,40 @@ std::string failure_message(const ExchangeResult& result, std::chrono::milliseco
   return "";
 }
 
-int run_request(const std::string& socket_path, const krx::Value& request,
+HelperAddress helper_address(const std::string& root, const std::string& socket) {
+  if (!root.empty()) {
+    return {device_socket_path(root),
+            "start the device's helper with `vtld_helper --root " + root + "` (as root)"};
+  }
+  if (!socket.empty()) return {socket, "start the helper that serves this socket"};
+  return {vtl::join(krx::run_directory(), vtl::kServiceName),
+          "start the helper with `systemctl start vtld_helper.socket` (or run vtld_helper as "
+          "root)"};
+}
+
+std::string socket_path_problem(const std::string& socket_path) {
+  if (socket_path.size() <= kMaxSocketPath) return "";
+  return fmt::format("the socket path {} is {} bytes, longer than the {} a socket's address holds",
+                     socket_path, socket_path.size(), kMaxSocketPath);
+}
+
+int run_request(const HelperAddress& address, const krx::Value& request,
                 const ExchangeOptions& options, ReplyPrinter& printer) {
+  if (const std::string problem = socket_path_problem(address.socket_path); !problem.empty()) {
+    printer.note("vtldctl: cannot reach the helper: " + problem);
+    return kExitUsage;
+  }
   std::string error;
-  auto client = krx::Client::connect_path(socket_path, &error);
+  auto client = krx::Client::connect_path(address.socket_path, &error);
   if (!client) {
     // The client's reason may restate the path; say it once.
-    const std::string restated = "cannot connect to " + socket_path + ": ";
+    const std::string restated = "cannot connect to " + address.socket_path + ": ";
     if (error.starts_with(restated)) error.erase(0, restated.size());
-    printer.note(fmt::format("vtldctl: cannot reach the helper at {}: {}", socket_path, error));
+    printer.note(
+        fmt::format("vtldctl: cannot reach the helper at {}: {}", address.socket_path, error));
+    if (nothing_listens(error)) {
+      printer.note("vtldctl: nothing is listening there; " + address.how_to_start);
+    }
     return kExitNoAnswer;
   }
   const ExchangeResult result = exchange(*client, request, options, printer);

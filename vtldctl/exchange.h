@@ -53,9 +53,22 @@ int exit_status(const ExchangeResult& result);
 // "vtldctl: "; empty when every answer arrived.
 std::string failure_message(const ExchangeResult& result, std::chrono::milliseconds idle);
 
-// Connects to the helper at `socket_path`, runs one exchange, prints what
+// Where the helper is, and how to start it when nothing listens there.
+struct HelperAddress {
+  std::string socket_path;
+  std::string how_to_start;  // e.g. "start the device's helper with `vtld_helper --root D`"
+};
+
+// The helper of the device at `root` (when not empty), else the one at
+// `socket` (when not empty), else the host's.
+HelperAddress helper_address(const std::string& root, const std::string& socket);
+
+// Why `socket_path` cannot name a socket (it is longer than one holds), or "".
+std::string socket_path_problem(const std::string& socket_path);
+
+// Connects to the helper at `address`, runs one exchange, prints what
 // happened and returns the exit status.
-int run_request(const std::string& socket_path, const krx::Value& request,
+int run_request(const HelperAddress& address, const krx::Value& request,
                 const ExchangeOptions& options, ReplyPrinter& printer);
 
 }  // namespace vtldctl

@@ -7,11 +7,11 @@
 #include <string_view>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "base/plist.h"
 #include "manifest/VTLFileMetadata.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 namespace {
@@ -79,28 +79,6 @@ std::string iso_date(vtl::Date date) {
                      time.hours().count(), time.minutes().count(), time.seconds().count(), micros);
 }
 
-nlohmann::json to_json(const vtl::Value& v) {
-  struct Visitor {
-    nlohmann::json operator()(const std::string& s) const { return s; }
-    nlohmann::json operator()(bool b) const { return b; }
-    nlohmann::json operator()(std::int64_t i) const { return i; }
-    nlohmann::json operator()(double d) const { return d; }
-    nlohmann::json operator()(const vtl::Date& d) const { return iso_date(d); }
-    nlohmann::json operator()(const vtl::Data& d) const { return hex(d); }
-    nlohmann::json operator()(const vtl::Array& a) const {
-      nlohmann::json out = nlohmann::json::array();
-      for (const vtl::Value& item : a) out.push_back(to_json(item));
-      return out;
-    }
-    nlohmann::json operator()(const vtl::Dictionary& d) const {
-      nlohmann::json out = nlohmann::json::object();
-      for (const auto& [key, item] : d) out[key] = to_json(item);
-      return out;
-    }
-  };
-  return std::visit(Visitor{}, v.storage());
-}
-
 // What differs, for the differences whose values say something.
 std::string difference_detail(int comparison, const vtl::Value& a, const vtl::Value& b) {
   switch (comparison) {
@@ -131,7 +109,54 @@ std::string difference_detail(int comparison, const vtl::Value& a, const vtl::Va
   }
 }
 
+// Where `manifest diff` writes its findings: lines of text, or JSON objects.
+class DiffReport {
+ public:
+  DiffReport(std::FILE* out, bool json) : out_(out), json_(json) {}
+
+  void difference(const std::string& path, const std::string& what, const std::string& detail) {
+    if (json_) {
+      print_json_line(out_, {{"Path", path}, {"Difference", what}, {"Detail", detail}});
+    } else {
+      fmt::print(out_, "{}: {}{}\n", path, what, detail.empty() ? "" : " (" + detail + ")");
+    }
+  }
+  void only_in(const std::string& file, const std::string& path) {
+    if (json_) {
+      print_json_line(out_, {{"Path", path}, {"OnlyIn", file}});
+    } else {
+      fmt::print(out_, "only in {}: {}\n", file, path);
+    }
+  }
+
+ private:
+  std::FILE* out_;
+  bool json_;
+};
+
 }  // namespace
+
+Json json_from_value(const vtl::Value& v) {
+  struct Visitor {
+    Json operator()(const std::string& s) const { return s; }
+    Json operator()(bool b) const { return b; }
+    Json operator()(std::int64_t i) const { return i; }
+    Json operator()(double d) const { return d; }
+    Json operator()(const vtl::Date& d) const { return iso_date(d); }
+    Json operator()(const vtl::Data& d) const { return hex(d); }
+    Json operator()(const vtl::Array& a) const {
+      Json out = Json::array();
+      for (const vtl::Value& item : a) out.push_back(json_from_value(item));
+      return out;
+    }
+    Json operator()(const vtl::Dictionary& d) const {
+      Json out = Json::object();
+      for (const auto& [key, item] : d) out[key] = json_from_value(item);
+      return out;
+    }
+  };
+  return std::visit(Visitor{}, v.storage());
+}
 
 std::optional<vtl::Dictionary> read_manifest(const std::string& file, std::string* error) {
   std::optional<vtl::Value> value = vtl::read_plist_file(file, kMaxManifestBytes);
@@ -205,7 +230,7 @@ int manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE*
     return kExitLocalFailure;
   }
   if (json) {
-    fmt::print(out, "{}\n", to_json(vtl::Value(*manifest)).dump(2));
+    print_json_line(out, json_from_value(vtl::Value(*manifest)));
     return kExitSuccess;
   }
   fmt::print(out, "{}: {} records\n", file, manifest->size());
@@ -213,7 +238,8 @@ int manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE*
   return kExitSuccess;
 }
 
-int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, std::FILE* err) {
+int manifest_diff(const std::string& a, const std::string& b, bool json, std::FILE* out,
+                  std::FILE* err) {
   std::string error;
   const std::optional<vtl::Dictionary> first = read_manifest(a, &error);
   const std::optional<vtl::Dictionary> second = first ? read_manifest(b, &error) : std::nullopt;
@@ -221,6 +247,7 @@ int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, st
     fmt::print(err, "vtldctl manifest diff: {}\n", error);
     return kExitLocalFailure;
   }
+  DiffReport report(out, json);
   std::size_t both = 0;
   std::size_t differ = 0;
   for (const auto& [path, record] : *first) {
@@ -232,7 +259,7 @@ int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, st
     if (mine == nullptr || theirs == nullptr) {
       if (!(record == it->second)) {
         ++differ;
-        fmt::print(out, "{}: not a record in {}\n", path, mine == nullptr ? a : b);
+        report.difference(path, "not a record in " + (mine == nullptr ? a : b), "");
       }
       continue;
     }
@@ -241,26 +268,31 @@ int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, st
     const int comparison = ours.compareWith(&other);
     if (comparison == 6) continue;
     ++differ;
-    const std::string detail = difference_detail(comparison, record, it->second);
-    fmt::print(out, "{}: {}{}\n", path, difference_in_words(comparison),
-               detail.empty() ? "" : " (" + detail + ")");
+    report.difference(path, difference_in_words(comparison),
+                      difference_detail(comparison, record, it->second));
   }
   std::size_t only_first = 0;
   for (const auto& [path, record] : *first) {
     if (!second->contains(path)) {
       ++only_first;
-      fmt::print(out, "only in {}: {}\n", a, path);
+      report.only_in(a, path);
     }
   }
   std::size_t only_second = 0;
   for (const auto& [path, record] : *second) {
     if (!first->contains(path)) {
       ++only_second;
-      fmt::print(out, "only in {}: {}\n", b, path);
+      report.only_in(b, path);
     }
   }
-  fmt::print(out, "{} paths in both, {} of them differ; {} only in {}; {} only in {}\n", both,
-             differ, only_first, a, only_second, b);
+  if (json) {
+    print_json_line(
+        out,
+        {{"Both", both}, {"Differ", differ}, {"OnlyInA", only_first}, {"OnlyInB", only_second}});
+  } else {
+    fmt::print(out, "{} paths in both, {} of them differ; {} only in {}; {} only in {}\n", both,
+               differ, only_first, a, only_second, b);
+  }
   return differ + only_first + only_second == 0 ? kExitSuccess : kExitFailed;
 }
 

@@ -6,15 +6,18 @@
 //                        owner and group, size, protection class, the start
 //                        of the SHA-1, the path, a link's target and the
 //                        names of extended attributes. With --json the whole
-//                        manifest as JSON: dictionaries as objects, byte data
-//                        as lower-case hex strings, dates as ISO 8601 UTC
-//                        strings to the microsecond.
+//                        manifest as one JSON object on one line: dictionaries as objects, byte
+//                        data as lower-case hex strings, dates as ISO 8601 UTC strings to the
+//                        microsecond.
 //   diff A B             for each path in both, how B's record differs from
 //                        A's in the helper's own terms (compareWith: file
 //                        type, contents, link target, owner/group/mode,
 //                        extended attributes), then the paths found in one
 //                        only. Dates, sizes, names and protection classes do
-//                        not count, as they do not for the helper.
+//                        not count, as they do not for the helper. With
+//                        --json one object per line: {"Path", "Difference",
+//                        "Detail"}, {"Path", "OnlyIn"}, and last {"Both",
+//                        "Differ", "OnlyInA", "OnlyInB"}.
 //
 // Exit status: 0 (diff: no difference), 1 (diff: a difference), 4 when a
 // file cannot be read or is not a manifest.
@@ -25,16 +28,21 @@
 #include <string>
 
 #include "base/value.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 
 int manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE* err);
-int manifest_diff(const std::string& a, const std::string& b, std::FILE* out, std::FILE* err);
+int manifest_diff(const std::string& a, const std::string& b, bool json, std::FILE* out,
+                  std::FILE* err);
 
 // A manifest file as its dictionary; nullopt and `error` set otherwise.
 std::optional<vtl::Dictionary> read_manifest(const std::string& file, std::string* error);
 // The one-line form of a record, as `show` prints it.
 std::string record_line(const std::string& path, const vtl::Value& record);
+// `v` as JSON: dictionaries as objects, data as lower-case hex, dates as
+// ISO 8601 UTC strings to the microsecond.
+Json json_from_value(const vtl::Value& v);
 // What a compareWith result means, in words.
 std::string difference_in_words(int comparison);
 

@@ -32,6 +32,8 @@
 #include "platform/sim/test_signer.h"
 #include "platform/system_log.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/json_output.h"
+#include "vtldctl/manifest_tools.h"
 
 namespace vtldctl {
 namespace {
@@ -232,6 +234,101 @@ std::string sha1_hex(std::span<const std::uint8_t> bytes) {
   return hex;
 }
 
+// Why the checks refused, from what they logged.
+std::string refusal_reason(const std::vector<std::string>& lines) {
+  std::string reason = lines.empty() ? std::string() : lines.back();
+  // The helper logs nothing for a signature that does not match: only the
+  // policy lines come before the refusal.
+  if (reason.empty() || reason.starts_with("Verifing ")) {
+    return "the signature does not match the payload (the helper logs no reason for this)";
+  }
+  return reason;
+}
+
+// --- show as JSON ---------------------------------------------------------
+
+Json certificate_json(const Value& element) {
+  const Data* der = element.data();
+  if (der == nullptr) return {{"Error", "not data"}};
+  const unsigned char* p = der->data();
+  std::unique_ptr<X509, X509Free> cert(d2i_X509(nullptr, &p, static_cast<long>(der->size())));
+  if (!cert || p != der->data() + der->size()) return {{"Error", "not a certificate"}};
+  Json usages = Json::array();
+  if (auto* eku = static_cast<EXTENDED_KEY_USAGE*>(
+          X509_get_ext_d2i(cert.get(), NID_ext_key_usage, nullptr, nullptr))) {
+    for (int i = 0; i < sk_ASN1_OBJECT_num(eku); ++i) {
+      usages.push_back(usage_name(sk_ASN1_OBJECT_value(eku, i)));
+    }
+    EXTENDED_KEY_USAGE_free(eku);
+  }
+  EVP_PKEY* key = X509_get0_pubkey(cert.get());
+  return {{"Subject", name_text(X509_get_subject_name(cert.get()))},
+          {"Issuer", name_text(X509_get_issuer_name(cert.get()))},
+          {"NotBefore", time_text(X509_get0_notBefore(cert.get()))},
+          {"NotAfter", time_text(X509_get0_notAfter(cert.get()))},
+          {"Key", key != nullptr ? EVP_PKEY_get0_type_name(key) : "?"},
+          {"KeyBits", key != nullptr ? EVP_PKEY_get_bits(key) : 0},
+          {"CA", X509_check_ca(cert.get()) != 0},
+          {"ExtendedKeyUsage", std::move(usages)}};
+}
+
+// How many entries each container's records hold, by identifier; null
+// when the list is missing or not a dictionary.
+Json containers_json(const Value* list, bool wrapped) {
+  if (list == nullptr || list->dictionary() == nullptr) return nullptr;
+  Json counts = Json::object();
+  for (const auto& [id, entry] : *list->dictionary()) {
+    const Value* records = wrapped ? entry.find("Manifest") : &entry;
+    const Dictionary* dictionary = records != nullptr ? records->dictionary() : nullptr;
+    counts[id] = dictionary != nullptr ? Json(dictionary->size()) : Json(nullptr);
+  }
+  return counts;
+}
+
+Json value_or_null(const Value* v) { return v != nullptr ? json_from_value(*v) : Json(nullptr); }
+
+Json payload_json(const Data& payload) {
+  Json out = {{"Bytes", payload.size()}, {"SHA1", sha1_hex(payload)}};
+  std::optional<Value> raw = vtl::plist_from_bytes(payload);
+  if (!raw || raw->dictionary() == nullptr) {
+    out["Error"] = "not a property list of a dictionary";
+    return out;
+  }
+  const Value* backup = raw->find("Backup");
+  out["Version"] = value_or_null(raw->find("Version"));
+  out["Info"] = value_or_null(raw->find("Info"));
+  out["BackupRecords"] = backup != nullptr && backup->dictionary() != nullptr
+                             ? Json(backup->dictionary()->size())
+                             : Json(nullptr);
+  out["App"] = value_or_null(raw->find("App"));
+  out["AppData"] = containers_json(raw->find("AppData"), true);
+  out["GroupData"] = containers_json(raw->find("GroupData"), false);
+  out["ExtensionData"] = containers_json(raw->find("ExtensionData"), false);
+  return out;
+}
+
+Json envelope_json(const std::string& file, const Data& bytes, const Value& envelope, bool binary) {
+  const Value* signature = envelope.find("Signature");
+  const Value* payload = envelope.find("Payload");
+  const Value* chain = envelope.find("Certificate");
+  Json certificates = nullptr;
+  if (chain != nullptr && chain->array() != nullptr) {
+    certificates = Json::array();
+    for (const Value& element : *chain->array()) certificates.push_back(certificate_json(element));
+  }
+  return {
+      {"File", file},
+      {"Format", binary ? "binary" : "XML"},
+      {"Bytes", bytes.size()},
+      {"Version", value_or_null(envelope.find("Version"))},
+      {"SignatureBytes", signature != nullptr && signature->data() != nullptr
+                             ? Json(signature->data()->size())
+                             : Json(nullptr)},
+      {"Certificates", std::move(certificates)},
+      {"Payload", payload != nullptr && payload->data() != nullptr ? payload_json(*payload->data())
+                                                                   : Json(nullptr)}};
+}
+
 }  // namespace
 
 std::optional<Dictionary> payload_from_trees(const SignedManifestCreateOptions& options,
@@ -348,12 +445,19 @@ int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE
     fmt::print(err, "vtldctl: cannot write {}: {}\n", options.output, vtl::error_description(code));
     return kExitLocalFailure;
   }
-  fmt::print(out, "wrote {} ({} bytes; payload {} bytes, signed by a chain of {})\n",
-             options.output, bytes.size(), payload.size(), signer->chain().size());
+  if (options.json) {
+    print_json_line(out, {{"Wrote", options.output},
+                          {"Bytes", bytes.size()},
+                          {"PayloadBytes", payload.size()},
+                          {"Chain", signer->chain().size()}});
+  } else {
+    fmt::print(out, "wrote {} ({} bytes; payload {} bytes, signed by a chain of {})\n",
+               options.output, bytes.size(), payload.size(), signer->chain().size());
+  }
   return kExitSuccess;
 }
 
-int signed_manifest_show(const std::string& file, std::FILE* out, std::FILE* err) {
+int signed_manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE* err) {
   std::string error;
   std::optional<Data> bytes = read_file(file, &error);
   if (!bytes) {
@@ -367,6 +471,12 @@ int signed_manifest_show(const std::string& file, std::FILE* out, std::FILE* err
   }
   const bool binary = bytes->size() >= 8 && std::equal(bytes->begin(), bytes->begin() + 8,
                                                        std::string_view("bplist00").begin());
+  if (json) {
+    const Json shown = envelope_json(file, *bytes, *envelope, binary);
+    print_json_line(out, shown);
+    const Json& payload = shown["Payload"];
+    return payload.is_object() && !payload.contains("Error") ? kExitSuccess : kExitFailed;
+  }
   fmt::print(out, "Envelope: {} ({} property list, {} bytes)\n", file, binary ? "binary" : "XML",
              bytes->size());
   const Value* version = envelope->find("Version");
@@ -413,8 +523,8 @@ int signed_manifest_show(const std::string& file, std::FILE* out, std::FILE* err
   return kExitSuccess;
 }
 
-int signed_manifest_verify(const std::string& file, const std::string& device_root, std::FILE* out,
-                           std::FILE* err) {
+int signed_manifest_verify(const std::string& file, const std::string& device_root, bool json,
+                           std::FILE* out, std::FILE* err) {
   int code = 0;
   std::unique_ptr<vtl::FileInputStream> stream =
       vtl::FileInputStream::inputStreamWithFileAtPath(file, &code);
@@ -435,18 +545,18 @@ int signed_manifest_verify(const std::string& file, const std::string& device_ro
                             *stream, {.certificate_services = services.get(),
                                       .device_properties = properties.get()}) != nullptr;
   const std::string where = device_root.empty() ? "this host" : "the device at " + device_root;
-  fmt::print(out, "{}: {} by {}\n", file, accepted ? "accepted" : "refused", where);
-  if (!accepted) {
-    std::string reason = log.lines.empty() ? std::string() : log.lines.back();
-    // The helper logs nothing for a signature that does not match: only the
-    // policy lines come before the refusal.
-    if (reason.empty() || reason.starts_with("Verifing ")) {
-      reason = "the signature does not match the payload (the helper logs no reason for this)";
-    }
-    fmt::print(out, "reason: {}\n", reason);
+  const std::string reason = accepted ? std::string() : refusal_reason(log.lines);
+  if (json) {
+    Json verdict = {{"File", file}, {"Accepted", accepted}, {"By", where}};
+    if (!accepted) verdict["Reason"] = reason;
+    verdict["Log"] = log.lines;
+    print_json_line(out, verdict);
+  } else {
+    fmt::print(out, "{}: {} by {}\n", file, accepted ? "accepted" : "refused", where);
+    if (!accepted) fmt::print(out, "reason: {}\n", reason);
+    fmt::print(out, "the helper's log:\n");
+    for (const std::string& line : log.lines) fmt::print(out, "  {}\n", line);
   }
-  fmt::print(out, "the helper's log:\n");
-  for (const std::string& line : log.lines) fmt::print(out, "  {}\n", line);
   return accepted ? kExitSuccess : kExitFailed;
 }
 

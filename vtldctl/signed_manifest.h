@@ -42,6 +42,7 @@ struct SignedManifestCreateOptions {
   std::vector<std::string> chain;
   std::string device_root;  // the device whose test signer signs when no --key
   bool xml = false;
+  bool json = false;  // say what was written as {"Wrote", "Bytes", "PayloadBytes", "Chain"}
 };
 
 // The raw manifest built from the trees named in `options` (their items'
@@ -54,8 +55,14 @@ std::optional<vtl::Dictionary> payload_from_trees(const SignedManifestCreateOpti
 // The subcommands; each returns the exit status (exit_status.h).
 int signed_manifest_create(const SignedManifestCreateOptions& options, std::FILE* out,
                            std::FILE* err);
-int signed_manifest_show(const std::string& file, std::FILE* out, std::FILE* err);
-int signed_manifest_verify(const std::string& file, const std::string& device_root, std::FILE* out,
-                           std::FILE* err);
+// With `json`, one JSON object: show's {"File", "Format", "Bytes", "Version",
+// "SignatureBytes", "Certificates": [{"Subject", "Issuer", "NotBefore",
+// "NotAfter", "Key", "KeyBits", "CA", "ExtendedKeyUsage"}], "Payload":
+// {"Bytes", "SHA1", "Version", "Info", "BackupRecords", "App", "AppData",
+// "GroupData", "ExtensionData" (records per identifier)}}; verify's {"File",
+// "Accepted", "By", "Reason" (when refused), "Log"}.
+int signed_manifest_show(const std::string& file, bool json, std::FILE* out, std::FILE* err);
+int signed_manifest_verify(const std::string& file, const std::string& device_root, bool json,
+                           std::FILE* out, std::FILE* err);
 
 }  // namespace vtldctl

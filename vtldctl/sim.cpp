@@ -10,7 +10,9 @@
 
 #include "base/service_name.h"
 #include "platform/sim/device.h"
+#include "vtldctl/exchange.h"
 #include "vtldctl/exit_status.h"
+#include "vtldctl/json_output.h"
 
 namespace vtldctl {
 namespace {
@@ -57,6 +59,9 @@ std::string create_simulated_device(const std::string& dir, std::string* absolut
   // A trailing "/" normalises to an empty last component; drop it so that
   // the paths printed and the socket path read naturally.
   *absolute_dir = absolute.has_filename() ? absolute.string() : absolute.parent_path().string();
+  // Refused before anything is made: its helper could not serve it.
+  const std::string problem = socket_path_problem(device_socket_path(*absolute_dir));
+  if (!problem.empty()) return problem + "; choose a shorter DIR";
 
   const std::string self = own_executable();
   if (self.empty()) return "cannot read this program's own path from /proc/self/exe";
@@ -65,11 +70,17 @@ std::string create_simulated_device(const std::string& dir, std::string* absolut
   return platform::sim::create_device(*absolute_dir, options);
 }
 
-int sim_create(const std::string& dir, std::FILE* out, std::FILE* err) {
+int sim_create(const std::string& dir, bool json, std::FILE* out, std::FILE* err) {
   std::string root;
   if (std::string error = create_simulated_device(dir, &root); !error.empty()) {
     fmt::print(err, "vtldctl: cannot create a simulated device in {}: {}\n", dir, error);
     return kExitLocalFailure;
+  }
+  if (json) {
+    print_json_line(out, {{"Device", root},
+                          {"Socket", device_socket_path(root)},
+                          {"EntitledClient", own_executable()}});
+    return kExitSuccess;
   }
   fmt::print(out, "Created a simulated device in {}:\n", root);
   for (const LayoutEntry& entry : kLayout) {

@@ -22,7 +22,8 @@ std::string device_socket_path(const std::string& dir);
 std::string create_simulated_device(const std::string& dir, std::string* absolute_dir);
 
 // `vtldctl sim create DIR`: creates the device, prints what it holds and how
-// to serve it. Returns the exit status.
-int sim_create(const std::string& dir, std::FILE* out, std::FILE* err);
+// to serve it (with `json`, {"Device", "Socket", "EntitledClient"}). Returns
+// the exit status.
+int sim_create(const std::string& dir, bool json, std::FILE* out, std::FILE* err);
 
 }  // namespace vtldctl
