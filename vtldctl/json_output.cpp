@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <string>
 
 #include <fmt/format.h>
@@ -21,16 +22,12 @@ std::string base64(const krx::Data& data) {
 
 // RFC 3339 in UTC, with the nanoseconds when there are any.
 std::string date_text(krx::Date date) {
-  using namespace std::chrono;
-  const sys_time<nanoseconds> at{nanoseconds(date.nanoseconds_since_1970)};
-  const auto day = floor<days>(at);
-  const year_month_day ymd(day);
-  const hh_mm_ss<nanoseconds> time(at - day);
+  const UtcTime at = utc_time(date.nanoseconds_since_1970);
   std::string text =
-      fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(ymd.year()),
-                  static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                  time.hours().count(), time.minutes().count(), time.seconds().count());
-  if (time.subseconds().count() != 0) text += fmt::format(".{:09}", time.subseconds().count());
+      fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(at.day.year()),
+                  static_cast<unsigned>(at.day.month()), static_cast<unsigned>(at.day.day()),
+                  at.time.hours().count(), at.time.minutes().count(), at.time.seconds().count());
+  if (at.nanoseconds != 0) text += fmt::format(".{:09}", at.nanoseconds);
   return text + "Z";
 }
 
@@ -72,6 +69,22 @@ struct ToJson {
 };
 
 }  // namespace
+
+UtcTime utc_time(std::int64_t nanoseconds_since_1970) {
+  using namespace std::chrono;
+  // Whole seconds first: the day of an instant near either end of the
+  // nanosecond range does not fit back into nanoseconds.
+  constexpr std::int64_t kPerSecond = 1'000'000'000;
+  std::int64_t whole = nanoseconds_since_1970 / kPerSecond;
+  std::int64_t fraction = nanoseconds_since_1970 % kPerSecond;
+  if (fraction < 0) {
+    --whole;
+    fraction += kPerSecond;
+  }
+  const sys_seconds at{seconds(whole)};
+  const sys_days day = floor<days>(at);
+  return UtcTime{year_month_day(day), hh_mm_ss<seconds>(at - day), fraction};
+}
 
 Json json_from_krx(const krx::Value& value) { return std::visit(ToJson{}, value.storage()); }
 

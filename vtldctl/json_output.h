@@ -4,6 +4,8 @@
 // types JSON has no literal for as one-key objects such as {"$data": "AAEC"}.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
@@ -13,6 +15,15 @@
 namespace vtldctl {
 
 using Json = nlohmann::ordered_json;
+
+// The UTC calendar day and time of an instant, whole seconds apart from the
+// nanoseconds of the second; good for every instant a date can hold.
+struct UtcTime {
+  std::chrono::year_month_day day;
+  std::chrono::hh_mm_ss<std::chrono::seconds> time;
+  std::int64_t nanoseconds = 0;
+};
+UtcTime utc_time(std::int64_t nanoseconds_since_1970);
 
 // `value` in the form krx_from_json reads back as the same value.
 Json json_from_krx(const krx::Value& value);

@@ -68,15 +68,11 @@ std::string permissions(const vtl::Value* mode_value) {
 }
 
 std::string iso_date(vtl::Date date) {
-  using namespace std::chrono;
-  const auto seconds = floor<std::chrono::seconds>(date);
-  const auto micros = duration_cast<microseconds>(date - seconds).count();
-  const auto day = floor<days>(seconds);
-  const year_month_day ymd(day);
-  const hh_mm_ss<std::chrono::seconds> time(seconds - day);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", static_cast<int>(ymd.year()),
-                     static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                     time.hours().count(), time.minutes().count(), time.seconds().count(), micros);
+  const UtcTime at = utc_time(date.time_since_epoch().count());
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", static_cast<int>(at.day.year()),
+                     static_cast<unsigned>(at.day.month()), static_cast<unsigned>(at.day.day()),
+                     at.time.hours().count(), at.time.minutes().count(), at.time.seconds().count(),
+                     at.nanoseconds / 1000);
 }
 
 // What differs, for the differences whose values say something.
