@@ -38,8 +38,11 @@ int VTLH_start_listener() {
     std::exit(1);
   }
   g_listener->set_event_handler(VTLH_handle_listener_event);
-  g_listener->resume();
+  // Ready before the first connection is served: the listener already takes
+  // connections, and once resumed, its queue may serve one before this
+  // thread runs again.
   VTLHMessageResponder::sharedInstance().reportReady();
+  g_listener->resume();
   return 0;
 }
 
