@@ -361,7 +361,9 @@ void make_corpus(const std::string& root, int items) {
         if (chance(0.25)) ::lsetxattr(path.c_str(), "user.vtl.quarantine", "0081;1", 6, 0);
       }
       if (chance(0.1)) static_cast<void>(classes->set(path, chance(0.5) ? "C" : "D"));
-      if (chance(0.7)) static_cast<void>(::chown(path.c_str(), 501, 501));
+      if (chance(0.7) && ::chown(path.c_str(), 501, 501) != 0) {
+        throw std::runtime_error("cannot give " + path + " to mobile");
+      }
       if (chance(0.05)) static_cast<void>(::chmod(path.c_str(), 0600));
       files.push_back(path);
     }

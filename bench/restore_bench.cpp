@@ -93,12 +93,16 @@ void make_source(const std::string& root, int files, const platform::ProtectionC
     const std::string dir = fmt::format("{}/Container{}/Library", root, f / per_dir);
     if (f % per_dir == 0) {
       fs::create_directories(dir);
-      ::chown(dir.c_str(), 501, 501);
-      ::chown(fs::path(dir).parent_path().c_str(), 501, 501);
+      if (::chown(dir.c_str(), 501, 501) != 0 ||
+          ::chown(fs::path(dir).parent_path().c_str(), 501, 501) != 0) {
+        die("cannot give " + dir + " to mobile");
+      }
     }
     const std::string path = fmt::format("{}/item{}.dat", dir, f);
     std::ofstream(path) << "bench " << f;
-    ::chown(path.c_str(), f % 3 == 0 ? 0 : 501, f % 2 == 0 ? 501 : 0);
+    if (::chown(path.c_str(), f % 3 == 0 ? 0 : 501, f % 2 == 0 ? 501 : 0) != 0) {
+      die("cannot set the owner of " + path);
+    }
     ::chmod(path.c_str(), f % 2 == 0 ? 0640 : 0600);
     const std::string tag = fmt::format("com.example.tag-{}", f);
     ::setxattr(path.c_str(), "user.com.example.tag", tag.data(), tag.size(), 0);
@@ -115,7 +119,7 @@ void reset(const std::string& root) {
   std::vector<char> names(4096);
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
     const char* path = entry.path().c_str();
-    ::lchown(path, 501, 501);
+    if (::lchown(path, 501, 501) != 0) die(std::string("cannot give ") + path + " to mobile");
     ::chmod(path, entry.is_directory() ? 0755 : 0644);
     const ssize_t n = ::llistxattr(path, names.data(), names.size());
     for (ssize_t at = 0; at < n;) {

@@ -153,6 +153,14 @@ std::string make_directory(const DemoDevice& device, const std::string& path, mo
   return "";
 }
 
+// Gives the file at `host_path` (on this machine) to the device's mobile user.
+std::string give_to_mobile(const std::string& host_path) {
+  if (::chown(host_path.c_str(), kMobileId, kMobileId) != 0) {
+    return "cannot give " + host_path + " to mobile: " + vtl::error_description(errno);
+  }
+  return "";
+}
+
 std::string make_file(const DemoDevice& device, const std::string& path,
                       const std::string& content) {
   std::ofstream file(device.host_path(path), std::ios::binary | std::ios::trunc);
@@ -302,7 +310,7 @@ std::string download_and_stage(const DemoDevice& d, const Prescribed& item) {
     fs::create_directories(download, ec);
     fs::create_directories(staged, ec);
     if (ec) return "cannot create " + staged + ": " + ec.message();
-    static_cast<void>(::chown(staged.c_str(), kMobileId, kMobileId));
+    if (std::string error = give_to_mobile(staged); !error.empty()) return error;
   } else {
     if (std::string error = make_file(d, std::string(kDownloads) + item.path, item.path);
         !error.empty()) {
@@ -313,8 +321,7 @@ std::string download_and_stage(const DemoDevice& d, const Prescribed& item) {
       return "cannot link " + staged + ": " + vtl::error_description(errno);
     }
   }
-  static_cast<void>(::chown(download.c_str(), kMobileId, kMobileId));
-  return "";
+  return give_to_mobile(download);
 }
 
 // The signed manifest of the download, from the device's own test signer.
@@ -426,7 +433,7 @@ std::string make_notes(const DemoDevice& d) {
     if (!error.empty()) return error;
   }
   const std::string todo = d.host_path(std::string(kNotes) + "/todo.txt");
-  static_cast<void>(::chown(todo.c_str(), kMobileId, kMobileId));
+  if (std::string error = give_to_mobile(todo); !error.empty()) return error;
   static_cast<void>(::lsetxattr(todo.c_str(), "user.color", "blue", 4, 0));
   static_cast<void>(platform::make_xattr_protection_classes()->set(todo, "C"));
   std::error_code ec;

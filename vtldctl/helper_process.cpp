@@ -174,7 +174,9 @@ void Launch::become_helper(int report) {
   }
   ::execve(argv_[0], argv_.data(), envp_.data());
   const int failure = errno;
-  static_cast<void>(::write(report, &failure, sizeof failure));
+  // The parent learns why from the report pipe; if even that write fails, it
+  // sees the child end with 127 and nothing more can be done from here.
+  [[maybe_unused]] const ssize_t reported = ::write(report, &failure, sizeof failure);
   ::_exit(127);
 }
 
