@@ -2,10 +2,8 @@
 // store, restart and quit ending the helper without a reply, the helper
 // started by a launcher on a handed-over socket, and its system log reaching a
 // syslog socket.
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,15 +26,6 @@ using testsupport::request;
 using testsupport::dict;
 
 const krx::Value kTrue = dict({{"Response", true}});
-
-int unix_socket(int type, const std::string& path) {
-  const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  static_cast<void>(std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str()));
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return -1;
-  return fd;
-}
 
 // The connection ends with no "Response" before it.
 void expect_ends_without_reply(krx::Client& client) {
@@ -86,7 +75,7 @@ TEST(DeviceCommands, RebootIsRecordedAndEndsTheHelperWithoutReply) {
 
 TEST(DeviceCommands, WhateverEndsTheHelperALauncherStartsItAgainOnTheSameSocket) {
   Device device;
-  const int listening = unix_socket(SOCK_STREAM, device.socket_path());
+  const int listening = testsupport::bound_unix_socket(SOCK_STREAM, device.socket_path());
   ASSERT_GE(listening, 0);
   ASSERT_EQ(::listen(listening, 8), 0);
 
@@ -148,7 +137,7 @@ TEST(DeviceCommands, ASocketGroupLimitsWhoMayConnect) {
 TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {
   Device device;
   fs::create_directories(device.path("/dev"));
-  const int syslog = unix_socket(SOCK_DGRAM, device.path("/dev/log"));
+  const int syslog = testsupport::bound_unix_socket(SOCK_DGRAM, device.path("/dev/log"));
   ASSERT_GE(syslog, 0);
   device.start({"--syslog"});
   krx::Client client = device.connect();
@@ -159,11 +148,7 @@ TEST(DeviceCommands, SystemLogReachesTheSyslogSocket) {
   const auto deadline = std::chrono::steady_clock::now() + 20s;
   while (received.find("Message handled") == std::string::npos &&
          std::chrono::steady_clock::now() < deadline) {
-    pollfd p{syslog, POLLIN, 0};
-    if (::poll(&p, 1, 200) <= 0) continue;
-    char datagram[4096];
-    const ssize_t n = ::recv(syslog, datagram, sizeof datagram, 0);
-    if (n > 0) received.append(datagram, static_cast<std::size_t>(n)).push_back('\n');
+    received += testsupport::receive_datagram(syslog, 200ms) + "\n";
   }
   ::close(syslog);
   EXPECT_NE(received.find("vtld_helper["), std::string::npos) << received;

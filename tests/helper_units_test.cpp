@@ -4,8 +4,6 @@
 // notification the unit's type asks for. (The install test runs systemd's
 // own checks on the installed units.)
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,37 +46,6 @@ std::vector<std::string> unit_values(const std::string& path, const std::string&
   return values;
 }
 
-// The service manager's end of the notification protocol: a datagram socket.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& path) : path_(path) {
-    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const timeval wait{.tv_sec = 10, .tv_usec = 0};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  }
-  ~NotifySocket() {
-    ::close(fd_);
-    ::unlink(path_.c_str());
-  }
-  NotifySocket(const NotifySocket&) = delete;
-  NotifySocket& operator=(const NotifySocket&) = delete;
-
-  // The next message; "" when none came in time.
-  std::string receive() const {
-    char buffer[4096];
-    const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-    return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : "";
-  }
-
- private:
-  std::string path_;
-  int fd_;
-};
-
 TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   std::optional<std::string> activate = find_program("systemd-socket-activate");
   if (!activate) GTEST_SKIP() << "systemd-socket-activate is not installed";
@@ -102,9 +69,12 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   const std::string socket = device.socket_path();
   const std::string& root = device.root();
   command.insert(command.end(), {"--root", root});
-  const std::string log = root + ".activated.stderr";
-  const std::string notify_path = root + ".notify";
-  NotifySocket notify(notify_path);
+  testsupport::TempDir outside;
+  const std::string log = outside / "activated.stderr";
+  const std::string notify_path = outside / "notify";
+  // The service manager's end of the notification protocol.
+  const int notify = testsupport::bound_unix_socket(SOCK_DGRAM, notify_path);
+  ASSERT_GE(notify, 0);
   // The activator hands its children only the environment it is told to:
   // the sanitizer build's helper, confined without /proc, cannot check for
   // leaks. It becomes the helper (exec); whatever ends the test, it goes
@@ -131,14 +101,15 @@ TEST(Units, SystemdSocketActivatorStartsTheHelper) {
   EXPECT_EQ(testsupport::request(
                 *client, testsupport::dict({{"removeWorkContainer:", "/private/var/none"}})),
             std::vector{testsupport::dict({{"Response", true}})});
-  EXPECT_EQ(notify.receive(), "READY=1\nSTATUS=Waiting for requests");
-  EXPECT_TRUE(notify.receive().starts_with("STATUS=Serving removeWorkContainer: for pid "));
-  EXPECT_EQ(notify.receive(), "STATUS=Waiting for requests");
+  EXPECT_EQ(testsupport::receive_datagram(notify), "READY=1\nSTATUS=Waiting for requests");
+  EXPECT_TRUE(testsupport::receive_datagram(notify).starts_with(
+      "STATUS=Serving removeWorkContainer: for pid "));
+  EXPECT_EQ(testsupport::receive_datagram(notify), "STATUS=Waiting for requests");
+  ::close(notify);
   const int status = activator->stop(20s).value_or(-1);
   // The activator execs the helper, which ends on SIGTERM with status 0.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << read_file(log);
   EXPECT_NE(read_file(log).find("KRX connection will be closed"), std::string::npos);
-  fs::remove(log);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 // The vtldctl program end to end: run as a user runs it, against the real
 // helper serving a simulated device, with its output and exit status checked.
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -20,8 +18,7 @@
 #include "platform/sim/device.h"
 #include "tests/support/daemon.h"
 #include "tests/support/file_tree.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration)
+#include "vtldctl/helper_process.h"
 
 namespace {
 
@@ -42,44 +39,26 @@ struct Outcome {
 std::string vtldctl_path() { return fs::canonical(testsupport::program_path("vtldctl")).string(); }
 
 // Runs a program with `input` on standard input; both outputs kept.
+// `extra_env` replaces variables of the same name.
 Outcome run_program(const std::vector<std::string>& args, const std::string& input = "",
                     const std::vector<std::string>& extra_env = {}) {
   testsupport::TempDir io;
-  const std::string in_path = io / "in";
-  std::ofstream(in_path) << input;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, in_path.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (io / "out").c_str(), O_WRONLY | O_CREAT, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, (io / "err").c_str(), O_WRONLY | O_CREAT, 0600);
-  std::vector<std::string> arg_storage = args;
-  std::vector<char*> argv;
-  argv.reserve(arg_storage.size() + 1);
-  for (std::string& arg : arg_storage) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  // `extra_env` replaces variables of the same name.
-  std::vector<std::string> env_storage = extra_env;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry = *e;
-    const std::string name = entry.substr(0, entry.find('=') + 1);
-    bool replaced = false;
-    for (const std::string& extra : extra_env) replaced = replaced || extra.starts_with(name);
-    if (!replaced) env_storage.push_back(entry);
-  }
-  std::vector<char*> envp;
-  envp.reserve(env_storage.size() + 1);
-  for (std::string& e : env_storage) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  pid_t pid = -1;
+  vtldctl::HelperStart how;
+  how.program = args.front();
+  how.arguments.assign(args.begin() + 1, args.end());
+  how.input = io / "in";
+  how.output = vtldctl::HelperStream::file(io / "out");
+  how.errors = vtldctl::HelperStream::file(io / "err");
+  how.environment = extra_env;
+  std::ofstream(how.input) << input;
+  std::string error;
+  std::optional<vtldctl::HelperProcess> process = vtldctl::HelperProcess::start(how, &error);
   Outcome run;
-  const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    ADD_FAILURE() << "cannot start " << args[0];
+  if (!process) {
+    ADD_FAILURE() << "cannot start " << args.front() << ": " << error;
     return run;
   }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
+  const int status = process->wait(std::chrono::minutes(5)).value_or(-1);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   run.out = read_file(io / "out");
   run.err = read_file(io / "err");

@@ -148,9 +148,10 @@ int Launch::open_stream(const HelperStream& stream, std::string* error) {
 
 std::string Launch::open_streams() {
   std::string error;
-  streams_[STDIN_FILENO] = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  const std::string input = how_.input.empty() ? "/dev/null" : how_.input;
+  streams_[STDIN_FILENO] = ::open(input.c_str(), O_RDONLY | O_CLOEXEC);
   if (streams_[STDIN_FILENO] < 0) {
-    return fmt::format("cannot open /dev/null: {}", vtl::error_description(errno));
+    return fmt::format("cannot open {}: {}", input, vtl::error_description(errno));
   }
   streams_[STDOUT_FILENO] = open_stream(how_.output, &error);
   if (streams_[STDOUT_FILENO] < 0) return error;

@@ -1,8 +1,9 @@
 // A vtld_helper that its own client starts: vtldctl's demo, the benches and
-// the tests all start it here, so that it always starts the same way. Started
-// with given arguments, standard streams and environment (and, as a service
-// launcher does, optionally with its listening socket handed over), waited
-// for until it serves, stopped as the service launcher stops it (SIGTERM).
+// the tests all start it here, so that it always starts the same way (the
+// tests start vtldctl itself here too). Started with given arguments,
+// standard streams and environment (and, as a service launcher does,
+// optionally with its listening socket handed over), waited for until it
+// serves, stopped as the service launcher stops it (SIGTERM).
 #pragma once
 
 #include <sys/types.h>
@@ -37,10 +38,11 @@ struct HandedOverSocket {
   std::string name;
 };
 
-// How to start the helper. Standard input is always /dev/null.
+// How to start the helper.
 struct HelperStart {
   std::string program;
   std::vector<std::string> arguments;  // after the program's own name
+  std::string input;                   // the file standard input reads; /dev/null when empty
   HelperStream output = HelperStream::null();
   HelperStream errors = HelperStream::null();
   // "NAME=value" entries over the inherited environment (replacing a

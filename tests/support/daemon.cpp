@@ -1,6 +1,8 @@
 #include "tests/support/daemon.h"
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -177,6 +179,27 @@ krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entrie
   krx::Dictionary d;
   for (const auto& e : entries) d.emplace_back(e.first, e.second);
   return krx::Value(std::move(d));
+}
+
+int bound_unix_socket(int type, const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return -1;
+  path.copy(address.sun_path, path.size());
+  const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+std::string receive_datagram(int fd, std::chrono::milliseconds limit) {
+  pollfd readable{fd, POLLIN, 0};
+  if (::poll(&readable, 1, static_cast<int>(limit.count())) != 1) return "";
+  char datagram[4096];
+  const ssize_t n = ::recv(fd, datagram, sizeof datagram, 0);
+  return n > 0 ? std::string(datagram, static_cast<std::size_t>(n)) : "";
 }
 
 bool send_with_descriptor(int socket, std::span<const std::uint8_t> bytes, int passed) {

@@ -91,6 +91,12 @@ class Device {
 // A KRX dictionary of `entries`, in the order given: requests and replies.
 krx::Value dict(std::initializer_list<std::pair<std::string, krx::Value>> entries);
 
+// A Unix socket of `type` bound at `path` (a launcher's listening socket, a
+// syslog or service manager's socket); -1 when it cannot be made.
+int bound_unix_socket(int type, const std::string& path);
+// The next datagram on `fd`; "" when none comes within `limit`.
+std::string receive_datagram(int fd, std::chrono::milliseconds limit = std::chrono::seconds(10));
+
 // Sends `bytes` on the connected `socket` with the descriptor `passed`
 // attached, as a client may; whether all of them went.
 bool send_with_descriptor(int socket, std::span<const std::uint8_t> bytes, int passed);
