@@ -201,6 +201,11 @@ struct AcquireFixture {
     std::copy(h.bytes.begin(), h.bytes.end(), state.bytes.begin() + static_cast<long>(offset));
   }
   std::uint64_t backup_offset() const { return 64 * KiB - 4096; }
+  ZmraHeader corrupt() const {
+    ZmraHeader bad = medium.header;
+    bad.bytes[100] ^= 1;
+    return bad;
+  }
 };
 
 TEST(ZmraAcquire, TakesTheMainCopyThenTheBackupAndSaysWhyNeitherServed) {
@@ -214,18 +219,14 @@ TEST(ZmraAcquire, TakesTheMainCopyThenTheBackupAndSaysWhyNeitherServed) {
       {"main valid", [](AcquireFixture& f) { f.put(0, f.medium.header); }, 0, ""},
       {"main corrupt, backup valid",
        [](AcquireFixture& f) {
-         ZmraHeader bad = f.medium.header;
-         bad.bytes[100] ^= 1;
-         f.put(0, bad);
+         f.put(0, f.corrupt());
          f.put(f.backup_offset(), f.medium.header);
        },
        0, ""},
       {"both corrupt",
        [](AcquireFixture& f) {
-         ZmraHeader bad = f.medium.header;
-         bad.bytes[100] ^= 1;
-         f.put(0, bad);
-         f.put(f.backup_offset(), bad);
+         f.put(0, f.corrupt());
+         f.put(f.backup_offset(), f.corrupt());
        },
        -1, "zmra: media header corrupt\n"},
       {"no header", [](AcquireFixture&) {}, -1, "zmra: media header not found or not supported\n"},
@@ -304,9 +305,7 @@ TEST(ZmraCheckAndRepair, EachBrokenInvariantIsReportedByItsOwnLineAndMended) {
       {"unknown identifier", [](Medium& m) { m.header.bytes[5] ^= 0x40; },
        "zmra: media header mismatch\n", "zmra: media header mismatch\n"},
       {"header claims a larger medium",
-       [](Medium& m) {
-         m.header.bytes[32 + 3] ^= 0x01; /* +16 MiB */
-       },
+       [](Medium& m) { m.header.bytes[32 + 3] ^= 0x01; },  // 16 MiB more
        "zmra: media size mismatch\n",
        "zmra: media size smaller than required by header\nzmra: adjusting header media size\n"},
       {"header claims a smaller medium", [](Medium& m) { m.header.bytes[32 + 3] = 0x3F; },
@@ -443,14 +442,9 @@ struct Gpt {
   int count() const { return vtl::gpt::partition_count(header); }
 };
 
-ZmraMediaGeometry geometry_4k() {
-  ZmraMediaGeometry g;
-  EXPECT_EQ(vtl::zmraInitMediaGeometry(&g, GiB, 4096), 0);
-  return g;
-}
-
+// Resizes partition `index` of `gpt` on a 1 GiB medium of 4 KiB blocks.
 std::int64_t adjust(Gpt& gpt, std::int32_t index, std::uint64_t bytes, std::string* out) {
-  const ZmraMediaGeometry g = geometry_4k();
+  const ZmraMediaGeometry g = make_medium(GiB, 4096).geometry;
   std::int64_t rc = 0;
   *out =
       stderr_of([&] { rc = vtl::zmraAdjustPartition(&g, gpt.header, gpt.entries, index, bytes); });
