@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "manifest/VTLFileMetadata.h"
@@ -26,6 +27,8 @@
 namespace {
 
 namespace keys = vtl::keys;
+using testing::IsEmpty;
+using testing::Pointee;
 using testsupport::bytes;
 using testsupport::make_dir;
 using testsupport::sha1;
@@ -90,19 +93,11 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
     SCOPED_TRACE(c.name);
     const VTLFileMetadata r = record_of(at(c.name));
     EXPECT_EQ(r.dict().size(), 4u);
-    ASSERT_NE(r.getFileType(), nullptr);
-    EXPECT_EQ(*r.getFileType(), c.type);
-    ASSERT_NE(r.getHash(), nullptr);
-    EXPECT_EQ(*r.getHash(), c.hash);
-    ASSERT_NE(r.getTargetFile(), nullptr);
-    EXPECT_EQ(*r.getTargetFile(), c.target);
-    ASSERT_NE(r.getExtendedAttributes(), nullptr);
-    EXPECT_TRUE(r.getExtendedAttributes()->empty());
+    EXPECT_THAT(r.getFileType(), Pointee(c.type));
+    EXPECT_THAT(r.getHash(), Pointee(c.hash));
+    EXPECT_THAT(r.getTargetFile(), Pointee(c.target));
+    EXPECT_THAT(r.getExtendedAttributes(), Pointee(IsEmpty()));
   }
-  EXPECT_EQ(*record_of(at("empty")).getHash(),
-            bytes(std::string("\xda\x39\xa3\xee\x5e\x6b\x4b\x0d\x32\x55\xbf\xef\x95\x60\x18\x90"
-                              "\xaf\xd8\x07\x09",
-                              20)));
   EXPECT_TRUE(logged("Cannot read file " + at("fifo")));
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
 }
@@ -146,11 +141,8 @@ TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {
                               std::chrono::nanoseconds(stx.stx_btime.tv_nsec))));
   }
   EXPECT_EQ(a.contains("Immutable"), (stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0);
-  if (a.contains("Immutable")) {
-    EXPECT_EQ(a.at("Immutable"), Value(false));
-  }
-  if (a.contains("AppendOnly")) {
-    EXPECT_EQ(a.at("AppendOnly"), Value(false));
+  for (const char* flag : {"Immutable", "AppendOnly"}) {
+    EXPECT_TRUE(!a.contains(flag) || a.at(flag) == Value(false)) << flag;
   }
   // Nothing is made up for what Linux does not have.
   for (const char* absent : {"Busy", "ExtensionHidden", "CreatorCode", "TypeCode"}) {
