@@ -187,12 +187,17 @@ class KrxConnectionTest : public ::testing::Test {
   std::shared_ptr<Server> server_;
 };
 
-TEST_F(KrxConnectionTest, RequestsArriveAndRepliesGoBack) {
-  ASSERT_NE(server_->listen(name_), nullptr);
-  Client client = connect();
-  ASSERT_TRUE(server_->wait_count("listener", 1));
-  EXPECT_EQ(server_->records()[0].type, Type::Connection);
+// The same with the listener serving from the start.
+class KrxServingTest : public KrxConnectionTest {
+ protected:
+  void SetUp() override {
+    KrxConnectionTest::SetUp();
+    ASSERT_NE(server_->listen(name_), nullptr);
+  }
+};
 
+TEST_F(KrxServingTest, RequestsArriveAndRepliesGoBack) {
+  Client client = connect();
   const Value request = make_dictionary("Path", "/private/var/mobile");
   ASSERT_TRUE(client.send(request));
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", request));
@@ -202,13 +207,13 @@ TEST_F(KrxConnectionTest, RequestsArriveAndRepliesGoBack) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", std::int64_t{7}));
   const auto records = server_->records();
   ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].type, Type::Connection);
   EXPECT_EQ(records[1].type, Type::Dictionary);
   EXPECT_EQ(records[1].message, request);
   EXPECT_EQ(records[2].type, Type::Int64);
 }
 
-TEST_F(KrxConnectionTest, ListenerSocketIsOpenToEveryLocalUser) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, ListenerSocketIsOpenToEveryLocalUser) {
   struct stat st {};
   ASSERT_EQ(lstat(socket_path().c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -261,8 +266,7 @@ TEST_F(KrxConnectionTest, StaleSocketIsReplacedButALiveOneIsNot) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", "still here"));
 }
 
-TEST_F(KrxConnectionTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -280,8 +284,7 @@ TEST_F(KrxConnectionTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", request));
 }
 
-TEST_F(KrxConnectionTest, PeerCloseEndsTheConnectionOnce) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, PeerCloseEndsTheConnectionOnce) {
   {
     Client client = connect();
     ASSERT_TRUE(client.send(Value("last words")));
@@ -306,8 +309,7 @@ struct BadFrame {
   const char* reason;
 };
 
-TEST_F(KrxConnectionTest, MalformedFrameEndsOnlyThatConnection) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, MalformedFrameEndsOnlyThatConnection) {
   Client bystander = connect();
   ASSERT_TRUE(bystander.send(Value("before")));
   EXPECT_EQ(expect_message(bystander), make_dictionary("Reply", "before"));
@@ -350,8 +352,7 @@ TEST_F(KrxConnectionTest, MalformedFrameEndsOnlyThatConnection) {
   EXPECT_EQ(expect_message(newcomer), make_dictionary("Reply", "new"));
 }
 
-TEST_F(KrxConnectionTest, DescriptorsSentAlongAreClosedUnused) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, DescriptorsSentAlongAreClosedUnused) {
   Client client = connect();
   int pipe_fds[2];
   ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
@@ -428,8 +429,7 @@ TEST_F(KrxConnectionTest, NewConnectionIsSilentUntilResumed) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", "early"));
 }
 
-TEST_F(KrxConnectionTest, AuditTokenNamesTheClientProcess) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, AuditTokenNamesTheClientProcess) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -446,8 +446,7 @@ TEST_F(KrxConnectionTest, AuditTokenNamesTheClientProcess) {
   EXPECT_TRUE((fcntl(*token.pidfd, F_GETFD) & FD_CLOEXEC) != 0);
 }
 
-TEST_F(KrxConnectionTest, CancelEndsTheConnectionAndStopsAccepting) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, CancelEndsTheConnectionAndStopsAccepting) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -463,8 +462,7 @@ TEST_F(KrxConnectionTest, CancelEndsTheConnectionAndStopsAccepting) {
   EXPECT_NE(error.find("cannot connect to " + socket_path()), std::string::npos) << error;
 }
 
-TEST_F(KrxConnectionTest, PeerThatDoesNotReadIsCutOff) {
-  ASSERT_NE(server_->listen(name_), nullptr);
+TEST_F(KrxServingTest, PeerThatDoesNotReadIsCutOff) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -479,18 +477,17 @@ TEST_F(KrxConnectionTest, PeerThatDoesNotReadIsCutOff) {
 }
 
 // What any client may cost, made small here; the defaults come back after.
-class KrxLimitsTest : public KrxConnectionTest {
+class KrxLimitsTest : public KrxServingTest {
  protected:
   void SetUp() override {
-    KrxConnectionTest::SetUp();
+    KrxServingTest::SetUp();
     limits_.max_connections = 3;
     limits_.input_budget = std::size_t{1} << 20;
     limits_.frame_deadline = std::chrono::milliseconds(300);
     set_limits(limits_);
-    ASSERT_NE(server_->listen(name_), nullptr);
   }
   void TearDown() override {
-    KrxConnectionTest::TearDown();
+    KrxServingTest::TearDown();
     set_limits(Limits{});
   }
 
