@@ -36,9 +36,12 @@ constexpr const char* kFatal =
 constexpr const char* kNoTrustObject =
     "-[VTLSignedManifest createPublicKey:usingPolicy:]: Cannot create secure trust object: -50";
 constexpr const char* kCannotLoad = "certificateArrayApplier: Cannot load certificate.";
-constexpr const char* kNotPlist =
-    "-[VTLSignedManifest initWithNSStream:]: Cannot convert to property list - The data is not a "
-    "property list of a supported form.(0xf00).";
+constexpr const char* kNoStrongPolicy =
+    "-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.";
+const std::string kInit = "-[VTLSignedManifest initWithNSStream:]: ";
+const std::string kNotPlist = kInit +
+                              "Cannot convert to property list - The data is not a property list "
+                              "of a supported form.(0xf00).";
 
 class SignedManifestTest : public ::testing::Test {
  protected:
@@ -52,10 +55,13 @@ class SignedManifestTest : public ::testing::Test {
     platform_ = std::make_unique<testsupport::SigningPlatform>(dir_.path(), std::move(clock));
   }
 
-  std::unique_ptr<VTLSignedManifest> read(const Data& bytes) {
+  std::unique_ptr<VTLSignedManifest> read(vtl::InputStream& stream) {
     platform_->base.log.clear();
-    vtl::DataInputStream stream(bytes);
     return VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles());
+  }
+  std::unique_ptr<VTLSignedManifest> read(const Data& bytes) {
+    vtl::DataInputStream stream(bytes);
+    return read(stream);
   }
   std::unique_ptr<VTLSignedManifest> read(const Dictionary& envelope) {
     return read(testsupport::binary_plist(Value(envelope)));
@@ -272,7 +278,6 @@ Data deep_xml(std::size_t depth) {
 TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
   use_device(Fuse::kFalse);
   const Dictionary good = good_envelope();
-  const std::string init = "-[VTLSignedManifest initWithNSStream:]: ";
   const std::string verify = "-[VTLSignedManifest verifyManifestSignature:]: ";
   const std::string no_certificates =
       verify + "cannot find certificates, or certificate format not correct.";
@@ -290,17 +295,17 @@ TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
       {"truncated", truncated, {kNotPlist}},
       {"deeply_nested", deep_xml(100000), {kNotPlist}},
       {"nested_past_the_limit", deep_xml(vtl::kMaxPlistDepth + 1), {kNotPlist}},
-      {"array", bytes_of(Value(vtl::Array{})), {init + "format not correct."}},
-      {"no_version", good_with("Version", {}), {init + "required key (version) not found."}},
+      {"array", bytes_of(Value(vtl::Array{})), {kInit + "format not correct."}},
+      {"no_version", good_with("Version", {}), {kInit + "required key (version) not found."}},
       {"version_3",
        good_with("Version", 3),
-       {init + "signed manifest version 3 is not supported yet"}},
+       {kInit + "signed manifest version 3 is not supported yet"}},
       {"version_2_beyond_32_bits",
        good_with("Version", Value(std::int64_t{0x100000002})),
-       {init + "signed manifest version 2147483647 is not supported yet"}},
+       {kInit + "signed manifest version 2147483647 is not supported yet"}},
       {"version_data",
        good_with("Version", Value(Data{2})),
-       {init + "signed manifest version 0 is not supported yet"}},
+       {kInit + "signed manifest version 0 is not supported yet"}},
       {"version_2.9", good_with("Version", Value(2.9)), {kStrong, kPassed}},
       {"version_string", good_with("Version", Value(" 2")), {kStrong, kPassed}},
       {"no_certificate", good_with("Certificate", {}), {no_certificates}},
@@ -355,13 +360,9 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
       {huge.get(), "File too large(0x1b)."}, {&failing, "Input/output error(0x5)."}};
   for (const auto& [stream, reason] : cases) {
     SCOPED_TRACE(reason);
-    platform_->base.log.clear();
-    EXPECT_EQ(
-        VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
-        nullptr);
-    EXPECT_EQ(log(), std::vector<std::string>{"-[VTLSignedManifest initWithNSStream:]: Cannot "
-                                              "convert to property list - " +
-                                              reason});
+    EXPECT_EQ(read(*stream), nullptr);
+    EXPECT_EQ(log(),
+              std::vector<std::string>{kInit + "Cannot convert to property list - " + reason});
   }
 }
 
@@ -369,9 +370,8 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
 
 TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
   use_device(Fuse::kTrue);
-  const std::string init = "-[VTLSignedManifest initWithNSStream:]: ";
   const std::string missing =
-      init + "required key (Info, App, AppData, or Manifest) not found: (null)";
+      kInit + "required key (Info, App, AppData, or Manifest) not found: (null)";
   const Dictionary raw = testsupport::raw_manifest();
   Data truncated = bytes_of(Value(raw));
   truncated.resize(truncated.size() - 3);
@@ -389,16 +389,16 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
       {"empty", Data{}, {kNotPlist}},
       {"truncated", truncated, {kNotPlist}},
       {"deeply_nested", deep_xml(5000), {kNotPlist}},
-      {"array", bytes_of(Value(vtl::Array{Value(raw)})), {init + "payload format not correct."}},
-      {"no_version", raw_with("Version", {}), {init + "required key (version) not found."}},
-      {"version_2", raw_with("Version", 2), {init + "raw manifest version 2 is not supported."}},
-      {"version_5", raw_with("Version", 5), {init + "raw manifest version 5 is not supported."}},
+      {"array", bytes_of(Value(vtl::Array{Value(raw)})), {kInit + "payload format not correct."}},
+      {"no_version", raw_with("Version", {}), {kInit + "required key (version) not found."}},
+      {"version_2", raw_with("Version", 2), {kInit + "raw manifest version 2 is not supported."}},
+      {"version_5", raw_with("Version", 5), {kInit + "raw manifest version 5 is not supported."}},
       {"version_text_5",
        raw_with("Version", Value("5")),
-       {init + "raw manifest version 5 is not supported."}},
+       {kInit + "raw manifest version 5 is not supported."}},
       {"version_dictionary",
        raw_with("Version", Value(Dictionary{{"Major", Value(3)}})),
-       {init + "raw manifest version { Major = 3; } is not supported."}},
+       {kInit + "raw manifest version { Major = 3; } is not supported."}},
       {"no_info", raw_with("Info", {}), {missing}},
       {"no_backup", raw_with("Backup", {}), {missing}},
       {"no_app", raw_with("App", {}), {missing}},
@@ -419,8 +419,6 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
 TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
   namespace fs = std::filesystem;
   const fs::path trust = fs::path(dir_.path()) / "etc/vtld/trust";
-  const std::string strong_policy =
-      "-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.";
   const std::string test_policy =
       "-[VTLSignedManifest createPublicKeyForDevelopmentSigningStandard:]: Cannot create policy.";
   const Dictionary test_signed = test_envelope();
@@ -437,10 +435,10 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
   } const cases[] = {
       {"no_production_directory",
        [&] { fs::remove_all(trust / "production"); },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_policy_not_a_dictionary",
        [&] { policy_file(trust / "production", "<plist><array/></plist>"); },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_policy_unknown_key",
        [&] {
          policy_file(trust / "production",
@@ -448,13 +446,13 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
                          "<key>LeafExtendedKeyUsage</key><string>1.2.3</string>"
                          "<key>RequireTimestamp</key><true/></dict></plist>");
        },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_anchor_damaged",
        [&] {
          std::ofstream(trust / "production/production-root.pem", std::ios::app)
              << "-----BEGIN CERTIFICATE-----\nMIIBroken\n-----END CERTIFICATE-----\n";
        },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       // No anchors at all is a policy that trusts nothing, not a broken one.
       {"production_without_anchors",
        [&] { fs::remove(trust / "production/production-root.pem"); },
@@ -491,9 +489,7 @@ TEST_F(SignedManifestTest, NoCertificateServicesMeansNoPolicy) {
   use_device(Fuse::kTrue);
   platform_->base.roles.certificate_services = nullptr;
   EXPECT_EQ(read(good_envelope()), nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create "
-                          "policy.",
-                          kNotValid}));
+  EXPECT_EQ(log(), lines({kNoStrongPolicy, kNotValid}));
 }
 
 TEST_F(SignedManifestTest, AFuseAnswerThatIsNotFalseCountsAsFused) {
