@@ -462,23 +462,19 @@ Gpt three_partitions() {
 TEST(ZmraAdjust, ResizingPacksTheFollowingPartitionsBehind) {
   Gpt gpt = three_partitions();
   std::string out;
-  EXPECT_EQ(adjust(gpt, 0, 50 * 4096, &out), 0);
+  // A size that is not a whole number of blocks takes one block more.
+  EXPECT_EQ(adjust(gpt, 0, 50 * 4096 + 1, &out), 0);
   EXPECT_EQ(out, "");
-  EXPECT_EQ(gpt.extent(0), Extent(6, 55));
-  EXPECT_EQ(gpt.extent(1), Extent(56, 855));
-  EXPECT_EQ(gpt.extent(2), Extent(856, 905));
+  EXPECT_EQ(gpt.extent(0), Extent(6, 56));
+  EXPECT_EQ(gpt.extent(1), Extent(57, 856));
+  EXPECT_EQ(gpt.extent(2), Extent(857, 906));
   EXPECT_EQ(gpt.count(), 3);
 
-  // A size that is not a whole number of blocks takes one block more.
-  EXPECT_EQ(adjust(gpt, 1, 300 * 4096 + 1, &out), 0);
-  EXPECT_EQ(gpt.extent(1), Extent(56, 356));
-  EXPECT_EQ(gpt.extent(2), Extent(357, 406));
-
-  // Growing up to the last usable block fits; one block more does not.
-  EXPECT_EQ(adjust(gpt, 1, (1000 - 56 + 1 - 50) * 4096ULL, &out), 0);
+  // Growing up to the last usable block fits; three blocks more do not.
+  EXPECT_EQ(adjust(gpt, 1, (1000 - 57 + 1 - 50) * 4096ULL, &out), 0);
   EXPECT_EQ(gpt.extent(2), Extent(951, 1000));
   const std::vector<std::uint8_t> header_before = gpt.header;
-  EXPECT_EQ(adjust(gpt, 1, (1000 - 56 + 1 - 50 + 3) * 4096ULL, &out), -1);
+  EXPECT_EQ(adjust(gpt, 1, (1000 - 57 + 1 - 50 + 3) * 4096ULL, &out), -1);
   EXPECT_EQ(out, "zmra: new layout does not fit, overflows by 0x3 blocks\n");
   EXPECT_EQ(gpt.header, header_before);
 }
