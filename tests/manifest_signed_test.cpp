@@ -23,6 +23,7 @@ using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLSignedManifest;
+namespace fs = std::filesystem;
 
 constexpr const char* kStrong = "Verifing strong signing";
 constexpr const char* kDevelopment = "Verifing development signing";
@@ -341,7 +342,7 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
   const std::string path = dir_ / "huge.plist";
   std::ofstream(path, std::ios::binary) << vtl::plist_to_xml(Value(good_envelope()));
   // Sparse: the size is what counts, and it is refused before any read.
-  std::filesystem::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
+  fs::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
   int error = 0;
   auto huge = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
   ASSERT_NE(huge, nullptr);
@@ -417,7 +418,6 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
 // --- Trust directories --------------------------------------------------------
 
 TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
-  namespace fs = std::filesystem;
   const fs::path trust = fs::path(dir_.path()) / "etc/vtld/trust";
   const std::string test_policy =
       "-[VTLSignedManifest createPublicKeyForDevelopmentSigningStandard:]: Cannot create policy.";
@@ -476,7 +476,6 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
 }
 
 TEST_F(SignedManifestTest, AnAnchorNeedNotBeARoot) {
-  namespace fs = std::filesystem;
   const fs::path production = fs::path(dir_.path()) / "etc/vtld/trust/production";
   fs::remove(production / "production-root.pem");
   fs::copy(std::string(VTL_FIXTURES_DIR) + "/pki/production-intermediate.pem", production);
