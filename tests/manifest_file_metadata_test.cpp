@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <ranges>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -284,14 +285,12 @@ TEST_F(FileMetadataTest, UnreadableFileGetsEmptyHashNotAFailure) {
   write_file(at("locked"), "private");
   ASSERT_EQ(::chmod(at("locked").c_str(), 0), 0);
   ASSERT_EQ(::chown(at("locked").c_str(), 4242, 4242), 0);
-  std::optional<VTLFileMetadata> r;
-  {
+  const VTLFileMetadata r = [&] {
     testsupport::WithoutFileOverride as_anyone;
-    r = VTLFileMetadata::fileMetadatatWithPath(at("locked"), platform_.files());
-  }
-  ASSERT_TRUE(r);
-  EXPECT_EQ(*r->getHash(), Data{});
-  EXPECT_EQ(*r->getTargetFile(), "");
+    return record_of(at("locked"));
+  }();
+  EXPECT_THAT(r.getHash(), Pointee(Data{}));
+  EXPECT_THAT(r.getTargetFile(), Pointee(std::string()));
   EXPECT_TRUE(logged("Cannot read file " + at("locked")));
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("locked") + ")?"));
 }
@@ -499,10 +498,9 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
     all.emplace(std::string(key), Value(1));
   }
   all.emplace("SomethingElse", Value(1));
-  Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
-  std::vector<std::string> names;
-  for (const auto& [k, v] : settable) names.push_back(k);
-  EXPECT_EQ(names,
+  const Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
+  const auto names = std::views::keys(settable);
+  EXPECT_EQ(std::vector<std::string>(names.begin(), names.end()),
             (std::vector<std::string>{"Busy", "CreationDate", "CreatorCode", "ExtensionHidden",
                                       "GroupOwnerAccountID", "GroupOwnerAccountName", "Immutable",
                                       "ModificationDate", "OwnerAccountID", "OwnerAccountName",
