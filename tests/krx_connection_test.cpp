@@ -182,7 +182,7 @@ class KrxConnectionTest : public ::testing::Test {
 };
 
 // The same with the listener serving from the start.
-class KrxServingTest : public KrxConnectionTest {
+class KrxServedConnectionTest : public KrxConnectionTest {
  protected:
   void SetUp() override {
     KrxConnectionTest::SetUp();
@@ -190,7 +190,7 @@ class KrxServingTest : public KrxConnectionTest {
   }
 };
 
-TEST_F(KrxServingTest, RequestsArriveAndRepliesGoBack) {
+TEST_F(KrxServedConnectionTest, RequestsArriveAndRepliesGoBack) {
   Client client = connect();
   const Value request = make_dictionary("Path", "/private/var/mobile");
   ASSERT_TRUE(client.send(request));
@@ -207,7 +207,7 @@ TEST_F(KrxServingTest, RequestsArriveAndRepliesGoBack) {
   EXPECT_EQ(records[2].type, Type::Int64);
 }
 
-TEST_F(KrxServingTest, ListenerSocketIsOpenToEveryLocalUser) {
+TEST_F(KrxServedConnectionTest, ListenerSocketIsOpenToEveryLocalUser) {
   struct stat st {};
   ASSERT_EQ(lstat(socket_path().c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -257,7 +257,7 @@ TEST_F(KrxConnectionTest, StaleSocketIsReplacedButALiveOneIsNot) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", "still here"));
 }
 
-TEST_F(KrxServingTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
+TEST_F(KrxServedConnectionTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -275,7 +275,7 @@ TEST_F(KrxServingTest, ServerSendsOnItsOwnAndLargeMessagesSurviveTheTrip) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", request));
 }
 
-TEST_F(KrxServingTest, PeerCloseEndsTheConnectionOnce) {
+TEST_F(KrxServedConnectionTest, PeerCloseEndsTheConnectionOnce) {
   {
     Client client = connect();
     ASSERT_TRUE(client.send(Value("last words")));
@@ -299,7 +299,7 @@ struct BadFrame {
   const char* reason;
 };
 
-TEST_F(KrxServingTest, MalformedFrameEndsOnlyThatConnection) {
+TEST_F(KrxServedConnectionTest, MalformedFrameEndsOnlyThatConnection) {
   Client bystander = connect();
   ASSERT_TRUE(bystander.send(Value("before")));
   EXPECT_EQ(expect_message(bystander), make_dictionary("Reply", "before"));
@@ -341,7 +341,7 @@ TEST_F(KrxServingTest, MalformedFrameEndsOnlyThatConnection) {
   EXPECT_EQ(expect_message(newcomer), make_dictionary("Reply", "new"));
 }
 
-TEST_F(KrxServingTest, DescriptorsSentAlongAreClosedUnused) {
+TEST_F(KrxServedConnectionTest, DescriptorsSentAlongAreClosedUnused) {
   Client client = connect();
   int pipe_fds[2];
   ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
@@ -418,7 +418,7 @@ TEST_F(KrxConnectionTest, NewConnectionIsSilentUntilResumed) {
   EXPECT_EQ(expect_message(client), make_dictionary("Reply", "early"));
 }
 
-TEST_F(KrxServingTest, AuditTokenNamesTheClientProcess) {
+TEST_F(KrxServedConnectionTest, AuditTokenNamesTheClientProcess) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -435,7 +435,7 @@ TEST_F(KrxServingTest, AuditTokenNamesTheClientProcess) {
   EXPECT_TRUE((fcntl(*token.pidfd, F_GETFD) & FD_CLOEXEC) != 0);
 }
 
-TEST_F(KrxServingTest, CancelEndsTheConnectionAndStopsAccepting) {
+TEST_F(KrxServedConnectionTest, CancelEndsTheConnectionAndStopsAccepting) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -451,7 +451,7 @@ TEST_F(KrxServingTest, CancelEndsTheConnectionAndStopsAccepting) {
   EXPECT_NE(error.find("cannot connect to " + socket_path()), std::string::npos) << error;
 }
 
-TEST_F(KrxServingTest, PeerThatDoesNotReadIsCutOff) {
+TEST_F(KrxServedConnectionTest, PeerThatDoesNotReadIsCutOff) {
   Client client = connect();
   auto conn = server_->accepted(0);
   ASSERT_NE(conn, nullptr);
@@ -466,17 +466,17 @@ TEST_F(KrxServingTest, PeerThatDoesNotReadIsCutOff) {
 }
 
 // What any client may cost, made small here; the defaults come back after.
-class KrxLimitsTest : public KrxServingTest {
+class KrxLimitsTest : public KrxServedConnectionTest {
  protected:
   void SetUp() override {
-    KrxServingTest::SetUp();
+    KrxServedConnectionTest::SetUp();
     limits_.max_connections = 3;
     limits_.input_budget = std::size_t{1} << 20;
     limits_.frame_deadline = std::chrono::milliseconds(300);
     set_limits(limits_);
   }
   void TearDown() override {
-    KrxServingTest::TearDown();
+    KrxServedConnectionTest::TearDown();
     set_limits(Limits{});
   }
 
