@@ -359,11 +359,11 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
   } failing;
   const std::pair<vtl::InputStream*, std::string> cases[] = {
       {huge.get(), "File too large(0x1b)."}, {&failing, "Input/output error(0x5)."}};
+  const std::string cannot_convert = kInit + "Cannot convert to property list - ";
   for (const auto& [stream, reason] : cases) {
     SCOPED_TRACE(reason);
     EXPECT_EQ(read(*stream), nullptr);
-    EXPECT_EQ(log(),
-              std::vector<std::string>{kInit + "Cannot convert to property list - " + reason});
+    EXPECT_EQ(log(), std::vector<std::string>{cannot_convert + reason});
   }
 }
 
