@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <ranges>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "manifest/VTLFileMetadata.h"
@@ -26,6 +28,8 @@
 namespace {
 
 namespace keys = vtl::keys;
+using testing::IsEmpty;
+using testing::Pointee;
 using testsupport::bytes;
 using testsupport::make_dir;
 using testsupport::sha1;
@@ -69,12 +73,13 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
   testsupport::make_link("file", at("link"));
   testsupport::make_link("nowhere/at/all", at("dangling"));
   testsupport::make_fifo(at("fifo"));
+  testsupport::make_link("caf\xe9", at("latin1"));
 
   struct Case {
     std::string name;
     std::string type;
     Data hash;
-    std::string target;
+    std::optional<std::string> target;
   };
   const Case cases[] = {
       {"file", "Regular", sha1("abc"), ""},
@@ -85,26 +90,22 @@ TEST_F(FileMetadataTest, RecordOfEveryKindOfItem) {
       {"dangling", "SymbolicLink", {}, "nowhere/at/all"},
       // Never read: a FIFO's "contents" would block or lie.
       {"fifo", "FIFO", {}, ""},
+      // A target that is not UTF-8 cannot be recorded: the record ends before it.
+      {"latin1", "SymbolicLink", {}, std::nullopt},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const VTLFileMetadata r = record_of(at(c.name));
-    EXPECT_EQ(r.dict().size(), 4u);
-    ASSERT_NE(r.getFileType(), nullptr);
-    EXPECT_EQ(*r.getFileType(), c.type);
-    ASSERT_NE(r.getHash(), nullptr);
-    EXPECT_EQ(*r.getHash(), c.hash);
-    ASSERT_NE(r.getTargetFile(), nullptr);
-    EXPECT_EQ(*r.getTargetFile(), c.target);
-    ASSERT_NE(r.getExtendedAttributes(), nullptr);
-    EXPECT_TRUE(r.getExtendedAttributes()->empty());
+    EXPECT_EQ(r.dict().size(), c.target ? 4u : 3u);
+    EXPECT_THAT(r.getFileType(), Pointee(c.type));
+    EXPECT_THAT(r.getHash(), Pointee(c.hash));
+    EXPECT_EQ(r.getTargetFile() ? std::optional(*r.getTargetFile()) : std::nullopt, c.target);
+    EXPECT_THAT(r.getExtendedAttributes(), Pointee(IsEmpty()));
   }
-  EXPECT_EQ(*record_of(at("empty")).getHash(),
-            bytes(std::string("\xda\x39\xa3\xee\x5e\x6b\x4b\x0d\x32\x55\xbf\xef\x95\x60\x18\x90"
-                              "\xaf\xd8\x07\x09",
-                              20)));
   EXPECT_TRUE(logged("Cannot read file " + at("fifo")));
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("fifo") + ")?"));
+  EXPECT_TRUE(logged("Could not get destination of symbolic link " + at("latin1") +
+                     " with error - Invalid or incomplete multibyte or wide character"));
 }
 
 // --- The attribute vocabulary ------------------------------------------------
@@ -146,11 +147,8 @@ TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {
                               std::chrono::nanoseconds(stx.stx_btime.tv_nsec))));
   }
   EXPECT_EQ(a.contains("Immutable"), (stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0);
-  if (a.contains("Immutable")) {
-    EXPECT_EQ(a.at("Immutable"), Value(false));
-  }
-  if (a.contains("AppendOnly")) {
-    EXPECT_EQ(a.at("AppendOnly"), Value(false));
+  for (const char* flag : {"Immutable", "AppendOnly"}) {
+    EXPECT_TRUE(!a.contains(flag) || a.at(flag) == Value(false)) << flag;
   }
   // Nothing is made up for what Linux does not have.
   for (const char* absent : {"Busy", "ExtensionHidden", "CreatorCode", "TypeCode"}) {
@@ -255,17 +253,6 @@ TEST_F(FileMetadataTest, ProtectionClassIsKeptButNeverListedAsAnExtendedAttribut
   EXPECT_EQ(attribute(record_of(path), "ProtectionClass"), nullptr);
 }
 
-TEST_F(FileMetadataTest, LinkWithUnreadableTargetHasNoTargetEntry) {
-  // A target that is not UTF-8 cannot be recorded: the record ends before it.
-  testsupport::make_link("caf\xe9", at("latin1"));
-  const VTLFileMetadata r = record_of(at("latin1"));
-  EXPECT_EQ(r.dict().size(), 3u);
-  EXPECT_EQ(r.getTargetFile(), nullptr);
-  ASSERT_NE(r.getHash(), nullptr);
-  EXPECT_TRUE(logged("Could not get destination of symbolic link " + at("latin1") +
-                     " with error - Invalid or incomplete multibyte or wide character"));
-}
-
 // --- Hashing ---------------------------------------------------------------------
 
 TEST_F(FileMetadataTest, HashOfFilesAcrossChunkBoundaries) {
@@ -298,14 +285,12 @@ TEST_F(FileMetadataTest, UnreadableFileGetsEmptyHashNotAFailure) {
   write_file(at("locked"), "private");
   ASSERT_EQ(::chmod(at("locked").c_str(), 0), 0);
   ASSERT_EQ(::chown(at("locked").c_str(), 4242, 4242), 0);
-  std::optional<VTLFileMetadata> r;
-  {
+  const VTLFileMetadata r = [&] {
     testsupport::WithoutFileOverride as_anyone;
-    r = VTLFileMetadata::fileMetadatatWithPath(at("locked"), platform_.files());
-  }
-  ASSERT_TRUE(r);
-  EXPECT_EQ(*r->getHash(), Data{});
-  EXPECT_EQ(*r->getTargetFile(), "");
+    return record_of(at("locked"));
+  }();
+  EXPECT_THAT(r.getHash(), Pointee(Data{}));
+  EXPECT_THAT(r.getTargetFile(), Pointee(std::string()));
   EXPECT_TRUE(logged("Cannot read file " + at("locked")));
   EXPECT_TRUE(logged("Maybe it's an Fernbox file (" + at("locked") + ")?"));
 }
@@ -478,7 +463,6 @@ TEST(CompareWith, FirstDifferenceInOrder) {
                     {"FileSize", Value(99)},
                     {"OwnerAccountName", Value("someone")}}),
        6},
-      {"their class None, mine C", base, file_record({{"ProtectionClass", Value("None")}}), 6},
       {"xattr value differs", file_record({}, {{"user.a", Value(bytes("1"))}}),
        file_record({}, {{"user.a", Value(bytes("2"))}}), 5},
       {"xattr count differs", file_record({}, {{"user.a", Value(bytes("1"))}}),
@@ -514,10 +498,9 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
     all.emplace(std::string(key), Value(1));
   }
   all.emplace("SomethingElse", Value(1));
-  Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
-  std::vector<std::string> names;
-  for (const auto& [k, v] : settable) names.push_back(k);
-  EXPECT_EQ(names,
+  const Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
+  const auto names = std::views::keys(settable);
+  EXPECT_EQ(std::vector<std::string>(names.begin(), names.end()),
             (std::vector<std::string>{"Busy", "CreationDate", "CreatorCode", "ExtensionHidden",
                                       "GroupOwnerAccountID", "GroupOwnerAccountName", "Immutable",
                                       "ModificationDate", "OwnerAccountID", "OwnerAccountName",

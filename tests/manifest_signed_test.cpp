@@ -23,6 +23,7 @@ using vtl::Data;
 using vtl::Dictionary;
 using vtl::Value;
 using vtl::VTLSignedManifest;
+namespace fs = std::filesystem;
 
 constexpr const char* kStrong = "Verifing strong signing";
 constexpr const char* kDevelopment = "Verifing development signing";
@@ -36,9 +37,12 @@ constexpr const char* kFatal =
 constexpr const char* kNoTrustObject =
     "-[VTLSignedManifest createPublicKey:usingPolicy:]: Cannot create secure trust object: -50";
 constexpr const char* kCannotLoad = "certificateArrayApplier: Cannot load certificate.";
-constexpr const char* kNotPlist =
-    "-[VTLSignedManifest initWithNSStream:]: Cannot convert to property list - The data is not a "
-    "property list of a supported form.(0xf00).";
+constexpr const char* kNoStrongPolicy =
+    "-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.";
+const std::string kInit = "-[VTLSignedManifest initWithNSStream:]: ";
+const std::string kNotPlist = kInit +
+                              "Cannot convert to property list - The data is not a property list "
+                              "of a supported form.(0xf00).";
 
 class SignedManifestTest : public ::testing::Test {
  protected:
@@ -52,10 +56,13 @@ class SignedManifestTest : public ::testing::Test {
     platform_ = std::make_unique<testsupport::SigningPlatform>(dir_.path(), std::move(clock));
   }
 
-  std::unique_ptr<VTLSignedManifest> read(const Data& bytes) {
+  std::unique_ptr<VTLSignedManifest> read(vtl::InputStream& stream) {
     platform_->base.log.clear();
-    vtl::DataInputStream stream(bytes);
     return VTLSignedManifest::signedManifestWithNSStream(stream, platform_->base.signing_roles());
+  }
+  std::unique_ptr<VTLSignedManifest> read(const Data& bytes) {
+    vtl::DataInputStream stream(bytes);
+    return read(stream);
   }
   std::unique_ptr<VTLSignedManifest> read(const Dictionary& envelope) {
     return read(testsupport::binary_plist(Value(envelope)));
@@ -67,14 +74,29 @@ class SignedManifestTest : public ::testing::Test {
     EXPECT_TRUE(envelope.has_value());
     return envelope.value_or(Dictionary{});
   }
-  static Dictionary good_envelope(const Dictionary& raw = testsupport::raw_manifest()) {
-    return signed_envelope(pki_signer("production-leaf", {"production-intermediate"}),
-                           testsupport::binary_plist(Value(raw)));
+  // The test manifest, signed by the production and by the test hierarchy.
+  Dictionary good_envelope() const {
+    return signed_envelope(pki_signer("production-leaf", {"production-intermediate"}), payload_);
+  }
+  Dictionary test_envelope() const {
+    return signed_envelope(pki_signer("test-leaf", {"test-intermediate"}), payload_);
   }
 
+  const Data payload_ = testsupport::binary_plist(Value(testsupport::raw_manifest()));
   testsupport::TempDir dir_;
   std::unique_ptr<testsupport::SigningPlatform> platform_;
 };
+
+// `d` with `key` set to `value`, or without it.
+Dictionary with(const Dictionary& d, const std::string& key, std::optional<Value> value) {
+  Dictionary out = d;
+  if (value) {
+    out[key] = *value;
+  } else {
+    out.erase(key);
+  }
+  return out;
+}
 
 // --- Chains, policies and fuse states ----------------------------------------
 
@@ -90,6 +112,14 @@ std::vector<std::string> lines(std::initializer_list<const char*> l) {
   return {l.begin(), l.end()};
 }
 
+// A chain the production policy trusts, accepted in every state.
+std::vector<ChainCase> production_cases(const char* name, std::vector<std::string> chain) {
+  return {
+      {name, chain, Fuse::kTrue, true, lines({kStrong, kPassed})},
+      {name, chain, Fuse::kAbsent, true, lines({kStrong, kPassed})},
+      {name, chain, Fuse::kFalse, true, lines({kStrong, kPassed})},
+  };
+}
 // A chain that only the test policy trusts, refused or accepted by fuse.
 std::vector<ChainCase> test_only_cases(const char* name, std::vector<std::string> chain) {
   return {
@@ -116,20 +146,11 @@ std::vector<ChainCase> chain_cases() {
   auto add = [&out](std::vector<ChainCase> more) {
     out.insert(out.end(), more.begin(), more.end());
   };
-  for (Fuse fuse : {Fuse::kTrue, Fuse::kAbsent, Fuse::kFalse}) {
-    out.push_back({"production",
-                   {"production-leaf", "production-intermediate"},
-                   fuse,
-                   true,
-                   lines({kStrong, kPassed})});
-    // The root shipped along changes nothing: it is an anchor only where the
-    // policy says so.
-    out.push_back({"production_with_root",
-                   {"production-leaf", "production-intermediate", "production-root"},
-                   fuse,
-                   true,
-                   lines({kStrong, kPassed})});
-  }
+  add(production_cases("production", {"production-leaf", "production-intermediate"}));
+  // The root shipped along changes nothing: it is an anchor only where the
+  // policy says so.
+  add(production_cases("production_with_root",
+                       {"production-leaf", "production-intermediate", "production-root"}));
   add(test_only_cases("test", {"test-leaf", "test-intermediate"}));
   add(test_only_cases("test_with_root", {"test-leaf", "test-intermediate", "test-root"}));
   for (const char* h : {"production", "test"}) {
@@ -148,12 +169,11 @@ std::vector<ChainCase> chain_cases() {
 }
 
 TEST_F(SignedManifestTest, EachFixtureChainUnderEachFuseState) {
-  const Data payload = testsupport::binary_plist(Value(testsupport::raw_manifest()));
   for (const ChainCase& c : chain_cases()) {
     SCOPED_TRACE(std::string(c.name) + " (" + c.chain.front() + ") " + fuse_name(c.fuse));
     use_device(c.fuse);
-    const Dictionary envelope =
-        signed_envelope(pki_signer(c.chain.front(), {c.chain.begin() + 1, c.chain.end()}), payload);
+    const Dictionary envelope = signed_envelope(
+        pki_signer(c.chain.front(), {c.chain.begin() + 1, c.chain.end()}), payload_);
     std::unique_ptr<VTLSignedManifest> manifest = read(envelope);
     EXPECT_EQ(manifest != nullptr, c.accepted);
     EXPECT_EQ(log(), c.log);
@@ -167,9 +187,7 @@ TEST_F(SignedManifestTest, ALeafWithABrokenSignatureIsAFatalFailure) {
       testsupport::pki_key("production-leaf"), {leaf, pki_der("production-intermediate")});
   ASSERT_TRUE(signer);
   use_device(Fuse::kTrue);
-  EXPECT_EQ(
-      read(signed_envelope(*signer, testsupport::binary_plist(Value(testsupport::raw_manifest())))),
-      nullptr);
+  EXPECT_EQ(read(signed_envelope(*signer, payload_)), nullptr);
   EXPECT_EQ(log(), lines({kStrong, kFatal, kNotValid}));
 }
 
@@ -200,13 +218,9 @@ TEST_F(SignedManifestTest, TheClockDecidesValidity) {
 TEST_F(SignedManifestTest, APayloadChangedByOneByteIsRefusedWithoutNamingTheSignature) {
   for (Fuse fuse : {Fuse::kTrue, Fuse::kFalse}) {
     use_device(fuse);
-    const Data payload = testsupport::binary_plist(Value(testsupport::raw_manifest()));
-    const vtl::ManifestSigner signer =
-        fuse == Fuse::kTrue ? pki_signer("production-leaf", {"production-intermediate"})
-                            : pki_signer("test-leaf", {"test-intermediate"});
-    const Dictionary envelope = signed_envelope(signer, payload);
+    const Dictionary envelope = fuse == Fuse::kTrue ? good_envelope() : test_envelope();
     ASSERT_NE(read(envelope), nullptr);
-    for (std::size_t at : {std::size_t{0}, payload.size() / 2, payload.size() - 1}) {
+    for (std::size_t at : {std::size_t{0}, payload_.size() / 2, payload_.size() - 1}) {
       for (std::uint8_t flip : {std::uint8_t{0x01}, std::uint8_t{0x80}}) {
         SCOPED_TRACE(testing::Message() << fuse_name(fuse) << " byte " << at << " ^ " << +flip);
         Dictionary changed = envelope;
@@ -228,23 +242,16 @@ TEST_F(SignedManifestTest, ABadOrMissingSignatureLeavesNoLogLine) {
   flipped[flipped.size() / 2] ^= 0x10;
   Data short_signature(signature.begin(), signature.end() - 1);
   // Signed with the right certificate but another key.
-  const Data payload = *envelope.at("Payload").data();
   std::optional<vtl::ManifestSigner> impostor = vtl::ManifestSigner::from_parts(
       testsupport::pki_key("unknown-leaf"),
       {pki_der("production-leaf"), pki_der("production-intermediate")});
   ASSERT_TRUE(impostor);
 
   const std::optional<Value> replacements[] = {
-      Value(flipped),    Value(short_signature),          Value(Data{}),
-      Value("not data"), Value(*impostor->sign(payload)), std::nullopt};
+      Value(flipped),    Value(short_signature),           Value(Data{}),
+      Value("not data"), Value(*impostor->sign(payload_)), std::nullopt};
   for (const std::optional<Value>& replacement : replacements) {
-    Dictionary changed = envelope;
-    if (replacement) {
-      changed["Signature"] = *replacement;
-    } else {
-      changed.erase("Signature");
-    }
-    EXPECT_EQ(read(changed), nullptr);
+    EXPECT_EQ(read(with(envelope, "Signature", replacement)), nullptr);
     EXPECT_EQ(log(), lines({kStrong}));
   }
 }
@@ -259,16 +266,6 @@ struct EnvelopeCase {
 
 Data bytes_of(const Value& v) { return testsupport::binary_plist(v); }
 
-Dictionary with(const Dictionary& d, const std::string& key, std::optional<Value> value) {
-  Dictionary out = d;
-  if (value) {
-    out[key] = *value;
-  } else {
-    out.erase(key);
-  }
-  return out;
-}
-
 // Deeper than any writer would go: built as text, so that nothing here
 // recurses per level.
 Data deep_xml(std::size_t depth) {
@@ -282,7 +279,6 @@ Data deep_xml(std::size_t depth) {
 TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
   use_device(Fuse::kFalse);
   const Dictionary good = good_envelope();
-  const std::string init = "-[VTLSignedManifest initWithNSStream:]: ";
   const std::string verify = "-[VTLSignedManifest verifyManifestSignature:]: ";
   const std::string no_certificates =
       verify + "cannot find certificates, or certificate format not correct.";
@@ -292,47 +288,46 @@ TEST_F(SignedManifestTest, MalformedEnvelopesAreRefusedWithTheirMessages) {
 
   Data truncated = bytes_of(Value(good));
   truncated.resize(truncated.size() / 2);
+  auto good_with = [&](const char* key, std::optional<Value> value) {
+    return bytes_of(Value(with(good, key, std::move(value))));
+  };
   const std::vector<EnvelopeCase> cases = {
       {"empty", Data{}, {kNotPlist}},
       {"truncated", truncated, {kNotPlist}},
       {"deeply_nested", deep_xml(100000), {kNotPlist}},
       {"nested_past_the_limit", deep_xml(vtl::kMaxPlistDepth + 1), {kNotPlist}},
-      {"array", bytes_of(Value(vtl::Array{})), {init + "format not correct."}},
-      {"no_version",
-       bytes_of(Value(with(good, "Version", {}))),
-       {init + "required key (version) not found."}},
+      {"array", bytes_of(Value(vtl::Array{})), {kInit + "format not correct."}},
+      {"no_version", good_with("Version", {}), {kInit + "required key (version) not found."}},
       {"version_3",
-       bytes_of(Value(with(good, "Version", 3))),
-       {init + "signed manifest version 3 is not supported yet"}},
+       good_with("Version", 3),
+       {kInit + "signed manifest version 3 is not supported yet"}},
       {"version_2_beyond_32_bits",
-       bytes_of(Value(with(good, "Version", Value(std::int64_t{0x100000002})))),
-       {init + "signed manifest version 2147483647 is not supported yet"}},
+       good_with("Version", Value(std::int64_t{0x100000002})),
+       {kInit + "signed manifest version 2147483647 is not supported yet"}},
       {"version_data",
-       bytes_of(Value(with(good, "Version", Value(Data{2})))),
-       {init + "signed manifest version 0 is not supported yet"}},
-      {"version_2.9", bytes_of(Value(with(good, "Version", Value(2.9)))), {kStrong, kPassed}},
-      {"version_string", bytes_of(Value(with(good, "Version", Value(" 2")))), {kStrong, kPassed}},
-      {"no_certificate", bytes_of(Value(with(good, "Certificate", {}))), {no_certificates}},
+       good_with("Version", Value(Data{2})),
+       {kInit + "signed manifest version 0 is not supported yet"}},
+      {"version_2.9", good_with("Version", Value(2.9)), {kStrong, kPassed}},
+      {"version_string", good_with("Version", Value(" 2")), {kStrong, kPassed}},
+      {"no_certificate", good_with("Certificate", {}), {no_certificates}},
       {"certificate_data",
-       bytes_of(Value(with(good, "Certificate", Value(pki_der("production-leaf"))))),
+       good_with("Certificate", Value(pki_der("production-leaf"))),
        {no_certificates}},
       {"certificate_empty",
-       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{})))),
+       good_with("Certificate", Value(vtl::Array{})),
        {kStrong, kNoTrustObject, kDevelopment, kNoTrustObject, kNotValid}},
       {"certificate_garbage",
-       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{Value(garbage_der)})))),
+       good_with("Certificate", Value(vtl::Array{Value(garbage_der)})),
        {kStrong, kCannotLoad, kDevelopment, kCannotLoad, kNotValid}},
       {"certificate_trailing_byte",
-       bytes_of(Value(with(good, "Certificate", Value(vtl::Array{Value(trailing)})))),
+       good_with("Certificate", Value(vtl::Array{Value(trailing)})),
        {kStrong, kCannotLoad, kDevelopment, kCannotLoad, kNotValid}},
       // The certificate is checked before the payload's presence.
       {"no_payload_untrusted",
        bytes_of(Value(with(with(good, "Payload", {}), "Certificate",
                            Value(vtl::Array{Value(pki_der("unknown-leaf"))})))),
        {kStrong, kRecoverable, kDevelopment, kRecoverable, kNotValid}},
-      {"no_payload",
-       bytes_of(Value(with(good, "Payload", {}))),
-       {kStrong, verify + "Manifest format not correct."}},
+      {"no_payload", good_with("Payload", {}), {kStrong, verify + "Manifest format not correct."}},
   };
   for (const EnvelopeCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -347,7 +342,7 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
   const std::string path = dir_ / "huge.plist";
   std::ofstream(path, std::ios::binary) << vtl::plist_to_xml(Value(good_envelope()));
   // Sparse: the size is what counts, and it is refused before any read.
-  std::filesystem::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
+  fs::resize_file(path, vtl::kMaxSignedManifestBytes + 1);
   int error = 0;
   auto huge = vtl::FileInputStream::inputStreamWithFileAtPath(path, &error);
   ASSERT_NE(huge, nullptr);
@@ -364,15 +359,11 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
   } failing;
   const std::pair<vtl::InputStream*, std::string> cases[] = {
       {huge.get(), "File too large(0x1b)."}, {&failing, "Input/output error(0x5)."}};
+  const std::string cannot_convert = kInit + "Cannot convert to property list - ";
   for (const auto& [stream, reason] : cases) {
     SCOPED_TRACE(reason);
-    platform_->base.log.clear();
-    EXPECT_EQ(
-        VTLSignedManifest::signedManifestWithNSStream(*stream, platform_->base.signing_roles()),
-        nullptr);
-    EXPECT_EQ(log(), std::vector<std::string>{"-[VTLSignedManifest initWithNSStream:]: Cannot "
-                                              "convert to property list - " +
-                                              reason});
+    EXPECT_EQ(read(*stream), nullptr);
+    EXPECT_EQ(log(), std::vector<std::string>{cannot_convert + reason});
   }
 }
 
@@ -380,12 +371,14 @@ TEST_F(SignedManifestTest, StreamsThatCannotBeReadWholeAreRefusedWithTheirError)
 
 TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
   use_device(Fuse::kTrue);
-  const std::string init = "-[VTLSignedManifest initWithNSStream:]: ";
   const std::string missing =
-      init + "required key (Info, App, AppData, or Manifest) not found: (null)";
+      kInit + "required key (Info, App, AppData, or Manifest) not found: (null)";
   const Dictionary raw = testsupport::raw_manifest();
   Data truncated = bytes_of(Value(raw));
   truncated.resize(truncated.size() - 3);
+  auto raw_with = [&](const char* key, std::optional<Value> value) {
+    return bytes_of(Value(with(raw, key, std::move(value))));
+  };
 
   struct PayloadCase {
     const char* name;
@@ -397,26 +390,20 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
       {"empty", Data{}, {kNotPlist}},
       {"truncated", truncated, {kNotPlist}},
       {"deeply_nested", deep_xml(5000), {kNotPlist}},
-      {"array", bytes_of(Value(vtl::Array{Value(raw)})), {init + "payload format not correct."}},
-      {"no_version",
-       bytes_of(Value(with(raw, "Version", {}))),
-       {init + "required key (version) not found."}},
-      {"version_2",
-       bytes_of(Value(with(raw, "Version", 2))),
-       {init + "raw manifest version 2 is not supported."}},
-      {"version_5",
-       bytes_of(Value(with(raw, "Version", 5))),
-       {init + "raw manifest version 5 is not supported."}},
+      {"array", bytes_of(Value(vtl::Array{Value(raw)})), {kInit + "payload format not correct."}},
+      {"no_version", raw_with("Version", {}), {kInit + "required key (version) not found."}},
+      {"version_2", raw_with("Version", 2), {kInit + "raw manifest version 2 is not supported."}},
+      {"version_5", raw_with("Version", 5), {kInit + "raw manifest version 5 is not supported."}},
       {"version_text_5",
-       bytes_of(Value(with(raw, "Version", Value("5")))),
-       {init + "raw manifest version 5 is not supported."}},
+       raw_with("Version", Value("5")),
+       {kInit + "raw manifest version 5 is not supported."}},
       {"version_dictionary",
-       bytes_of(Value(with(raw, "Version", Value(Dictionary{{"Major", Value(3)}})))),
-       {init + "raw manifest version { Major = 3; } is not supported."}},
-      {"no_info", bytes_of(Value(with(raw, "Info", {}))), {missing}},
-      {"no_backup", bytes_of(Value(with(raw, "Backup", {}))), {missing}},
-      {"no_app", bytes_of(Value(with(raw, "App", {}))), {missing}},
-      {"no_app_data", bytes_of(Value(with(raw, "AppData", {}))), {missing}},
+       raw_with("Version", Value(Dictionary{{"Major", Value(3)}})),
+       {kInit + "raw manifest version { Major = 3; } is not supported."}},
+      {"no_info", raw_with("Info", {}), {missing}},
+      {"no_backup", raw_with("Backup", {}), {missing}},
+      {"no_app", raw_with("App", {}), {missing}},
+      {"no_app_data", raw_with("AppData", {}), {missing}},
   };
   const vtl::ManifestSigner signer = pki_signer("production-leaf", {"production-intermediate"});
   for (const PayloadCase& c : cases) {
@@ -431,16 +418,10 @@ TEST_F(SignedManifestTest, MalformedPayloadsAreRefusedWithTheirMessages) {
 // --- Trust directories --------------------------------------------------------
 
 TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
-  namespace fs = std::filesystem;
   const fs::path trust = fs::path(dir_.path()) / "etc/vtld/trust";
-  const std::string strong_policy =
-      "-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.";
   const std::string test_policy =
       "-[VTLSignedManifest createPublicKeyForDevelopmentSigningStandard:]: Cannot create policy.";
-  const Dictionary production_signed = good_envelope();
-  const Dictionary test_signed =
-      signed_envelope(pki_signer("test-leaf", {"test-intermediate"}),
-                      testsupport::binary_plist(Value(testsupport::raw_manifest())));
+  const Dictionary test_signed = test_envelope();
   auto policy_file = [](const fs::path& dir, const std::string& text) {
     std::ofstream(dir / "policy.plist", std::ios::trunc) << text;
   };
@@ -454,10 +435,10 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
   } const cases[] = {
       {"no_production_directory",
        [&] { fs::remove_all(trust / "production"); },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_policy_not_a_dictionary",
        [&] { policy_file(trust / "production", "<plist><array/></plist>"); },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_policy_unknown_key",
        [&] {
          policy_file(trust / "production",
@@ -465,13 +446,13 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
                          "<key>LeafExtendedKeyUsage</key><string>1.2.3</string>"
                          "<key>RequireTimestamp</key><true/></dict></plist>");
        },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       {"production_anchor_damaged",
        [&] {
          std::ofstream(trust / "production/production-root.pem", std::ios::app)
              << "-----BEGIN CERTIFICATE-----\nMIIBroken\n-----END CERTIFICATE-----\n";
        },
-       {strong_policy, kDevelopment, kPassed}},
+       {kNoStrongPolicy, kDevelopment, kPassed}},
       // No anchors at all is a policy that trusts nothing, not a broken one.
       {"production_without_anchors",
        [&] { fs::remove(trust / "production/production-root.pem"); },
@@ -491,39 +472,31 @@ TEST_F(SignedManifestTest, APolicyThatCannotBeMadeIsReported) {
   }
   // With the test policy gone, production signing still works.
   use_device(Fuse::kFalse);
-  EXPECT_NE(read(production_signed), nullptr);
+  EXPECT_NE(read(good_envelope()), nullptr);
 }
 
 TEST_F(SignedManifestTest, AnAnchorNeedNotBeARoot) {
-  namespace fs = std::filesystem;
   const fs::path production = fs::path(dir_.path()) / "etc/vtld/trust/production";
   fs::remove(production / "production-root.pem");
   fs::copy(std::string(VTL_FIXTURES_DIR) + "/pki/production-intermediate.pem", production);
   use_device(Fuse::kTrue);
   EXPECT_NE(read(good_envelope()), nullptr);
-  EXPECT_NE(read(signed_envelope(pki_signer("production-leaf", {}),
-                                 testsupport::binary_plist(Value(testsupport::raw_manifest())))),
-            nullptr);
+  EXPECT_NE(read(signed_envelope(pki_signer("production-leaf", {}), payload_)), nullptr);
 }
 
 TEST_F(SignedManifestTest, NoCertificateServicesMeansNoPolicy) {
   use_device(Fuse::kTrue);
   platform_->base.roles.certificate_services = nullptr;
   EXPECT_EQ(read(good_envelope()), nullptr);
-  EXPECT_EQ(log(), lines({"-[VTLSignedManifest createPublicKeyForStrongSigning:]: Cannot create "
-                          "policy.",
-                          kNotValid}));
+  EXPECT_EQ(log(), lines({kNoStrongPolicy, kNotValid}));
 }
 
 TEST_F(SignedManifestTest, AFuseAnswerThatIsNotFalseCountsAsFused) {
   use_device(Fuse::kFalse);
-  const Dictionary test_signed =
-      signed_envelope(pki_signer("test-leaf", {"test-intermediate"}),
-                      testsupport::binary_plist(Value(testsupport::raw_manifest())));
+  const Dictionary test_signed = test_envelope();
   for (const Value& answer : {Value(0), Value("false"), Value(Data{0})}) {
-    Dictionary answers = {{"SigningFuse", answer}};
-    const std::string xml = vtl::plist_to_xml(Value(answers));
-    std::ofstream(dir_ / "sim/device-properties.plist", std::ios::trunc) << xml;
+    std::ofstream(dir_ / "sim/device-properties.plist", std::ios::trunc)
+        << vtl::plist_to_xml(Value(Dictionary{{"SigningFuse", answer}}));
     EXPECT_EQ(read(test_signed), nullptr);
     EXPECT_EQ(log(), lines({kStrong, kRecoverable, kNotValid}));
   }

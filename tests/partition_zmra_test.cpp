@@ -201,6 +201,11 @@ struct AcquireFixture {
     std::copy(h.bytes.begin(), h.bytes.end(), state.bytes.begin() + static_cast<long>(offset));
   }
   std::uint64_t backup_offset() const { return 64 * KiB - 4096; }
+  ZmraHeader corrupt() const {
+    ZmraHeader bad = medium.header;
+    bad.bytes[100] ^= 1;
+    return bad;
+  }
 };
 
 TEST(ZmraAcquire, TakesTheMainCopyThenTheBackupAndSaysWhyNeitherServed) {
@@ -214,18 +219,14 @@ TEST(ZmraAcquire, TakesTheMainCopyThenTheBackupAndSaysWhyNeitherServed) {
       {"main valid", [](AcquireFixture& f) { f.put(0, f.medium.header); }, 0, ""},
       {"main corrupt, backup valid",
        [](AcquireFixture& f) {
-         ZmraHeader bad = f.medium.header;
-         bad.bytes[100] ^= 1;
-         f.put(0, bad);
+         f.put(0, f.corrupt());
          f.put(f.backup_offset(), f.medium.header);
        },
        0, ""},
       {"both corrupt",
        [](AcquireFixture& f) {
-         ZmraHeader bad = f.medium.header;
-         bad.bytes[100] ^= 1;
-         f.put(0, bad);
-         f.put(f.backup_offset(), bad);
+         f.put(0, f.corrupt());
+         f.put(f.backup_offset(), f.corrupt());
        },
        -1, "zmra: media header corrupt\n"},
       {"no header", [](AcquireFixture&) {}, -1, "zmra: media header not found or not supported\n"},
@@ -304,9 +305,7 @@ TEST(ZmraCheckAndRepair, EachBrokenInvariantIsReportedByItsOwnLineAndMended) {
       {"unknown identifier", [](Medium& m) { m.header.bytes[5] ^= 0x40; },
        "zmra: media header mismatch\n", "zmra: media header mismatch\n"},
       {"header claims a larger medium",
-       [](Medium& m) {
-         m.header.bytes[32 + 3] ^= 0x01; /* +16 MiB */
-       },
+       [](Medium& m) { m.header.bytes[32 + 3] ^= 0x01; },  // 16 MiB more
        "zmra: media size mismatch\n",
        "zmra: media size smaller than required by header\nzmra: adjusting header media size\n"},
       {"header claims a smaller medium", [](Medium& m) { m.header.bytes[32 + 3] = 0x3F; },
@@ -443,14 +442,9 @@ struct Gpt {
   int count() const { return vtl::gpt::partition_count(header); }
 };
 
-ZmraMediaGeometry geometry_4k() {
-  ZmraMediaGeometry g;
-  EXPECT_EQ(vtl::zmraInitMediaGeometry(&g, GiB, 4096), 0);
-  return g;
-}
-
+// Resizes partition `index` of `gpt` on a 1 GiB medium of 4 KiB blocks.
 std::int64_t adjust(Gpt& gpt, std::int32_t index, std::uint64_t bytes, std::string* out) {
-  const ZmraMediaGeometry g = geometry_4k();
+  const ZmraMediaGeometry g = make_medium(GiB, 4096).geometry;
   std::int64_t rc = 0;
   *out =
       stderr_of([&] { rc = vtl::zmraAdjustPartition(&g, gpt.header, gpt.entries, index, bytes); });
@@ -468,23 +462,19 @@ Gpt three_partitions() {
 TEST(ZmraAdjust, ResizingPacksTheFollowingPartitionsBehind) {
   Gpt gpt = three_partitions();
   std::string out;
-  EXPECT_EQ(adjust(gpt, 0, 50 * 4096, &out), 0);
+  // A size that is not a whole number of blocks takes one block more.
+  EXPECT_EQ(adjust(gpt, 0, 50 * 4096 + 1, &out), 0);
   EXPECT_EQ(out, "");
-  EXPECT_EQ(gpt.extent(0), Extent(6, 55));
-  EXPECT_EQ(gpt.extent(1), Extent(56, 855));
-  EXPECT_EQ(gpt.extent(2), Extent(856, 905));
+  EXPECT_EQ(gpt.extent(0), Extent(6, 56));
+  EXPECT_EQ(gpt.extent(1), Extent(57, 856));
+  EXPECT_EQ(gpt.extent(2), Extent(857, 906));
   EXPECT_EQ(gpt.count(), 3);
 
-  // A size that is not a whole number of blocks takes one block more.
-  EXPECT_EQ(adjust(gpt, 1, 300 * 4096 + 1, &out), 0);
-  EXPECT_EQ(gpt.extent(1), Extent(56, 356));
-  EXPECT_EQ(gpt.extent(2), Extent(357, 406));
-
-  // Growing up to the last usable block fits; one block more does not.
-  EXPECT_EQ(adjust(gpt, 1, (1000 - 56 + 1 - 50) * 4096ULL, &out), 0);
+  // Growing up to the last usable block fits; three blocks more do not.
+  EXPECT_EQ(adjust(gpt, 1, (1000 - 57 + 1 - 50) * 4096ULL, &out), 0);
   EXPECT_EQ(gpt.extent(2), Extent(951, 1000));
   const std::vector<std::uint8_t> header_before = gpt.header;
-  EXPECT_EQ(adjust(gpt, 1, (1000 - 56 + 1 - 50 + 3) * 4096ULL, &out), -1);
+  EXPECT_EQ(adjust(gpt, 1, (1000 - 57 + 1 - 50 + 3) * 4096ULL, &out), -1);
   EXPECT_EQ(out, "zmra: new layout does not fit, overflows by 0x3 blocks\n");
   EXPECT_EQ(gpt.header, header_before);
 }
