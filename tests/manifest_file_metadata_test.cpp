@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <ranges>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -499,8 +498,9 @@ TEST(FileAttributesAllowSet, KeepsExactlyTheSettableKeys) {
   }
   all.emplace("SomethingElse", Value(1));
   const Dictionary settable = VTLFileMetadata::fileAttributesAllowSet(all);
-  const auto names = std::views::keys(settable);
-  EXPECT_EQ(std::vector<std::string>(names.begin(), names.end()),
+  std::vector<std::string> names;
+  for (const auto& entry : settable) names.push_back(entry.first);
+  EXPECT_EQ(names,
             (std::vector<std::string>{"Busy", "CreationDate", "CreatorCode", "ExtensionHidden",
                                       "GroupOwnerAccountID", "GroupOwnerAccountName", "Immutable",
                                       "ModificationDate", "OwnerAccountID", "OwnerAccountName",
