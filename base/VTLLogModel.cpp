@@ -197,7 +197,7 @@ void VTLLogModel::logWithFormat_andArgs(std::string_view format, std::span<const
 void VTLLogModel::logMessage(std::string_view message) {
   const Clock* clock = nullptr;
   SystemLog* sink = nullptr;
-  std::vector<LogField> fields;
+  std::shared_ptr<const std::vector<LogField>> fields;
   {
     std::lock_guard<std::mutex> guard(lock_);
     clock = clock_;
@@ -217,7 +217,9 @@ void VTLLogModel::logMessage(std::string_view message) {
     }
   }
   // The system log stamps its own time: it gets the bare message.
-  sink->write_entry({.message = message, .fields = fields});
+  sink->write_entry(
+      {.message = message,
+       .fields = fields ? std::span<const LogField>(*fields) : std::span<const LogField>()});
 }
 
 void VTLLogModel::logToSystem(LogPriority priority, std::string_view message,
@@ -227,15 +229,17 @@ void VTLLogModel::logToSystem(LogPriority priority, std::string_view message,
   {
     std::lock_guard<std::mutex> guard(lock_);
     sink = system_log_;
-    all = context_fields_;
+    if (context_fields_) all = *context_fields_;
   }
   all.insert(all.end(), fields.begin(), fields.end());
   sink->write_entry({.priority = priority, .message = message, .fields = all});
 }
 
 void VTLLogModel::setContextFields(std::vector<LogField> fields) {
+  auto shared =
+      fields.empty() ? nullptr : std::make_shared<const std::vector<LogField>>(std::move(fields));
   std::lock_guard<std::mutex> guard(lock_);
-  context_fields_ = std::move(fields);
+  context_fields_ = std::move(shared);
 }
 
 bool VTLLogModel::enableLogToFile(const std::string& path) {

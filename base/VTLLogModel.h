@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <span>
 #include <string>
@@ -95,7 +96,8 @@ class VTLLogModel {
   FILE* logFP_ = nullptr;
   SystemLog* system_log_;
   const Clock* clock_;
-  std::vector<LogField> context_fields_;
+  // Shared, not copied: every line takes the current set by reference.
+  std::shared_ptr<const std::vector<LogField>> context_fields_;
 };
 
 }  // namespace vtl
