@@ -24,8 +24,10 @@
 //                         process that execs between its connect and the
 //                         helper's accept.
 //   Entitlements  dict    entitlement name -> value
-// They are read when a message is checked, so a change applies to the next
-// message. Files are tried in name order; the first whose Executable (and
+// They are looked at when a message is checked, so a change applies to the
+// next message; a file is read again only when it is not the version read
+// before (kept in memory, told apart by its inode, size, owner, mode and
+// times). Files are tried in name order; the first whose Executable (and
 // SHA256 and User, when given) match decides. No match means no entitlement:
 // deny.
 //
@@ -42,6 +44,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/value.h"
 #include "krx/connection.h"
 
@@ -72,9 +75,10 @@ class CodeSigning {
 // Entitlements files under <root>/etc/krx/entitlements.d/. `proc_dir_fd` is an
 // open descriptor of the host's /proc, taken before any confinement (the
 // helper keeps it across its chroot); `accounts` resolves "User". Both are
-// borrowed, not owned.
+// borrowed, not owned. `clock` says when a file was read (tests set it).
 std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd,
-                                                    const Accounts* accounts);
+                                                    const Accounts* accounts,
+                                                    const vtl::Clock& clock = vtl::Clock::system());
 
 // Where entitlement files live, relative to the device root.
 inline constexpr std::string_view kEntitlementsDirectory = "/etc/krx/entitlements.d";

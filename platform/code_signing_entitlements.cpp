@@ -12,10 +12,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/plist.h"
 #include "base/unique_fd.h"
 #include "platform/accounts.h"
@@ -72,25 +77,44 @@ std::string sha256_of(int fd) {
 // Whether root alone could have written what `st` describes.
 bool only_root_writes(const struct stat& st) { return st.st_uid == 0 && (st.st_mode & 022) == 0; }
 
-// The entitlements files of `dir`, parsed, in name order. Only files that
-// root alone could have written are read; the others are named in `notes`.
-std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
-                                               std::vector<std::string>* notes) {
-  std::vector<vtl::Value> files;
-  const vtl::UniqueFd directory(
-      ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat st {};
-  if (directory.get() < 0 || ::fstat(directory.get(), &st) != 0) return files;
-  if (!only_root_writes(st)) {
-    notes->push_back(dir + " is ignored: it is not owned by root, or others may write to it");
-    return files;
-  }
+// What tells one version of a file from another: a change to its content,
+// owner or mode, or another file put in its place, changes at least one.
+struct Version {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  uid_t owner = 0;
+  mode_t mode = 0;
+  vtl::Date modified;
+  vtl::Date changed;
+  bool operator==(const Version&) const = default;
+};
+
+vtl::Date date_of(const timespec& t) {
+  return vtl::Date(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
+}
+
+Version version_of(const struct stat& st) {
+  return {st.st_dev,  st.st_ino,           st.st_size,         st.st_uid,
+          st.st_mode, date_of(st.st_mtim), date_of(st.st_ctim)};
+}
+
+// Whether `version`, read at `read_at`, differs from every later one. A file's
+// times advance in ticks of the clock, so a change made in the same tick as a
+// read could leave them all as they were; two seconds outlast any tick. A
+// file changed more recently, or dated in the future, is read again each time.
+bool settled(const Version& version, vtl::Date read_at) {
+  return std::max(version.modified, version.changed) + std::chrono::seconds(2) <= read_at;
+}
+
+// The names of the entitlements files in `directory`, in name order.
+std::vector<std::string> list_names(int directory) {
   std::vector<std::string> names;
-  const int listing = ::openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int listing = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* entries = listing >= 0 ? ::fdopendir(listing) : nullptr;
   if (entries == nullptr) {
     if (listing >= 0) ::close(listing);
-    return files;
+    return names;
   }
   while (const dirent* e = ::readdir(entries)) {
     const std::string_view name = e->d_name;
@@ -98,34 +122,113 @@ std::vector<vtl::Value> read_entitlement_files(const std::string& dir,
   }
   ::closedir(entries);
   std::sort(names.begin(), names.end());
-
-  for (const std::string& name : names) {
-    vtl::UniqueFd file(::openat(directory.get(), name.c_str(),
-                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (file.get() < 0 || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
-        !only_root_writes(st)) {
-      std::string note = dir;
-      note.append("/").append(name).append(
-          " is ignored: it is not a regular file owned by root that only root may write");
-      notes->push_back(std::move(note));
-      continue;
-    }
-    if (static_cast<std::size_t>(st.st_size) > kMaxEntitlementsFile) continue;
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = ::read(file.get(), bytes.data() + done, bytes.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      done += static_cast<std::size_t>(n);
-    }
-    bytes.resize(done);
-    if (std::optional<vtl::Value> plist = vtl::plist_from_bytes(bytes)) {
-      files.push_back(std::move(*plist));
-    }
-  }
-  return files;
+  return names;
 }
+
+// The property list in `file` (already checked), or nullptr when it holds none.
+std::shared_ptr<const vtl::Value> parse_file(int file, const struct stat& st) {
+  if (static_cast<std::size_t>(st.st_size) > kMaxEntitlementsFile) return nullptr;
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::read(file, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  bytes.resize(done);
+  std::optional<vtl::Value> plist = vtl::plist_from_bytes(bytes);
+  return plist ? std::make_shared<const vtl::Value>(std::move(*plist)) : nullptr;
+}
+
+// The entitlements files of one directory, parsed, kept between messages. Each
+// check still looks at the directory and at every file, and reads again what
+// is not the version it read before, so a change applies to the next message
+// as if nothing were kept; what did not change is only looked at.
+class EntitlementsDirectory {
+ public:
+  EntitlementsDirectory(std::string dir, const vtl::Clock& clock)
+      : dir_(std::move(dir)), clock_(clock) {}
+
+  // The files' property lists, in name order. Only files that root alone
+  // could have written are read; the others are named in `notes`.
+  std::vector<std::shared_ptr<const vtl::Value>> read(std::vector<std::string>* notes) {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::shared_ptr<const vtl::Value>> plists;
+    const vtl::UniqueFd directory(
+        ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (directory.get() < 0 || ::fstat(directory.get(), &st) != 0) return plists;
+    if (!only_root_writes(st)) {
+      notes->push_back(dir_ + " is ignored: it is not owned by root, or others may write to it");
+      return plists;
+    }
+    if (!listed_ || listed_->version != version_of(st) ||
+        !settled(listed_->version, listed_->read_at)) {
+      listed_ = Listing{version_of(st), clock_.now(), list_names(directory.get())};
+      std::erase_if(files_, [this](const auto& entry) {
+        return !std::binary_search(listed_->names.begin(), listed_->names.end(), entry.first);
+      });
+    }
+    for (const std::string& name : listed_->names) {
+      const File* file = look_at(directory.get(), name);
+      if (file == nullptr || file->ignored) {
+        std::string note = dir_;
+        note.append("/").append(name).append(
+            " is ignored: it is not a regular file owned by root that only root may write");
+        notes->push_back(std::move(note));
+      } else if (file->plist) {
+        plists.push_back(file->plist);
+      }
+    }
+    return plists;
+  }
+
+ private:
+  struct Listing {
+    Version version;
+    vtl::Date read_at;
+    std::vector<std::string> names;
+  };
+  struct File {
+    Version version;
+    vtl::Date read_at;
+    bool ignored = false;                     // not a file root alone could have written
+    std::shared_ptr<const vtl::Value> plist;  // nullptr: no property list in it
+  };
+
+  // What `name` holds now: kept when it is the version read before, read
+  // again otherwise; nullptr when it is gone.
+  const File* look_at(int directory, const std::string& name) {
+    struct stat st {};
+    if (::fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return nullptr;
+    const auto kept = files_.find(name);
+    if (kept != files_.end() && kept->second.version == version_of(st) &&
+        settled(kept->second.version, kept->second.read_at)) {
+      return &kept->second;
+    }
+    File file{version_of(st), clock_.now(), false, nullptr};
+    if (!S_ISREG(st.st_mode) || !only_root_writes(st)) {
+      file.ignored = true;
+    } else {
+      // Opened without following a link, and looked at again: another file
+      // may have taken the name since.
+      const vtl::UniqueFd opened(::openat(
+          directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+      if (opened.get() < 0 || ::fstat(opened.get(), &st) != 0) return nullptr;
+      file.version = version_of(st);
+      file.ignored = !S_ISREG(st.st_mode) || !only_root_writes(st);
+      if (!file.ignored) file.plist = parse_file(opened.get(), st);
+    }
+    return &(files_[name] = std::move(file));
+  }
+
+  const std::string dir_;
+  const vtl::Clock& clock_;
+  std::mutex mutex_;
+  std::optional<Listing> listed_;
+  std::map<std::string, File> files_;
+};
 
 // The program `token`'s process runs now, opened read-only through `proc`,
 // if it is still the file it ran when it connected; -1 otherwise.
@@ -143,13 +246,14 @@ int open_executable(int proc, const krx::AuditToken& token) {
 
 class ExecutableTask final : public CodeSigning::Task {
  public:
-  ExecutableTask(std::string entitlements_dir, const krx::AuditToken& token, int proc,
+  ExecutableTask(EntitlementsDirectory& files, const krx::AuditToken& token, int proc,
                  const Accounts* accounts)
-      : dir_(std::move(entitlements_dir)), token_(token), proc_(proc), accounts_(accounts) {}
+      : files_(files), token_(token), proc_(proc), accounts_(accounts) {}
 
   std::optional<vtl::Value> copy_value_for_entitlement(std::string_view name,
                                                        std::vector<std::string>* notes) override {
-    for (const vtl::Value& plist : read_entitlement_files(dir_, notes)) {
+    for (const std::shared_ptr<const vtl::Value>& file : files_.read(notes)) {
+      const vtl::Value& plist = *file;
       const std::string* executable = plist.find_string("Executable");
       if (executable == nullptr || *executable != token_.executable) continue;
       if (const vtl::Value* digest = plist.find("SHA256")) {
@@ -184,7 +288,7 @@ class ExecutableTask final : public CodeSigning::Task {
     return digest_cache_;
   }
 
-  std::string dir_;
+  EntitlementsDirectory& files_;
   const krx::AuditToken token_;
   int proc_;
   const Accounts* accounts_;
@@ -194,8 +298,11 @@ class ExecutableTask final : public CodeSigning::Task {
 
 class EntitlementFiles final : public CodeSigning {
  public:
-  EntitlementFiles(const std::string& root, int proc_dir_fd, const Accounts* accounts)
-      : dir_(under_root(root, kEntitlementsDirectory)), proc_(proc_dir_fd), accounts_(accounts) {}
+  EntitlementFiles(const std::string& root, int proc_dir_fd, const Accounts* accounts,
+                   const vtl::Clock& clock)
+      : files_(under_root(root, kEntitlementsDirectory), clock),
+        proc_(proc_dir_fd),
+        accounts_(accounts) {}
 
   std::unique_ptr<Task> task_from_audit_token(const krx::AuditToken& token,
                                               std::string* why) override {
@@ -222,11 +329,11 @@ class EntitlementFiles final : public CodeSigning {
     // Without a pidfd (kernels before 5.3) a pid reused in the meantime is
     // caught only by its different program; the facility supplies one
     // wherever the kernel can.
-    return std::make_unique<ExecutableTask>(dir_, token, proc_, accounts_);
+    return std::make_unique<ExecutableTask>(files_, token, proc_, accounts_);
   }
 
  private:
-  std::string dir_;
+  EntitlementsDirectory files_;
   int proc_;
   const Accounts* accounts_;
 };
@@ -234,8 +341,9 @@ class EntitlementFiles final : public CodeSigning {
 }  // namespace
 
 std::unique_ptr<CodeSigning> make_entitlement_files(const std::string& root, int proc_dir_fd,
-                                                    const Accounts* accounts) {
-  return std::make_unique<EntitlementFiles>(root, proc_dir_fd, accounts);
+                                                    const Accounts* accounts,
+                                                    const vtl::Clock& clock) {
+  return std::make_unique<EntitlementFiles>(root, proc_dir_fd, accounts, clock);
 }
 
 }  // namespace platform

@@ -1,11 +1,16 @@
-// Entitlements files: only what root alone could have written is read, and
-// a file may bind the entitlement to the account its client runs as.
+// Entitlements files: only what root alone could have written is read, a
+// file may bind the entitlement to the account its client runs as, and what
+// is kept between messages never hides a change.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -19,6 +24,13 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// The system clock, a minute ahead: every file looks long settled, so the
+// helper keeps what it read and must tell a change by the file alone.
+class AheadClock final : public vtl::Clock {
+ public:
+  vtl::Date now() const override { return Clock::system().now() + std::chrono::minutes(1); }
+};
 
 class EntitlementFilesTest : public ::testing::Test {
  public:
@@ -65,6 +77,23 @@ class EntitlementFilesTest : public ::testing::Test {
     const std::optional<vtl::Value> value =
         task->copy_value_for_entitlement(platform::sim::kClientEntitlement, notes);
     return value && value->boolean() != nullptr && *value->boolean();
+  }
+
+  // Runs `change` on `path` once the file system's clock has moved past its
+  // change time, so that the change cannot leave the times as they were.
+  static void change(const std::string& path, const std::function<void()>& change) {
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    const auto ticks = [](const timespec& t) { return std::pair(t.tv_sec, t.tv_nsec); };
+    const auto before = ticks(st.st_ctim);
+    timespec now{};
+    for (int waited = 0; ticks(now) <= before && waited < 2000; ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    }
+    change();
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    ASSERT_NE(ticks(st.st_ctim), before) << path;
   }
 
   testsupport::TempDir root_;
@@ -135,3 +164,38 @@ TEST_F(EntitlementFilesTest, AFileMayNameTheAccountItsClientRunsAs) {
 }
 
 }  // namespace
+
+TEST_F(EntitlementFilesTest, WhatIsKeptBetweenMessagesNeverHidesAChange) {
+  const AheadClock ahead;
+  signing_ = platform::make_entitlement_files(root_.path(), proc_, accounts_.get(), ahead);
+  std::vector<std::string> notes;
+  entitle();
+  ASSERT_TRUE(granted(&notes));
+  ASSERT_TRUE(granted(&notes));  // now from what was kept
+
+  // Rewritten in place with the same size: another program named.
+  const std::string same_size = token_.executable.substr(0, token_.executable.size() - 1) + "~";
+  change(file_path(), [&] { entitle({{"Executable", vtl::Value(same_size)}}); });
+  EXPECT_FALSE(granted(&notes));
+  change(file_path(), [&] { entitle(); });
+  EXPECT_TRUE(granted(&notes));
+
+  // A file that sorts first, refusing, decides.
+  vtl::Dictionary refusing = {
+      {"Executable", vtl::Value(token_.executable)},
+      {"Entitlements",
+       vtl::Value(vtl::Dictionary{{platform::sim::kClientEntitlement, vtl::Value(false)}})}};
+  change(dir(), [&] {
+    testsupport::write_file(dir() + "/a.plist", vtl::plist_to_xml(vtl::Value(refusing)));
+    ::chmod((dir() + "/a.plist").c_str(), 0644);
+  });
+  EXPECT_FALSE(granted(&notes));
+  change(dir(), [&] { fs::remove(dir() + "/a.plist"); });
+  EXPECT_TRUE(granted(&notes));
+
+  // Made writable by others: ignored at once.
+  change(file_path(), [&] { ::chmod(file_path().c_str(), 0666); });
+  EXPECT_FALSE(granted(&notes));
+  ASSERT_EQ(notes.size(), 1u);
+  EXPECT_NE(notes.front().find("client.plist is ignored"), std::string::npos) << notes.front();
+}
