@@ -11,7 +11,9 @@
 // each with one client, then with 32 clients at once (each on a connection of
 // its own, all started together). Reports, per run, the median and the 99th
 // percentile latency over every round trip of that run, then the medians of
-// those over the runs, and the ratio ours / echo (the goal: 3 or less).
+// those over the runs, and the ratio ours / echo (the goal: 3 or less). Also
+// the helper's own CPU time per round trip (all its threads, from the
+// scheduler's account in /proc), steadier than latency on a busy machine.
 //
 //   roundtrip_bench [--requests N] [--runs R] [--dir DIR] [--helper PATH]
 //
@@ -27,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -246,9 +249,22 @@ std::function<void()> helper_client(const std::string& socket) {
   };
 }
 
+// Nanoseconds that every thread of `pid` has run on a CPU so far.
+double cpu_ns(pid_t pid) {
+  double total = 0;
+  std::error_code error;
+  for (const auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", pid), error)) {
+    std::ifstream schedstat(task.path() / "schedstat");
+    unsigned long long on_cpu = 0;
+    if (schedstat >> on_cpu) total += static_cast<double>(on_cpu);
+  }
+  return total;
+}
+
 struct Row {
   std::vector<double> median_us;
   std::vector<double> p99_us;
+  std::vector<double> cpu_us;
   void add(const Latency& l) {
     median_us.push_back(l.median_us);
     p99_us.push_back(l.p99_us);
@@ -293,12 +309,18 @@ int main(int argc, char** argv) {
     Row echo_row;
     for (int run = 0; run < o.runs; ++run) {
       // A different side goes first in each run.
-      if (run % 2 == 0) {
+      const auto helper_run = [&] {
+        const double before = cpu_ns(helper->pid());
         helper_row.add(summarise(measure(clients, count, ours)));
+        helper_row.cpu_us.push_back((cpu_ns(helper->pid()) - before) / 1000.0 /
+                                    static_cast<double>(clients * count));
+      };
+      if (run % 2 == 0) {
+        helper_run();
         echo_row.add(summarise(measure(clients, count, theirs)));
       } else {
         echo_row.add(summarise(measure(clients, count, theirs)));
-        helper_row.add(summarise(measure(clients, count, ours)));
+        helper_run();
       }
     }
     const double h50 = median(helper_row.median_us);
@@ -312,6 +334,7 @@ int main(int argc, char** argv) {
     fmt::print("  {:<8} {:>10.1f} {:>10.1f}\n", "echo", e50, e99);
     fmt::print("  {:<8} {:>9.2f}x {:>9.2f}x   (helper / echo; goal: 3 or less)\n", "ratio",
                h50 / e50, h99 / e99);
+    fmt::print("  helper CPU time per round trip: {:.1f} us\n", median(helper_row.cpu_us));
   }
   fs::remove_all(o.dir);
   return 0;
