@@ -51,7 +51,6 @@
 #include <map>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,6 +60,7 @@
 
 #include "base/VTLLogModel.h"
 #include "base/plist.h"
+#include "bench/cpu_time.h"
 #include "krx/value.h"
 #include "manifest/VTLFileMetadata.h"
 #include "manifest/VTLManifest.h"
@@ -417,17 +417,7 @@ class Helper {
     for (std::string line; std::getline(status, line);) {
       if (line.starts_with("VmHWM:")) m.peak_kib = std::stol(line.substr(6));
     }
-    // utime and stime, the 14th and 15th fields, after the parenthesised name.
-    std::ifstream stat_file("/proc/" + std::to_string(process->pid()) + "/stat");
-    std::string stat_line;
-    std::getline(stat_file, stat_line);
-    std::istringstream fields(stat_line.substr(stat_line.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-      if (i >= 14) ticks += std::stod(field);
-    }
-    m.cpu_seconds = ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    m.cpu_seconds = bench::process_cpu_seconds(process->pid());
     process->stop(std::chrono::seconds(20));
     return m;
   }

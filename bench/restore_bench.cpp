@@ -35,6 +35,7 @@
 
 #include "base/VTLLogModel.h"
 #include "base/plist.h"
+#include "bench/cpu_time.h"
 #include "krx/value.h"
 #include "manifest/VTLManifest.h"
 #include "manifest/binary_plist_writer.h"
@@ -315,6 +316,8 @@ int main(int argc, char** argv) {
   std::vector<double> mtree;
   std::vector<double> setfattr;
   std::vector<double> theirs;
+  std::vector<double> ours_cpu;    // CPU time of every helper thread
+  std::vector<double> theirs_cpu;  // of both tools (and their shells)
   for (int run = 0; run < options.runs; ++run) {
     for (int turn = 0; turn < 2; ++turn) {
       const bool helper_turn = (run + turn) % 2 == 0;
@@ -323,15 +326,19 @@ int main(int argc, char** argv) {
       if (same_as(source, staging, &first)) die("the reset left the staging tree restored");
       ::sync();
       if (helper_turn) {
+        const double cpu = bench::process_cpu_seconds(helper->pid());
         start = Clock::now();
         if (!restore_with_helper(*client)) die("the helper answered false:\n" + helper->output());
         ours.push_back(seconds_since(start));
+        ours_cpu.push_back(bench::process_cpu_seconds(helper->pid()) - cpu);
       } else {
+        const double cpu = bench::children_cpu_seconds();
         start = Clock::now();
         run_in(staging, "mtree -U -e -p . -f " + work + "/spec");
         const double m = seconds_since(start);
         run_in(staging, "setfattr -h --restore=" + work + "/xattrs");
         theirs.push_back(seconds_since(start));
+        theirs_cpu.push_back(bench::children_cpu_seconds() - cpu);
         mtree.push_back(m);
         setfattr.push_back(theirs.back() - m);
       }
@@ -348,8 +355,10 @@ int main(int argc, char** argv) {
 
   const double ours_median = median(ours);
   const double theirs_median = median(theirs);
+  // Every file, each container's two folders, and the staging root.
+  const int items = options.files + options.files / 100 * 2 + 1;
   fmt::print("\nattribute restore of {} files ({} items with directories), {} runs, medians:\n",
-             options.files, options.files + options.files / 100 * 2 + 1, options.runs);
+             options.files, items, options.runs);
   fmt::print("  vtld_helper restoreAttributes:   {:8.3f} s  ({:.0f} files/s)\n", ours_median,
              options.files / ours_median);
   fmt::print("  mtree -U                          {:8.3f} s\n", median(mtree));
@@ -357,6 +366,10 @@ int main(int argc, char** argv) {
   fmt::print("  mtree -U + setfattr --restore     {:8.3f} s  ({:.0f} files/s)\n", theirs_median,
              options.files / theirs_median);
   fmt::print("  ratio (mtree + setfattr) / helper {:8.2f}x\n", theirs_median / ours_median);
+  fmt::print("CPU time per item, medians: helper {:.1f} us, mtree + setfattr {:.1f} us ({:.2f}x)\n",
+             median(ours_cpu) * 1e6 / static_cast<double>(items),
+             median(theirs_cpu) * 1e6 / static_cast<double>(items),
+             median(ours_cpu) / median(theirs_cpu));
   fmt::print("helper memory: {:.1f} MiB idle, {:.1f} MiB peak (signed manifest {:.1f} MiB)\n",
              static_cast<double>(idle_kib) / 1024, static_cast<double>(peak_kib) / 1024,
              static_cast<double>(envelope_bytes.size()) / (1 << 20));

@@ -29,7 +29,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -39,6 +38,7 @@
 #include <fmt/format.h>
 
 #include "base/unique_fd.h"
+#include "bench/cpu_time.h"
 #include "krx/client.h"
 #include "krx/codec.h"
 #include "krx/value.h"
@@ -249,18 +249,6 @@ std::function<void()> helper_client(const std::string& socket) {
   };
 }
 
-// Nanoseconds that every thread of `pid` has run on a CPU so far.
-double cpu_ns(pid_t pid) {
-  double total = 0;
-  std::error_code error;
-  for (const auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", pid), error)) {
-    std::ifstream schedstat(task.path() / "schedstat");
-    unsigned long long on_cpu = 0;
-    if (schedstat >> on_cpu) total += static_cast<double>(on_cpu);
-  }
-  return total;
-}
-
 struct Row {
   std::vector<double> median_us;
   std::vector<double> p99_us;
@@ -310,9 +298,9 @@ int main(int argc, char** argv) {
     for (int run = 0; run < o.runs; ++run) {
       // A different side goes first in each run.
       const auto helper_run = [&] {
-        const double before = cpu_ns(helper->pid());
+        const double before = bench::process_cpu_seconds(helper->pid());
         helper_row.add(summarise(measure(clients, count, ours)));
-        helper_row.cpu_us.push_back((cpu_ns(helper->pid()) - before) / 1000.0 /
+        helper_row.cpu_us.push_back((bench::process_cpu_seconds(helper->pid()) - before) * 1e6 /
                                     static_cast<double>(clients * count));
       };
       if (run % 2 == 0) {
