@@ -253,26 +253,14 @@ int set_protection_class(const platform::ItemAt& item, const Value* protection_c
   return classes->set_at(item, *name);
 }
 
-int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
-                   WithProtectionClass with_class, const FileRoles& roles) {
-  const std::string& path = item.path;
+namespace {
+
+// Owner, group, mode, date and (when asked) protection class, each when the
+// dictionary names it; 0 or the first error.
+int apply_attributes(const platform::ItemAt& item, const Dictionary& attributes,
+                     WithProtectionClass with_class, const FileRoles& roles) {
   const platform::Accounts* accounts = roles.accounts;
   int error = 0;
-
-  // Changed only when it differs, so that a file system without inode flags
-  // takes a record that says "not immutable".
-  bool change_immutable = false;
-  bool immutable = false;
-  if (auto it = attributes.find(keys::kImmutable); it != attributes.end()) {
-    const bool* b = it->second.boolean();
-    if (b == nullptr) return EINVAL;
-    immutable = *b;
-    change_immutable = current_immutable(item).value_or(false) != immutable;
-  }
-  if (change_immutable && !immutable) {
-    if (int e = set_immutable(path, false); e != 0) return e;
-  }
-
   const std::optional<uid_t> uid = account_id<uid_t>(
       attributes, keys::kOwnerAccountID, keys::kOwnerAccountName,
       [&](const std::string& name) {
@@ -321,10 +309,33 @@ int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
     }
   }
 
-  if (change_immutable && immutable) {
-    if (int e = set_immutable(path, true); e != 0) return e;
-  }
   return 0;
+}
+
+}  // namespace
+
+int set_attributes(const platform::ItemAt& item, const Dictionary& attributes,
+                   WithProtectionClass with_class, const FileRoles& roles) {
+  const std::string& path = item.path;
+  const auto recorded = attributes.find(keys::kImmutable);
+  if (recorded == attributes.end()) return apply_attributes(item, attributes, with_class, roles);
+  const bool* immutable = recorded->second.boolean();
+  if (immutable == nullptr) return EINVAL;
+
+  if (!*immutable) {
+    // An immutable item refuses every change, the first included: its flag
+    // is looked at, and cleared, only then. (A file system without inode
+    // flags is never asked to change one.)
+    int e = apply_attributes(item, attributes, with_class, roles);
+    if (e != EPERM || !current_immutable(item).value_or(false)) return e;
+    if (e = set_immutable(path, false); e != 0) return e;
+    return apply_attributes(item, attributes, with_class, roles);
+  }
+  // Set last, once everything else is; an item already immutable keeps
+  // refusing the changes, as it always has.
+  const bool already = current_immutable(item).value_or(false);
+  if (int e = apply_attributes(item, attributes, with_class, roles); e != 0) return e;
+  return already ? 0 : set_immutable(path, true);
 }
 
 }  // namespace vtl::manifest
