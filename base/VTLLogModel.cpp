@@ -119,13 +119,6 @@ FILE* open_for_appending(const std::string& path) {
   return fp;
 }
 
-Date date_from(const statx_timestamp& ts) {
-  // Far beyond any real file time; clamped so the conversion cannot overflow.
-  constexpr std::int64_t kLimit = std::numeric_limits<std::int64_t>::max() / 1'000'000'000 - 1;
-  const std::int64_t seconds = std::clamp<std::int64_t>(ts.tv_sec, -kLimit, kLimit);
-  return Date(std::chrono::seconds(seconds) + std::chrono::nanoseconds(ts.tv_nsec));
-}
-
 // The entry's creation date: its birth time, or where the file system keeps
 // none its status-change time (see the header). Nothing when unreadable.
 std::optional<Date> creation_date_at(int dir_fd, const char* name) {
@@ -134,8 +127,10 @@ std::optional<Date> creation_date_at(int dir_fd, const char* name) {
               &stx) != 0) {
     return std::nullopt;
   }
-  if ((stx.stx_mask & STATX_BTIME) != 0) return date_from(stx.stx_btime);
-  if ((stx.stx_mask & STATX_CTIME) != 0) return date_from(stx.stx_ctime);
+  if ((stx.stx_mask & STATX_BTIME) != 0)
+    return date_from_unix(stx.stx_btime.tv_sec, stx.stx_btime.tv_nsec);
+  if ((stx.stx_mask & STATX_CTIME) != 0)
+    return date_from_unix(stx.stx_ctime.tv_sec, stx.stx_ctime.tv_nsec);
   return std::nullopt;
 }
 

@@ -1,6 +1,15 @@
 #include "base/value.h"
 
+#include <algorithm>
+#include <limits>
+
 namespace vtl {
+
+Date date_from_unix(std::int64_t seconds, std::int64_t nanoseconds) {
+  constexpr std::int64_t kLimit = std::numeric_limits<std::int64_t>::max() / 1'000'000'000 - 1;
+  return Date(std::chrono::seconds(std::clamp(seconds, -kLimit, kLimit)) +
+              std::chrono::nanoseconds(nanoseconds));
+}
 
 const Value* Value::find(std::string_view key) const {
   const Dictionary* dict = dictionary();

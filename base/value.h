@@ -17,6 +17,10 @@ class Value;
 
 // An instant, to the nanosecond, on the system clock (UTC).
 using Date = std::chrono::sys_time<std::chrono::nanoseconds>;
+// A file system's time (seconds and nanoseconds since 1970) as a Date. Times
+// beyond what a Date holds (before 1678 or after 2262, which file systems
+// allow) are kept at the nearest one it holds.
+Date date_from_unix(std::int64_t seconds, std::int64_t nanoseconds);
 using Data = std::vector<std::uint8_t>;
 using Array = std::vector<Value>;
 // Keys are kept exactly as received (no trimming, no case change). A sorted map

@@ -24,10 +24,6 @@ namespace {
 // number is the same on every architecture.
 constexpr long kSysFchmodat2 = 452;
 
-Date date_of(const statx_timestamp& t) {
-  return Date(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
-}
-
 // Opens a regular file or directory for changing its inode flags or mode,
 // never through a link, never blocking, and only when it is still the item
 // that lstat saw (same device and inode). -1 and errno otherwise.
@@ -139,9 +135,10 @@ void fill(const struct statx& stx, ItemAttributes* out) {
   out->links = stx.stx_nlink;
   out->device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
   out->inode = stx.stx_ino;
-  out->modification = date_of(stx.stx_mtime);
+  out->modification = date_from_unix(stx.stx_mtime.tv_sec, stx.stx_mtime.tv_nsec);
   out->creation.reset();
-  if ((stx.stx_mask & STATX_BTIME) != 0) out->creation = date_of(stx.stx_btime);
+  if ((stx.stx_mask & STATX_BTIME) != 0)
+    out->creation = date_from_unix(stx.stx_btime.tv_sec, stx.stx_btime.tv_nsec);
   out->immutable.reset();
   out->append_only.reset();
   if ((stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) != 0) {

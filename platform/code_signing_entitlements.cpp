@@ -90,13 +90,14 @@ struct Version {
   bool operator==(const Version&) const = default;
 };
 
-vtl::Date date_of(const timespec& t) {
-  return vtl::Date(std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec));
-}
-
 Version version_of(const struct stat& st) {
-  return {st.st_dev,  st.st_ino,           st.st_size,         st.st_uid,
-          st.st_mode, date_of(st.st_mtim), date_of(st.st_ctim)};
+  return {st.st_dev,
+          st.st_ino,
+          st.st_size,
+          st.st_uid,
+          st.st_mode,
+          vtl::date_from_unix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec),
+          vtl::date_from_unix(st.st_ctim.tv_sec, st.st_ctim.tv_nsec)};
 }
 
 // Whether `version`, read at `read_at`, differs from every later one. A file's

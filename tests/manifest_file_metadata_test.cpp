@@ -155,6 +155,13 @@ TEST_F(FileMetadataTest, EveryAttributeKeyOfAFile) {
   }
   // The class-operation form gives the same dictionary.
   EXPECT_EQ(VTLFileMetadata::fileAttributesWithPath(path, platform_.files()), a);
+
+  // A date beyond what a Date holds (after 2262) is kept at the last it holds.
+  const timespec far[2] = {{0, UTIME_OMIT}, {std::int64_t{1} << 34, 0}};
+  if (::utimensat(AT_FDCWD, path.c_str(), far, 0) == 0) {
+    EXPECT_GT(*record_of(path).getFileAttributes()->at("ModificationDate").date(),
+              *a.at("ModificationDate").date());
+  }
 }
 
 TEST_F(FileMetadataTest, AccountNamesAreAbsentForUnknownIdsAndClassForUnclassedItems) {
