@@ -31,13 +31,18 @@ inline double process_cpu_seconds(pid_t pid) {
   return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
+// Seconds of CPU in a resource usage report.
+inline double cpu_seconds(const rusage& usage) {
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 // Seconds of CPU used by this process's children that have been waited for
 // (tools run through std::system), so far.
 inline double children_cpu_seconds() {
   rusage usage{};
   ::getrusage(RUSAGE_CHILDREN, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  return cpu_seconds(usage);
 }
 
 }  // namespace bench

@@ -100,11 +100,6 @@ struct Measure {
   bool ok = true;
 };
 
-double cpu_of(const rusage& usage) {
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 double median(std::vector<double> v) {
   if (v.empty()) return 0;
   std::sort(v.begin(), v.end());
@@ -139,7 +134,7 @@ Measure run_program(const std::vector<std::string>& argv, const std::string& out
   ::wait4(pid, &status, 0, &usage);
   Measure m;
   m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  m.cpu_seconds = cpu_of(usage);
+  m.cpu_seconds = bench::cpu_seconds(usage);
   m.peak_kib = usage.ru_maxrss;
   m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return m;
@@ -155,7 +150,7 @@ Measure run_child(const std::function<bool()>& body) {
   ::wait4(pid, &status, 0, &usage);
   Measure m;
   m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  m.cpu_seconds = cpu_of(usage);
+  m.cpu_seconds = bench::cpu_seconds(usage);
   m.peak_kib = usage.ru_maxrss;
   m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return m;

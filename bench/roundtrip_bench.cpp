@@ -12,8 +12,8 @@
 // its own, all started together). Reports, per run, the median and the 99th
 // percentile latency over every round trip of that run, then the medians of
 // those over the runs, and the ratio ours / echo (the goal: 3 or less). Also
-// the helper's own CPU time per round trip (all its threads, from the
-// scheduler's account in /proc), steadier than latency on a busy machine.
+// the helper's own CPU time per round trip (all its threads, from /proc, in
+// clock ticks), steadier than latency on a busy machine.
 //
 //   roundtrip_bench [--requests N] [--runs R] [--dir DIR] [--helper PATH]
 //
