@@ -104,6 +104,8 @@ struct VTLManifest::Walk {
     std::string key;
     int error = 0;
     bool regular = false;  // as the directory listing saw it
+    // Where it was listed, held open until its record is built.
+    std::shared_ptr<const manifest::OpenDirectory> directory;
     // Filled by the builder.
     bool done = false;
     bool built = false;
@@ -234,6 +236,7 @@ struct VTLManifest::Walk {
       }
       if (VTLManifest::folder_contains(skip, t.path)) continue;
       classify(t, event.type);
+      if (t.kind == Task::Kind::kRecord) t.directory = std::move(event.directory);
       return true;
     }
     if (inclusive && !path_itself_done) {
@@ -275,7 +278,14 @@ struct VTLManifest::Walk {
   void build(Task& t, manifest::RecordContext& context, manifest::RecordEncoder& encoder,
              manifest::LogSink& log) {
     if (m.before_record_) m.before_record_(t.path);
-    t.built = manifest::build_record(t.path, context, log, encoder, &t.size, t.regular);
+    manifest::ItemHint hint{.regular = t.regular};
+    if (t.directory) {
+      hint.directory = t.directory->fd();
+      hint.name = t.path.c_str() + t.path.rfind('/') + 1;
+    }
+    t.built = manifest::build_record(t.path, context, log, encoder, &t.size, hint);
+    // The directory is closed as soon as no record still to be built needs it.
+    t.directory.reset();
     t.blob = encoder.take();
   }
 

@@ -30,12 +30,13 @@ constexpr auto kLeaseWait = std::chrono::seconds(60);
 // Opens without blocking: the open never hangs on a FIFO, and a lease makes it
 // fail with EWOULDBLOCK after starting the lease break, so it is simply tried
 // again until the holder lets go.
-int open_for_hashing(const std::string& path) {
+// `name` is looked up in `directory` (AT_FDCWD: a path).
+int open_for_hashing(int directory, const char* name) {
   int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOATIME;
   const auto deadline = std::chrono::steady_clock::now() + kLeaseWait;
   auto pause = std::chrono::milliseconds(1);
   for (;;) {
-    const int fd = ::open(path.c_str(), flags);
+    const int fd = ::openat(directory, name, flags);
     if (fd >= 0) return fd;
     if (errno == EPERM && (flags & O_NOATIME) != 0) {
       flags &= ~O_NOATIME;  // not ours to keep the access time of
@@ -105,10 +106,14 @@ FileHasher::~FileHasher() {
   EVP_MD_CTX_free(context_);
 }
 
-int FileHasher::open(const std::string& path) { return open_for_hashing(path); }
+int FileHasher::open(const std::string& path) { return open_for_hashing(AT_FDCWD, path.c_str()); }
+
+int FileHasher::open_at(int directory, const char* name) {
+  return open_for_hashing(directory, name);
+}
 
 std::optional<Data> FileHasher::fileHash(const std::string& path, LogSink& log) {
-  return hash(open_for_hashing(path), path, log, std::nullopt);
+  return hash(open(path), path, log, std::nullopt);
 }
 
 std::optional<Data> FileHasher::hash(int descriptor, const std::string& path, LogSink& log,

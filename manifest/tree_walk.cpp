@@ -47,6 +47,16 @@ std::string child_path(const std::string& parent, const std::string& name) {
 
 }  // namespace
 
+OpenDirectory::OpenDirectory(DIR* dir, std::shared_ptr<std::atomic<std::uint32_t>> open_count)
+    : dir_(dir), open_count_(std::move(open_count)) {
+  open_count_->fetch_add(1, std::memory_order_relaxed);
+}
+
+OpenDirectory::~OpenDirectory() {
+  ::closedir(dir_);
+  open_count_->fetch_sub(1, std::memory_order_relaxed);
+}
+
 int TreeWalk::stat_item(struct stat* st) const {
   if (item_directory_ < 0) return ENOENT;
   return ::fstatat(item_directory_, item_name_.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
@@ -60,9 +70,7 @@ std::string without_trailing_slashes(std::string path) {
 TreeWalk::TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out)
     : root_(without_trailing_slashes(std::move(root))), keep_out_(std::move(keep_out)) {}
 
-TreeWalk::~TreeWalk() {
-  for (Frame& frame : stack_) ::closedir(frame.dir);
-}
+TreeWalk::~TreeWalk() = default;
 
 bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
   DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
@@ -74,7 +82,7 @@ bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
     return false;
   }
   Frame frame;
-  frame.dir = dir;
+  frame.dir = std::make_shared<const OpenDirectory>(dir, open_count_);
   frame.path = std::move(path);
   errno = 0;
   while (const dirent* entry = ::readdir(dir)) {
@@ -105,7 +113,7 @@ bool TreeWalk::next(WalkEvent& event) {
   if (descend_) {
     descend_ = false;
     Frame& parent = stack_.back();
-    const int fd = ::openat(::dirfd(parent.dir), descend_name_.c_str(),
+    const int fd = ::openat(parent.dir->fd(), descend_name_.c_str(),
                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     std::string path = child_path(parent.path, descend_name_);
     if (!push(fd, std::move(path), event)) return true;
@@ -113,7 +121,6 @@ bool TreeWalk::next(WalkEvent& event) {
   while (!stack_.empty()) {
     Frame& frame = stack_.back();
     if (frame.index == frame.entries.size()) {
-      ::closedir(frame.dir);
       stack_.pop_back();
       continue;
     }
@@ -127,11 +134,15 @@ bool TreeWalk::next(WalkEvent& event) {
     }
     event.kind = WalkEvent::Kind::kItem;
     event.type = type_of_dirent(entry.type);
-    item_directory_ = ::dirfd(frame.dir);
+    event.directory.reset();
+    if (open_count_->load(std::memory_order_relaxed) <= kMaxOpenDirectories) {
+      event.directory = frame.dir;
+    }
+    item_directory_ = frame.dir->fd();
     item_name_ = entry.name;
     if (event.type == WalkEvent::Type::kUnknown) {
       struct stat st {};
-      if (::fstatat(::dirfd(frame.dir), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      if (::fstatat(frame.dir->fd(), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
         event.type = type_of_mode(st.st_mode);
       }
     }

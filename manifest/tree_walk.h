@@ -16,19 +16,41 @@
 // reported as an error event and the walk goes on past it. A name that is not
 // UTF-8 cannot be recorded (a manifest holds only Unicode text): it is
 // reported as an error event (EILSEQ) and, for a directory, not entered.
-// Open descriptors: one per directory level being walked.
+// Open descriptors: one per directory level being walked, and the directories
+// that reported items still hold (see OpenDirectory), at most
+// kMaxOpenDirectories in all.
 #pragma once
 
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vtl::manifest {
+
+// A directory the walk opened, kept open for as long as an item reported from
+// it holds it: whoever works on the item later, on any thread, opens it
+// through its directory, one name looked up with no link followed on the way,
+// even after the walk has moved on.
+class OpenDirectory {
+ public:
+  OpenDirectory(DIR* dir, std::shared_ptr<std::atomic<std::uint32_t>> open_count);
+  ~OpenDirectory();
+  OpenDirectory(const OpenDirectory&) = delete;
+  OpenDirectory& operator=(const OpenDirectory&) = delete;
+
+  int fd() const { return ::dirfd(dir_); }
+
+ private:
+  DIR* dir_;
+  std::shared_ptr<std::atomic<std::uint32_t>> open_count_;
+};
 
 struct WalkEvent {
   enum class Kind : std::uint8_t { kItem, kError };
@@ -37,10 +59,18 @@ struct WalkEvent {
   Type type = Type::kUnknown;  // kItem: kUnknown when the type could not be read
   int error = 0;               // kError: an errno value
   std::string path;            // the item, or what could not be enumerated
+  // kItem: the directory it was listed in, unless the walk already holds
+  // kMaxOpenDirectories open; it is then reached by its path alone.
+  // Its name there is the last component of `path`.
+  std::shared_ptr<const OpenDirectory> directory;
 };
 
 class TreeWalk {
  public:
+  // Beyond this many directories held open (each level of the walk, and the
+  // ones that items reported earlier still hold), items come without theirs.
+  static constexpr std::uint32_t kMaxOpenDirectories = 64;
+
   // `keep_out(path)` is asked of each directory before it is entered; true
   // means its entries are not walked (the directory itself was reported).
   TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out);
@@ -60,7 +90,7 @@ class TreeWalk {
     unsigned char type;
   };
   struct Frame {
-    DIR* dir = nullptr;
+    std::shared_ptr<const OpenDirectory> dir;
     std::string path;
     std::vector<Entry> entries;
     std::size_t index = 0;
@@ -71,6 +101,10 @@ class TreeWalk {
 
   std::string root_;
   std::function<bool(const std::string&)> keep_out_;
+  // Directories open now, theirs and the walk's; shared with each of them,
+  // since an item may keep one beyond the walk.
+  std::shared_ptr<std::atomic<std::uint32_t>> open_count_ =
+      std::make_shared<std::atomic<std::uint32_t>>(0);
   std::vector<Frame> stack_;
   bool started_ = false;
   // The directory just reported, to be entered on the next call.

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -17,6 +19,7 @@
 
 #include "base/plist.h"
 #include "manifest/VTLManifest.h"
+#include "manifest/tree_walk.h"
 #include "platform/platform.h"
 #include "platform/protection_classes.h"
 #include "service/VTLProgressUpdater.h"
@@ -254,6 +257,48 @@ TEST_F(ManifestTest, AVanishedFileEndsTheWalkWithTheEarlierRecordsKept) {
       (std::vector<std::string>{
           "Get file attributes failed for " + at("d") + " with error - No such file or directory",
           "Cannot get file attribute for " + at("d"), "Couldn't get meta data for " + at("d")}));
+}
+
+// Each file is opened through the directory the walk listed it in: a directory
+// swapped for a link after the listing does not lead the read elsewhere, and
+// no more directories are held open than the walk's bound, however many
+// records wait to be built.
+TEST_F(ManifestTest, FilesAreReadThroughTheDirectoriesTheWalkListedThemIn) {
+  constexpr std::uint32_t kHeld = vtl::manifest::TreeWalk::kMaxOpenDirectories;
+  for (std::uint32_t d = 0; d < 3 * kHeld; ++d) {
+    write_file(at("d" + std::to_string(1000 + d) + "/f"), "listed " + std::to_string(d));
+  }
+  write_file(at("decoy/f"), "decoy");
+  const auto open_descriptors = [] {
+    std::size_t n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+    return n;
+  };
+  const std::size_t before = open_descriptors();
+  std::atomic<std::size_t> most{0};
+  VTLManifest m(platform_.files());
+  m.set_before_record_for_testing([&](const std::string& path) {
+    if (path == at("d1000/f")) {
+      // In one step, so that the directory's own record, built meanwhile on
+      // another thread, finds something there.
+      testsupport::make_link("decoy", at("moved"));
+      ASSERT_EQ(::renameat2(AT_FDCWD, at("moved").c_str(), AT_FDCWD, at("d1000").c_str(),
+                            RENAME_EXCHANGE),
+                0);
+    }
+    const std::size_t now = open_descriptors();
+    for (std::size_t seen = most; now > seen && !most.compare_exchange_weak(seen, now);) {
+    }
+  });
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  const std::optional<VTLFileMetadata> swapped = m.metadataForFile("/d1000/f");
+  ASSERT_TRUE(swapped.has_value());
+  ASSERT_NE(swapped->getHash(), nullptr);
+  EXPECT_EQ(*swapped->getHash(), *VTLFileMetadata::fileHashWithPath(at("moved/f")));
+  // Each builder also holds the file it reads, and the count its own listing.
+  const std::size_t builders = VTLManifest::worker_count() + VTLManifest::cold_worker_count();
+  EXPECT_LE(most.load(), before + kHeld + builders + 2);
+  EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(ManifestTest, AHandlerRefusalFailsTheWalk) {
