@@ -532,8 +532,12 @@ std::vector<std::string> VTLManifest::immediateHiddenFilesUnderPath(const std::s
 std::uint64_t VTLManifest::calculateTotalFileSize_skipPaths(const std::string& path,
                                                             const std::vector<std::string>& skip,
                                                             Sizes sizes) {
+  // Without sizes, files matter only where the enumeration reports them as
+  // errors, and the walk lists nothing else.
   manifest::TreeWalk enumeration(
-      path, [&skip](const std::string& dir) { return skips_subtree(skip, dir); });
+      path, [&skip](const std::string& dir) { return skips_subtree(skip, dir); },
+      sizes == Sizes::kSkip ? manifest::TreeWalk::Items::kDirectories
+                            : manifest::TreeWalk::Items::kAll);
   manifest::WalkEvent event;
   std::uint64_t total = 0;
   while (enumeration.next(event)) {

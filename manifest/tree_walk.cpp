@@ -67,8 +67,10 @@ std::string without_trailing_slashes(std::string path) {
   return path;
 }
 
-TreeWalk::TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out)
-    : root_(without_trailing_slashes(std::move(root))), keep_out_(std::move(keep_out)) {}
+TreeWalk::TreeWalk(std::string root, std::function<bool(const std::string&)> keep_out, Items items)
+    : root_(without_trailing_slashes(std::move(root))),
+      keep_out_(std::move(keep_out)),
+      items_(items) {}
 
 TreeWalk::~TreeWalk() = default;
 
@@ -88,6 +90,10 @@ bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
   while (const dirent* entry = ::readdir(dir)) {
     const std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
+    if (items_ == Items::kDirectories && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN &&
+        is_text(name)) {
+      continue;
+    }
     frame.entries.push_back(Entry{std::string(name), entry->d_type});
   }
   const int read_error = errno;

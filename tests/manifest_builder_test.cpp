@@ -188,10 +188,14 @@ TEST_F(ManifestTest, WhatAWalkRecordsUnderItsBase) {
   VTLManifest cut(platform_.files());
   ASSERT_TRUE(cut.addFilesFromPath_relativeTo_skip_inclusive(at("w"), "/w", {}, false));
   EXPECT_EQ(keys_of(cut), (std::set<std::string>{"/a", "/a/b", "/ax"}));
-  // A name that is not UTF-8 is reported, not recorded.
-  EXPECT_TRUE(logged(std::string(kCollect) + ": Could not enumerate " + at("caf\xe9") +
-                     ", url=file://" + at("caf%E9") +
-                     ", error=Invalid or incomplete multibyte or wide character"));
+  // A name that is not UTF-8 is reported, by the count and by the walk, not
+  // recorded.
+  for (const char* routine : {kTotal, kCollect}) {
+    EXPECT_TRUE(logged(std::string(routine) + ": Could not enumerate " + at("caf\xe9") +
+                       ", url=file://" + at("caf%E9") +
+                       ", error=Invalid or incomplete multibyte or wide character"))
+        << routine;
+  }
 }
 
 TEST_F(ManifestTest, PathsWithoutTheBaseReuseThePreviousKey) {
