@@ -142,6 +142,9 @@ int ByteSink::flush() {
 
 ObjectWriter::ObjectWriter(ByteSink& sink, std::uint64_t object_bound)
     : sink_(sink), ref_size_(width_for(object_bound == 0 ? 0 : object_bound - 1)) {
+  // Room for every offset at once: no copy as the table grows, and pages the
+  // writer never reaches (the bound is generous) are never touched.
+  offsets_.reserve(object_bound);
   sink_.write("bplist00", 8);
 }
 
