@@ -37,6 +37,9 @@
 namespace vtl::bplist {
 
 // Buffered output to memory or to a descriptor, through one 1 MiB buffer.
+// Written to a file from its start, each buffer's writeback is started as
+// soon as it is written (sync_file_range), so a later fsync has little left
+// to wait for.
 class ByteSink {
  public:
   // Appends to `*memory`.
