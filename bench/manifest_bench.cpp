@@ -431,6 +431,14 @@ class Helper {
       }
     }
     m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    // A helper that could not serve (another one already serves this device)
+    // ends at once, and the request went to the other one: its figures
+    // would be somebody else's.
+    if (!process->running()) {
+      throw std::runtime_error(
+          "the helper started for this run has ended; is another one serving " + device_ + "? " +
+          process->output());
+    }
     std::ifstream status("/proc/" + std::to_string(process->pid()) + "/status");
     for (std::string line; std::getline(status, line);) {
       if (line.starts_with("VmHWM:")) m.peak_kib = std::stol(line.substr(6));
