@@ -286,7 +286,7 @@ struct VTLManifest::Walk {
     t.built = manifest::build_record(t.path, context, log, encoder, &t.size, hint);
     // The directory is closed as soon as no record still to be built needs it.
     t.directory.reset();
-    t.blob = encoder.take();
+    encoder.take(t.blob);
   }
 
   void start_workers() {
@@ -425,7 +425,7 @@ struct VTLManifest::Walk {
         return false;
       }
     } else {
-      m.store_.set(t.key, std::move(t.blob));
+      m.store_.set(t.key, t.blob);
     }
     // The item's size as its record read it, which is what a look at the
     // item just after its record would give.
@@ -466,7 +466,7 @@ void VTLManifest::setMetadata_forFile(const VTLFileMetadata& record, std::string
 std::unordered_set<std::string> VTLManifest::pathSet() const {
   std::unordered_set<std::string> paths;
   paths.reserve(store_.size());
-  store_.for_each_path([&](const std::string& p) { paths.insert(p); });
+  store_.for_each_path([&](std::string_view p) { paths.emplace(p); });
   return paths;
 }
 

@@ -117,18 +117,18 @@ class BlobWriter {
 
 }  // namespace
 
-void ManifestStore::set(std::string_view path, std::string blob) {
+void ManifestStore::set(std::string_view path, std::string_view blob) {
   const std::uint64_t bound = blob_object_bound(blob);
   // Walks deliver paths nearly in order: try the end first.
   if (records_.empty() || records_.rbegin()->first < path) {
-    records_.emplace_hint(records_.end(), std::string(path), std::move(blob));
+    records_.emplace_hint(records_.end(), path, blob);
   } else {
     auto it = records_.find(path);
     if (it != records_.end()) {
       object_bound_ -= blob_object_bound(it->second);
-      it->second = std::move(blob);
+      it->second.assign(blob);
     } else {
-      records_.emplace(std::string(path), std::move(blob));
+      records_.emplace(path, blob);
     }
   }
   object_bound_ += bound;
@@ -152,6 +152,7 @@ void ManifestStore::set_dictionary(std::string_view path, const Dictionary& dict
 
 void ManifestStore::clear() {
   records_.clear();
+  arena_.release();
   object_bound_ = 0;
 }
 
@@ -172,7 +173,7 @@ bool ManifestStore::holds_dictionary(std::string_view path) const {
 Dictionary ManifestStore::to_dictionary() const {
   Dictionary out;
   for (const auto& [path, blob] : records_) {
-    out.emplace_hint(out.end(), path, decode_blob(blob, &strings_));
+    out.emplace_hint(out.end(), std::string(path), decode_blob(blob, &strings_));
   }
   return out;
 }

@@ -3,7 +3,10 @@
 //
 // Memory: about 300 bytes per record (the path, one map node, the blob), so
 // that the manifest of a data area of half a million files stays well under
-// a gigabyte; the records are turned into Values only when asked for.
+// a gigabyte; the records are turned into Values only when asked for. Paths,
+// blobs and map nodes are carved from large blocks that go back all at once
+// (a record replaced keeps its space until then): storing a record allocates
+// nothing of its own, and dropping half a million of them is a few frees.
 //
 // Threads: the intern table may be used to encode records on any thread;
 // everything else is for one thread at a time.
@@ -11,6 +14,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory_resource>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,9 +29,9 @@ class ManifestStore {
  public:
   InternTable& strings() { return strings_; }
 
-  // Stores `blob` (encoded with strings()) under `path`, replacing an earlier
-  // record there.
-  void set(std::string_view path, std::string blob);
+  // Stores a copy of `blob` (encoded with strings()) under `path`, replacing
+  // an earlier record there.
+  void set(std::string_view path, std::string_view blob);
   // Stores any value, encoded here.
   void set_value(std::string_view path, const Value& value);
   void set_dictionary(std::string_view path, const Dictionary& dictionary);
@@ -41,9 +45,10 @@ class ManifestStore {
   // Whether the value under `path` is a dictionary, without decoding it.
   bool holds_dictionary(std::string_view path) const;
 
+  // f(std::string_view path) for every record, in path order.
   template <typename F>
   void for_each_path(F f) const {
-    for (const auto& [path, blob] : records_) f(path);
+    for (const auto& [path, blob] : records_) f(std::string_view(path));
   }
 
   // Every record as a Value: the manifest dictionary.
@@ -56,7 +61,9 @@ class ManifestStore {
 
  private:
   InternTable strings_;
-  std::map<std::string, std::string, std::less<>> records_;
+  // Before the records, which live in it.
+  std::pmr::monotonic_buffer_resource arena_;
+  std::pmr::map<std::pmr::string, std::pmr::string, std::less<>> records_{&arena_};
   std::uint64_t object_bound_ = 0;  // sum of the blobs' bounds
 };
 

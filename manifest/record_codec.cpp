@@ -269,6 +269,12 @@ void RecordEncoder::value(const Value& v) {
 }
 
 std::string RecordEncoder::take() {
+  std::string blob;
+  take(blob);
+  return blob;
+}
+
+void RecordEncoder::take(std::string& blob) {
   char bound[10];
   std::size_t n = 0;
   std::uint64_t v = objects_;
@@ -277,13 +283,12 @@ std::string RecordEncoder::take() {
     v >>= 7;
   }
   bound[n++] = static_cast<char>(v);
-  std::string blob;
+  blob.clear();
   blob.reserve(n + used_);
   blob.append(bound, n);
   blob.append(body_.data(), used_);
   used_ = 0;
   objects_ = 0;
-  return blob;
 }
 
 // --- Reading -----------------------------------------------------------------

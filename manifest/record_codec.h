@@ -121,6 +121,8 @@ class RecordEncoder {
 
   // The finished blob; the encoder is empty again afterwards.
   std::string take();
+  // The same into `blob`, whose room is reused.
+  void take(std::string& blob);
 
  private:
   // Room for `n` more bytes at body_end().
