@@ -340,6 +340,10 @@ struct VTLManifest::Walk {
 
   // --- Committing, in walk order ---
 
+  // Called once, before the first task is committed: nothing is logged or
+  // reported for the walk before it returns.
+  std::function<void()> before_commits;
+
   bool run() {
     const bool parallel = handler == nullptr;
     const std::size_t look_ahead = parallel ? kLookAhead : 1;
@@ -351,7 +355,10 @@ struct VTLManifest::Walk {
 
     bool produced_all = false;
     for (;;) {
-      while (!produced_all && window.size() < look_ahead) {
+      // While the count runs, nothing is committed: the builders are given
+      // more to do meanwhile.
+      const std::size_t ahead = parallel && before_commits ? kLookAheadWhileCounting : look_ahead;
+      while (!produced_all && window.size() < ahead) {
         std::unique_ptr<Task> t = new_task();
         if (!produce(*t)) {
           produced_all = true;
@@ -367,6 +374,10 @@ struct VTLManifest::Walk {
           if (cold()) cold_work_ready.notify_one();
         }
         window.push_back(std::move(t));
+      }
+      if (before_commits) {
+        before_commits();
+        before_commits = nullptr;
       }
       if (window.empty()) return true;
 
@@ -503,15 +514,26 @@ bool VTLManifest::walk(const std::string& path, const std::string& base,
     return false;
   }
   root_path_ = base;
+  // The total is counted on a thread of its own while the first records are
+  // built; the walk commits nothing (and so logs and reports nothing) before
+  // the count is over and the total is reported, so every message of the
+  // count comes first, as if it had run alone.
   // Without a progress updater the total goes nowhere: the enumeration still
   // runs, for what it logs of directories it cannot read, but no file's size
   // is looked up for it (a file removed between the enumeration and that
   // look is then not reported by this pass; the walk reports it anyway).
-  const std::uint64_t total = calculateTotalFileSize_skipPaths(
-      path, skip, progress_ != nullptr ? Sizes::kSum : Sizes::kSkip);
-  if (progress_ != nullptr)
-    progress_->initializePercentageWithTotal(static_cast<std::int64_t>(total));
+  std::uint64_t total = 0;
+  std::jthread counting([&] {
+    total = calculateTotalFileSize_skipPaths(path, skip,
+                                             progress_ != nullptr ? Sizes::kSum : Sizes::kSkip);
+  });
   Walk walk(*this, path, base, skip, inclusive, handler);
+  walk.before_commits = [&] {
+    counting.join();
+    if (progress_ != nullptr) {
+      progress_->initializePercentageWithTotal(static_cast<std::int64_t>(total));
+    }
+  };
   return walk.run();
 }
 

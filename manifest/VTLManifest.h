@@ -119,6 +119,10 @@ class VTLManifest {
   // 4,096 (the builders less often find the queue empty while the next item
   // to commit is still being built); cold, no difference within the noise.
   static constexpr std::size_t kLookAhead = 2048;
+  // The same while the count that comes before any commit still runs on a
+  // thread of its own: enough for the builders to keep both cores busy
+  // until it is over.
+  static constexpr std::size_t kLookAheadWhileCounting = 8192;
 
   // Test seam: called on the building thread just before each record is built.
   void set_before_record_for_testing(std::function<void(const std::string&)> hook) {
