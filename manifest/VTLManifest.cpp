@@ -104,8 +104,11 @@ struct VTLManifest::Walk {
     std::string key;
     int error = 0;
     bool regular = false;  // as the directory listing saw it
-    // Where it was listed, held open until its record is built.
-    std::shared_ptr<const manifest::OpenDirectory> directory;
+    // The directory it was listed in, open until it is committed (see
+    // `held`), or -1; and where its name starts in `path`.
+    int directory = -1;
+    std::size_t name_at = 0;
+    std::uint64_t number = 0;  // in walk order
     // Filled by the builder.
     bool done = false;
     bool built = false;
@@ -140,6 +143,24 @@ struct VTLManifest::Walk {
 
   std::deque<std::unique_ptr<Task>> window;
   std::vector<std::unique_ptr<Task>> spare;
+  std::uint64_t produced = 0;
+  // The directories the tasks in the window were listed in: each run of tasks
+  // listed in one directory, by the number of its first task. A directory is
+  // let go once every task of its run is committed (and so built), which
+  // costs the building threads nothing per task.
+  std::deque<std::pair<std::uint64_t, std::shared_ptr<const manifest::OpenDirectory>>> held;
+  void hold(Task& t, std::shared_ptr<const manifest::OpenDirectory> directory) {
+    if (!directory) return;
+    if (held.empty() || held.back().second != directory) {
+      held.emplace_back(t.number, std::move(directory));
+    }
+    t.directory = held.back().second->fd();
+    t.name_at = t.path.rfind('/') + 1;
+  }
+  // After `t` is committed.
+  void let_go_after(const Task& t) {
+    while (held.size() > 1 && held[1].first <= t.number + 1) held.pop_front();
+  }
 
   // Shared with the workers.
   std::mutex mutex;
@@ -236,7 +257,7 @@ struct VTLManifest::Walk {
       }
       if (VTLManifest::folder_contains(skip, t.path)) continue;
       classify(t, event.type);
-      if (t.kind == Task::Kind::kRecord) t.directory = std::move(event.directory);
+      if (t.kind == Task::Kind::kRecord) hold(t, std::move(event.directory));
       return true;
     }
     if (inclusive && !path_itself_done) {
@@ -264,6 +285,7 @@ struct VTLManifest::Walk {
     spare.pop_back();
     t->done = false;
     t->regular = false;
+    t->directory = -1;
     t->built = false;
     t->error = 0;
     t->size = 0;
@@ -278,14 +300,9 @@ struct VTLManifest::Walk {
   void build(Task& t, manifest::RecordContext& context, manifest::RecordEncoder& encoder,
              manifest::LogSink& log) {
     if (m.before_record_) m.before_record_(t.path);
-    manifest::ItemHint hint{.regular = t.regular};
-    if (t.directory) {
-      hint.directory = t.directory->fd();
-      hint.name = t.path.c_str() + t.path.rfind('/') + 1;
-    }
+    manifest::ItemHint hint{.regular = t.regular, .directory = t.directory};
+    if (t.directory >= 0) hint.name = t.path.c_str() + t.name_at;
     t.built = manifest::build_record(t.path, context, log, encoder, &t.size, hint);
-    // The directory is closed as soon as no record still to be built needs it.
-    t.directory.reset();
     encoder.take(t.blob);
   }
 
@@ -326,6 +343,23 @@ struct VTLManifest::Walk {
     }
   }
 
+  // Queues the tasks of `batch` for the builders, and empties it.
+  void enqueue(std::vector<Task*>& batch) {
+    if (batch.empty()) return;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      queue.insert(queue.end(), batch.begin(), batch.end());
+    }
+    if (batch.size() == 1) {
+      work_ready.notify_one();
+      if (cold()) cold_work_ready.notify_one();
+    } else {
+      work_ready.notify_all();
+      if (cold()) cold_work_ready.notify_all();
+    }
+    batch.clear();
+  }
+
   void stop_workers() {
     {
       std::lock_guard<std::mutex> lock(mutex);
@@ -354,26 +388,27 @@ struct VTLManifest::Walk {
     manifest::LogSink direct;
 
     bool produced_all = false;
+    std::vector<Task*> batch;
     for (;;) {
       // While the count runs, nothing is committed: the builders are given
       // more to do meanwhile.
       const std::size_t ahead = parallel && before_commits ? kLookAheadWhileCounting : look_ahead;
-      while (!produced_all && window.size() < ahead) {
-        std::unique_ptr<Task> t = new_task();
-        if (!produce(*t)) {
-          produced_all = true;
-          spare.push_back(std::move(t));
-          break;
-        }
-        if (parallel && t->kind == Task::Kind::kRecord) {
-          {
-            std::lock_guard<std::mutex> lock(mutex);
-            queue.push_back(t.get());
+      // The window is refilled a stretch at a time, queued with one lock and
+      // one wake-up, rather than a task for every commit.
+      const std::size_t stride = parallel ? kRefillStride : 1;
+      while (!produced_all && window.size() + stride <= ahead) {
+        for (std::size_t i = 0; i < stride; ++i) {
+          std::unique_ptr<Task> t = new_task();
+          t->number = produced++;
+          if (!produce(*t)) {
+            produced_all = true;
+            spare.push_back(std::move(t));
+            break;
           }
-          work_ready.notify_one();
-          if (cold()) cold_work_ready.notify_one();
+          if (parallel && t->kind == Task::Kind::kRecord) batch.push_back(t.get());
+          window.push_back(std::move(t));
         }
-        window.push_back(std::move(t));
+        enqueue(batch);
       }
       if (before_commits) {
         before_commits();
@@ -400,6 +435,7 @@ struct VTLManifest::Walk {
           if (!commit_record(t, parallel, context, inline_encoder, direct)) return end_result_;
           break;
       }
+      let_go_after(t);
       spare.push_back(std::move(window.front()));
       window.pop_front();
     }

@@ -123,6 +123,8 @@ class VTLManifest {
   // thread of its own: enough for the builders to keep both cores busy
   // until it is over.
   static constexpr std::size_t kLookAheadWhileCounting = 8192;
+  // Tasks added to the window at a time, once that many have been committed.
+  static constexpr std::size_t kRefillStride = 64;
 
   // Test seam: called on the building thread just before each record is built.
   void set_before_record_for_testing(std::function<void(const std::string&)> hook) {

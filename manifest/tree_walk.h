@@ -69,7 +69,7 @@ class TreeWalk {
  public:
   // Beyond this many directories held open (each level of the walk, and the
   // ones that items reported earlier still hold), items come without theirs.
-  static constexpr std::uint32_t kMaxOpenDirectories = 64;
+  static constexpr std::uint32_t kMaxOpenDirectories = 256;
 
   // What a walk reports: every item, or only what a walk that wants no file
   // still has to see: directories, items whose type the listing does not
