@@ -3,6 +3,7 @@
 //
 //   ours (helper)    one "createDeviceManifest:" request to vtld_helper on a
 //                    simulated device (walk, hash, write the property list)
+//   ours (1 core)    the same with every thread of the helper on one core
 //   ours (library)   the same walk and write as a library call, in a child
 //   mtree            mtree -c -K sha1,uid,gid,mode,link,size -p TREE
 //   bsdtar mtree     bsdtar --format=mtree with sha1, uid, gid, mode, link,
@@ -26,7 +27,9 @@
 //                  [--plistlib-records N] [--no-usr-share] [--no-cold]
 //
 // Prints medians, items/s, MB/s (regular-file bytes), peak resident memory
-// and the ratio of each tool's time to ours (above 1: ours is faster). The
+// and the ratio of each tool's time to ours (above 1: ours is faster); under
+// each table ours against the floor run by run, the speed-up from one core
+// to all, and our CPU time and one-core wall time against mtree's. The
 // corpus, the /usr/share copy and the large file are made once under DIR
 // (default /var/tmp/vtl-manifest-bench) and reused. Needs root (the helper
 // confines itself with chroot; dropping caches), mtree-netbsd,
@@ -484,8 +487,11 @@ struct Row {
 };
 
 // `floor_name`: what `floor_seconds` measured (see read_tree).
+// `floors`: the floor measured in each run, beside that run's tools.
 void print_table(const std::string& title, const TreeStats& stats, const std::vector<Row>& rows,
-                 const char* floor_name, std::optional<double> floor_seconds, std::FILE* out) {
+                 const char* floor_name, const std::vector<double>& floors, std::FILE* out) {
+  const std::optional<double> floor_seconds =
+      floors.empty() ? std::nullopt : std::optional<double>(median(floors));
   fmt::print(out, "\n{}: {} items, {:.1f} MB in regular files\n", title, stats.items,
              static_cast<double>(stats.bytes) / 1e6);
   fmt::print(out, "  {:<16} {:>9} {:>11} {:>9} {:>11} {:>12} {:>9} {:>11}\n", "tool", "median s",
@@ -507,6 +513,17 @@ void print_table(const std::string& title, const TreeStats& stats, const std::ve
                floor_name, *floor_seconds, static_cast<double>(stats.items) / *floor_seconds,
                static_cast<double>(stats.bytes) / 1e6 / *floor_seconds, "-", *floor_seconds / ours,
                ours / *floor_seconds);
+    // Run by run, ours against the floor measured in the same run.
+    if (!rows.empty() && rows[0].seconds.size() == floors.size()) {
+      double best = 0;
+      double worst = 0;
+      for (std::size_t r = 0; r < floors.size(); ++r) {
+        const double ratio = rows[0].seconds[r] / floors[r];
+        best = r == 0 ? ratio : std::min(best, ratio);
+        worst = r == 0 ? ratio : std::max(worst, ratio);
+      }
+      fmt::print(out, "  ours / floor, run by run: {:.2f} to {:.2f}\n", best, worst);
+    }
   }
   // Ours are the first three rows: the helper on every core, on one core, and
   // the library call.
@@ -598,7 +615,7 @@ void bench_tree(const Options& o, const std::string& title, const std::string& d
       }
     }
     print_table(fmt::format("{} ({}, {} runs)", title, cold ? "cold" : "warm", o.runs), stats, rows,
-                cold ? "read floor" : "hash floor", median(floors), out);
+                cold ? "read floor" : "hash floor", floors, out);
   }
 }
 
