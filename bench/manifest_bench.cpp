@@ -25,6 +25,10 @@
 //
 //   manifest_bench [--items N] [--runs R] [--dir DIR] [--records N]
 //                  [--plistlib-records N] [--no-usr-share] [--no-cold]
+//                  [--helper PATH]
+//
+// --helper: the vtld_helper to measure (default: the one beside this
+// program), so that an earlier build is measured the same way.
 //
 // Prints medians, items/s, MB/s (regular-file bytes), peak resident memory
 // and the ratio of each tool's time to ours (above 1: ours is faster); under
@@ -95,6 +99,7 @@ struct Options {
   int plistlib_records = 1000000;
   bool usr_share = true;
   bool cold = true;
+  std::string helper;  // default: the vtld_helper beside this program
 };
 
 struct Measure {
@@ -865,6 +870,8 @@ Options parse(int argc, char** argv) {
       o.usr_share = false;
     } else if (a == "--no-cold") {
       o.cold = false;
+    } else if (a == "--helper") {
+      o.helper = value();
     } else {
       throw std::runtime_error("unknown argument " + a);
     }
@@ -892,7 +899,9 @@ int main(int argc, char** argv) {
     }
     fs::create_directories(device + kWorkContainer);
     const std::string helper =
-        (fs::path(vtldctl::own_executable()).parent_path() / "vtld_helper").string();
+        !o.helper.empty()
+            ? o.helper
+            : (fs::path(vtldctl::own_executable()).parent_path() / "vtld_helper").string();
     Helper helper_runner(helper, device);
 
     const std::string corpus = device + kCorpusDevicePath;
