@@ -109,7 +109,9 @@ std::optional<VTLFileMetadata> VTLFileMetadata::initWithPath(const std::string& 
   manifest::LogSink log;
   manifest::RecordEncoder encoder(nullptr);
   std::uint64_t size = 0;
-  if (!manifest::build_record(path, context, log, encoder, &size)) return std::nullopt;
+  if (!manifest::build_record(platform::ItemAt::by_path(path), context, log, encoder, &size)) {
+    return std::nullopt;
+  }
   Value record = manifest::decode_blob(encoder.take(), nullptr);
   return VTLFileMetadata(std::move(*record.dictionary()));
 }

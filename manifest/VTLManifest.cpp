@@ -300,9 +300,10 @@ struct VTLManifest::Walk {
   void build(Task& t, manifest::RecordContext& context, manifest::RecordEncoder& encoder,
              manifest::LogSink& log) {
     if (m.before_record_) m.before_record_(t.path);
-    manifest::ItemHint hint{.regular = t.regular, .directory = t.directory};
-    if (t.directory >= 0) hint.name = t.path.c_str() + t.name_at;
-    t.built = manifest::build_record(t.path, context, log, encoder, &t.size, hint);
+    const platform::ItemAt item =
+        t.directory >= 0 ? platform::ItemAt{t.directory, t.path.c_str() + t.name_at, t.path}
+                         : platform::ItemAt::by_path(t.path);
+    t.built = manifest::build_record(item, context, log, encoder, &t.size, t.regular);
     encoder.take(t.blob);
   }
 

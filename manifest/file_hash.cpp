@@ -106,7 +106,7 @@ FileHasher::~FileHasher() {
   EVP_MD_CTX_free(context_);
 }
 
-int FileHasher::open(const std::string& path) { return open_for_hashing(AT_FDCWD, path.c_str()); }
+int FileHasher::open(const std::string& path) { return open_at(AT_FDCWD, path.c_str()); }
 
 int FileHasher::open_at(int directory, const char* name) {
   return open_for_hashing(directory, name);

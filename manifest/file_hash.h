@@ -75,7 +75,8 @@ class FileHasher {
   // the size a statx of `fd` has just given, which also showed a regular
   // file (else hash() looks itself).
   static int open(const std::string& path);
-  // open() of the entry `name` of the open directory `directory`.
+  // open() of the entry `name` of the open directory `directory` (AT_FDCWD:
+  // `name` is a path).
   static int open_at(int directory, const char* name);
   std::optional<Data> hash(int fd, const std::string& path, LogSink& log,
                            std::optional<std::uint64_t> known_size);

@@ -134,8 +134,9 @@ Data hash_open_file(int fd, const std::string& path, std::uint64_t size, FileHas
 
 }  // namespace
 
-bool build_record(const std::string& path, RecordContext& context, LogSink& log, RecordEncoder& e,
-                  std::uint64_t* size, const ItemHint& hint) {
+bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink& log,
+                  RecordEncoder& e, std::uint64_t* size, bool regular_hint) {
+  const std::string& path = item.path;
   ItemAttributes attributes;
   // An item the walk saw as a regular file is opened first and read through
   // its descriptor: one path lookup instead of three, and none at all above
@@ -143,9 +144,8 @@ bool build_record(const std::string& path, RecordContext& context, LogSink& log,
   // (it cannot be opened, it is not a regular file now) takes the path route,
   // whose messages are the record's own.
   int fd = -1;
-  if (hint.regular) {
-    fd = hint.directory >= 0 ? FileHasher::open_at(hint.directory, hint.name)
-                             : FileHasher::open(path);
+  if (regular_hint) {
+    fd = FileHasher::open_at(item.directory, item.name);
     if (fd >= 0 && (read_item_attributes(fd, &attributes) != 0 || !S_ISREG(attributes.mode))) {
       ::close(fd);
       fd = -1;

@@ -17,6 +17,7 @@
 #include "manifest/file_hash.h"
 #include "manifest/log_sink.h"
 #include "manifest/record_codec.h"
+#include "platform/item_at.h"
 
 namespace vtl::manifest {
 
@@ -36,25 +37,16 @@ struct RecordContext {
   std::vector<std::pair<std::string, Data>> xattrs;
 };
 
-// What a walk knows of an item before its record is built.
-struct ItemHint {
-  // It was listed as a regular file: it is opened first and read through its
-  // descriptor (the record is the same either way).
-  bool regular = false;
-  // The directory it was listed in, open (-1: none), and its name there: it
-  // is opened through that directory, one name looked up instead of the
-  // whole path.
-  int directory = -1;
-  const char* name = nullptr;
-};
-
-// initWithPath: writes the record of the item at `path` into `e` (the
-// attribute dictionary, then the extended attributes, the hash and the link
-// target, stopping at the first that is missing) and its size into `size`.
-// False, with the reason logged, when there is no record (the item cannot be
-// read, or vanished); `e` is then to be discarded.
-bool build_record(const std::string& path, RecordContext& context, LogSink& log, RecordEncoder& e,
-                  std::uint64_t* size, const ItemHint& hint = {});
+// initWithPath: writes the record of `item` into `e` (the attribute
+// dictionary, then the extended attributes, the hash and the link target,
+// stopping at the first that is missing) and its size into `size`. False,
+// with the reason logged, when there is no record (the item cannot be read,
+// or vanished); `e` is then to be discarded. `regular_hint`: a walk saw a
+// regular file here, so it is opened first (through `item`'s directory when
+// it names one) and read through its descriptor; the record is the same
+// either way.
+bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink& log,
+                  RecordEncoder& e, std::uint64_t* size, bool regular_hint = false);
 
 // The class operations of VTLFileMetadata, with their messages.
 
