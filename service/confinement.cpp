@@ -15,6 +15,9 @@
 namespace vtl::confinement {
 namespace {
 
+// The process's own root directory, in place of a descriptor of the device's.
+constexpr int kProcessRoot = AT_FDCWD;
+
 constexpr std::string_view kDataArea = "/private/var";
 constexpr std::string_view kLogRoot = "/private/var/logs";
 constexpr std::string_view kHelperLogs = "/private/var/logs/vtld";
@@ -75,13 +78,19 @@ std::optional<std::string> outside(std::string_view path, Region region) {
 // components in order, as the look below does. A link on the way fails it;
 // a component missing or not a folder ends it, as it ends that look; a link
 // as the last component is opened itself and seen. False too when the kernel
-// cannot tell (no openat2, or a filter refuses it).
+// cannot tell (no openat2, or a filter refuses it). `root` kProcessRoot is the
+// process's own root: the path is resolved from it as it stands, and cannot
+// climb out of it, having no ".." and passing no link.
 bool passes_no_link(std::string_view path, int root) {
   open_how how{};
   how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-  const std::string relative = path.size() > 1 ? std::string(path.substr(1)) : ".";
-  const int fd = static_cast<int>(::syscall(SYS_openat2, root, relative.c_str(), &how, sizeof how));
+  how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  std::string name(path);
+  if (root != kProcessRoot) {
+    how.resolve |= RESOLVE_BENEATH;
+    name = path.size() > 1 ? name.substr(1) : ".";
+  }
+  const int fd = static_cast<int>(::syscall(SYS_openat2, root, name.c_str(), &how, sizeof how));
   if (fd < 0) return errno == ENOENT || errno == ENOTDIR;
   struct stat st {};
   const bool plain = ::fstat(fd, &st) == 0 && !S_ISLNK(st.st_mode);
@@ -94,7 +103,8 @@ bool passes_no_link(std::string_view path, int root) {
 // look stops where the path stops existing.
 std::optional<std::string> first_link(std::string_view path, int root) {
   if (passes_no_link(path, root)) return std::nullopt;
-  int directory = ::openat(root, ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  int directory = root == kProcessRoot ? ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)
+                                       : ::openat(root, ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) return std::nullopt;
   std::optional<std::string> link;
   std::string component;
@@ -151,10 +161,7 @@ std::optional<std::string> refusal(std::string_view path, Region region, int roo
 }
 
 std::optional<std::string> refusal(std::string_view path, Region region) {
-  const int root = ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  std::optional<std::string> why = refusal(path, region, root);
-  if (root >= 0) ::close(root);
-  return why;
+  return refusal(path, region, kProcessRoot);
 }
 
 std::optional<Region> region_of(std::string_view command, std::string_view parameter) {
