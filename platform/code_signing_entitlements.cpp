@@ -156,6 +156,10 @@ class EntitlementsDirectory {
   std::vector<std::shared_ptr<const vtl::Value>> read(std::vector<std::string>* notes) {
     const std::lock_guard lock(mutex_);
     std::vector<std::shared_ptr<const vtl::Value>> plists;
+    if (unchanged()) {
+      for (const std::string& name : listed_->names) take(name, &files_.at(name), &plists, notes);
+      return plists;
+    }
     const vtl::UniqueFd directory(
         ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st {};
@@ -172,15 +176,7 @@ class EntitlementsDirectory {
       });
     }
     for (const std::string& name : listed_->names) {
-      const File* file = look_at(directory.get(), name);
-      if (file == nullptr || file->ignored) {
-        std::string note = dir_;
-        note.append("/").append(name).append(
-            " is ignored: it is not a regular file owned by root that only root may write");
-        notes->push_back(std::move(note));
-      } else if (file->plist) {
-        plists.push_back(file->plist);
-      }
+      take(name, look_at(directory.get(), name), &plists, notes);
     }
     return plists;
   }
@@ -197,6 +193,47 @@ class EntitlementsDirectory {
     bool ignored = false;                     // not a file root alone could have written
     std::shared_ptr<const vtl::Value> plist;  // nullptr: no property list in it
   };
+
+  // Whether the directory and every file listed in it are still the settled
+  // versions read before, by a look at each one's path: the usual message
+  // then opens nothing. A version takes in the owner and the mode, so the
+  // checks made when each was read still hold; anything else is left to the
+  // look through the opened directory.
+  bool unchanged() {
+    if (!listed_ || !settled(listed_->version, listed_->read_at)) return false;
+    struct stat st {};
+    if (::fstatat(AT_FDCWD, dir_.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        version_of(st) != listed_->version) {
+      return false;
+    }
+    std::string path = dir_ + "/";
+    for (const std::string& name : listed_->names) {
+      const auto kept = files_.find(name);
+      path.resize(dir_.size() + 1);
+      path += name;
+      if (kept == files_.end() || !settled(kept->second.version, kept->second.read_at) ||
+          ::fstatat(AT_FDCWD, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          version_of(st) != kept->second.version) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Adds what `file` (nullptr: gone) gives for `name`: its property list, or
+  // a note that it is ignored.
+  void take(const std::string& name, const File* file,
+            std::vector<std::shared_ptr<const vtl::Value>>* plists,
+            std::vector<std::string>* notes) const {
+    if (file == nullptr || file->ignored) {
+      std::string note = dir_;
+      note.append("/").append(name).append(
+          " is ignored: it is not a regular file owned by root that only root may write");
+      notes->push_back(std::move(note));
+    } else if (file->plist) {
+      plists->push_back(file->plist);
+    }
+  }
 
   // What `name` holds now: kept when it is the version read before, read
   // again otherwise; nullptr when it is gone.
@@ -312,18 +349,20 @@ class EntitlementFiles final : public CodeSigning {
       *why = "the program " + client + " ran when it connected could not be read";
       return nullptr;
     }
+    // The program the process runs now must be the one it connected as:
+    // exec keeps the pid and the pidfd, and the socket. The process is
+    // looked for after its program: alive then, it was the pid's owner
+    // throughout.
+    const std::string exe = std::to_string(token.pid) + "/exe";
+    struct stat now {};
+    const bool same = ::fstatat(proc_, exe.c_str(), &now, 0) == 0 &&
+                      now.st_dev == token.executable_device && now.st_ino == token.executable_inode;
     const int pidfd = token.pidfd ? *token.pidfd : -1;
     if (pidfd >= 0 && !process_alive(pidfd)) {
       *why = client + " has ended";
       return nullptr;
     }
-    // The program the process runs now must be the one it connected as:
-    // exec keeps the pid and the pidfd, and the socket.
-    const std::string exe = std::to_string(token.pid) + "/exe";
-    struct stat now {};
-    const bool same = ::fstatat(proc_, exe.c_str(), &now, 0) == 0 &&
-                      now.st_dev == token.executable_device && now.st_ino == token.executable_inode;
-    if (!same || (pidfd >= 0 && !process_alive(pidfd))) {
+    if (!same) {
       *why = client + " no longer runs " + token.executable + ", the program it connected as";
       return nullptr;
     }
