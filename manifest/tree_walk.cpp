@@ -1,11 +1,14 @@
 #include "manifest/tree_walk.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <string_view>
 
 #include "base/utf8.h"
 
@@ -47,13 +50,13 @@ std::string child_path(const std::string& parent, const std::string& name) {
 
 }  // namespace
 
-OpenDirectory::OpenDirectory(DIR* dir, std::shared_ptr<std::atomic<std::uint32_t>> open_count)
-    : dir_(dir), open_count_(std::move(open_count)) {
+OpenDirectory::OpenDirectory(int fd, std::shared_ptr<std::atomic<std::uint32_t>> open_count)
+    : fd_(fd), open_count_(std::move(open_count)) {
   open_count_->fetch_add(1, std::memory_order_relaxed);
 }
 
 OpenDirectory::~OpenDirectory() {
-  ::closedir(dir_);
+  ::close(fd_);
   open_count_->fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -75,28 +78,16 @@ TreeWalk::TreeWalk(std::string root, std::function<bool(const std::string&)> kee
 TreeWalk::~TreeWalk() = default;
 
 bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
-  DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
-  if (dir == nullptr) {
+  if (fd < 0) {
     event.kind = WalkEvent::Kind::kError;
     event.error = errno;
     event.path = std::move(path);
-    if (fd >= 0) ::close(fd);
     return false;
   }
   Frame frame;
-  frame.dir = std::make_shared<const OpenDirectory>(dir, open_count_);
+  frame.dir = std::make_shared<const OpenDirectory>(fd, open_count_);
   frame.path = std::move(path);
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir)) {
-    const std::string_view name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    if (items_ == Items::kDirectories && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN &&
-        is_text(name)) {
-      continue;
-    }
-    frame.entries.push_back(Entry{std::string(name), entry->d_type});
-  }
-  const int read_error = errno;
+  const int read_error = read_entries(fd, frame.entries);
   std::sort(frame.entries.begin(), frame.entries.end(),
             [](const Entry& a, const Entry& b) { return a.name < b.name; });
   stack_.push_back(std::move(frame));
@@ -108,6 +99,31 @@ bool TreeWalk::push(int fd, std::string path, WalkEvent& event) {
     return false;
   }
   return true;
+}
+
+int TreeWalk::read_entries(int fd, std::vector<Entry>& entries) {
+  if (!listing_) listing_ = std::make_unique<char[]>(kListingBuffer);
+  for (;;) {
+    const ssize_t n = ::getdents64(fd, listing_.get(), kListingBuffer);
+    if (n == 0) return 0;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    // Records of the kernel's own layout, each d_reclen long and aligned
+    // for its fields.
+    for (ssize_t at = 0; at < n;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(listing_.get() + at);
+      at += entry->d_reclen;
+      const std::string_view name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      if (items_ == Items::kDirectories && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN &&
+          is_text(name)) {
+        continue;
+      }
+      entries.push_back(Entry{std::string(name), entry->d_type});
+    }
+  }
 }
 
 bool TreeWalk::next(WalkEvent& event) {

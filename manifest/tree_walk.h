@@ -21,7 +21,6 @@
 // kMaxOpenDirectories in all.
 #pragma once
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -39,15 +38,16 @@ namespace vtl::manifest {
 // even after the walk has moved on.
 class OpenDirectory {
  public:
-  OpenDirectory(DIR* dir, std::shared_ptr<std::atomic<std::uint32_t>> open_count);
+  // Takes `fd`, which it closes.
+  OpenDirectory(int fd, std::shared_ptr<std::atomic<std::uint32_t>> open_count);
   ~OpenDirectory();
   OpenDirectory(const OpenDirectory&) = delete;
   OpenDirectory& operator=(const OpenDirectory&) = delete;
 
-  int fd() const { return ::dirfd(dir_); }
+  int fd() const { return fd_; }
 
  private:
-  DIR* dir_;
+  int fd_;
   std::shared_ptr<std::atomic<std::uint32_t>> open_count_;
 };
 
@@ -104,6 +104,14 @@ class TreeWalk {
 
   // Opens a directory and reads all its entries; an error event otherwise.
   bool push(int fd, std::string path, WalkEvent& event);
+  // Adds the entries of the directory open at `fd` that this walk reports.
+  // 0, or the errno value that ended the reading.
+  int read_entries(int fd, std::vector<Entry>& entries);
+
+  // Listings are read straight from the kernel into this, many entries a
+  // call: a directory stream would cost three more calls per directory
+  // (fdopendir's checks), and list in smaller batches.
+  static constexpr std::size_t kListingBuffer = std::size_t{32} << 10;
 
   std::string root_;
   std::function<bool(const std::string&)> keep_out_;
@@ -113,6 +121,7 @@ class TreeWalk {
   std::shared_ptr<std::atomic<std::uint32_t>> open_count_ =
       std::make_shared<std::atomic<std::uint32_t>>(0);
   std::vector<Frame> stack_;
+  std::unique_ptr<char[]> listing_;  // kListingBuffer bytes, once a listing is read
   bool started_ = false;
   // The directory just reported, to be entered on the next call.
   std::string descend_name_;

@@ -120,6 +120,19 @@ TEST_F(ManifestTest, RecordsEveryItemAndLeavesSpecialFilesAlone) {
   EXPECT_EQ(m.rootPath(), root_);
 }
 
+TEST_F(ManifestTest, AFolderOfManyReadsIsRecordedWhole) {
+  // Enough entries to take the kernel several reads of the listing.
+  std::set<std::string> expected = {"/many"};
+  for (int i = 0; i < 400; ++i) {
+    const std::string key = "/many/" + std::string(200, 'n') + std::to_string(i);
+    write_file(at(key.substr(1)), "");
+    expected.insert(key);
+  }
+  VTLManifest m(platform_.files());
+  ASSERT_TRUE(m.addFilesFromPath_relativeTo_skip_inclusive(root_, root_, {}, false));
+  EXPECT_EQ(keys_of(m), expected);
+}
+
 TEST_F(ManifestTest, InclusiveRecordsThePathItselfLast) {
   write_file(at("x/y"), "1");
   write_file(at("z"), "2");
