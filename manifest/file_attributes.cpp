@@ -108,9 +108,9 @@ void fill(const struct statx& stx, ItemAttributes* out);
 
 }  // namespace
 
-int read_item_attributes(const std::string& path, ItemAttributes* out) {
+int read_item_attributes(const platform::ItemAt& item, ItemAttributes* out) {
   struct statx stx {};
-  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+  if (::statx(item.directory, item.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
               STATX_BASIC_STATS | STATX_BTIME, &stx) != 0) {
     return errno;
   }

@@ -55,9 +55,9 @@ struct ItemAttributes {
   std::optional<std::string> protection_class;
 };
 
-// statx of `path` without following a link, or of the open file `fd`.
+// statx of the item without following a link, or of the open file `fd`.
 // Returns 0 or an errno value.
-int read_item_attributes(const std::string& path, ItemAttributes* out);
+int read_item_attributes(const platform::ItemAt& item, ItemAttributes* out);
 int read_item_attributes(int fd, ItemAttributes* out);
 
 // The FileType value for a mode.

@@ -38,33 +38,35 @@ constexpr std::size_t kFirstTry = 4096;
 // listxattr without following a link, with the messages of
 // extendedAttributeKeysWithPath.
 // The item's extended attributes, through its descriptor when the caller
-// holds one (no path lookup), else by path without following a link.
-ssize_t list_xattrs(const std::string& path, int fd, char* buffer, std::size_t size) {
-  return fd >= 0 ? ::flistxattr(fd, buffer, size) : ::llistxattr(path.c_str(), buffer, size);
+// holds one (no path lookup), else by its name in its directory (or its path)
+// without following a link.
+ssize_t list_xattrs(const platform::ItemAt& item, int fd, char* buffer, std::size_t size) {
+  return fd >= 0 ? ::flistxattr(fd, buffer, size) : platform::list_xattrs(item, buffer, size);
 }
 
-ssize_t get_xattr(const std::string& path, int fd, const std::string& name, void* buffer,
+ssize_t get_xattr(const platform::ItemAt& item, int fd, const std::string& name, void* buffer,
                   std::size_t size) {
   return fd >= 0 ? ::fgetxattr(fd, name.c_str(), buffer, size)
-                 : ::lgetxattr(path.c_str(), name.c_str(), buffer, size);
+                 : platform::get_xattr(item, name.c_str(), buffer, size);
 }
 
-bool list_names(const std::string& path, int fd, LogSink& log,
+bool list_names(const platform::ItemAt& item, int fd, LogSink& log,
                 const platform::ProtectionClasses* classes, bool* hidden_seen,
                 std::vector<char>& buffer, std::vector<std::string>& names) {
+  const std::string& path = item.path;
   names.clear();
   if (hidden_seen != nullptr) *hidden_seen = false;
   buffer.resize(kFirstTry);
-  ssize_t length = list_xattrs(path, fd, buffer.data(), buffer.size());
+  ssize_t length = list_xattrs(item, fd, buffer.data(), buffer.size());
   if (length < 0 && errno == ERANGE) {
-    const ssize_t size = list_xattrs(path, fd, nullptr, 0);
+    const ssize_t size = list_xattrs(item, fd, nullptr, 0);
     if (size < 0) {
       log.log(kCannotListXattrs, path);
       return false;
     }
     if (size == 0) return true;
     buffer.assign(static_cast<std::size_t>(size), 0);
-    length = list_xattrs(path, fd, buffer.data(), buffer.size());
+    length = list_xattrs(item, fd, buffer.data(), buffer.size());
     if (length < 1) {
       log.log(kListShrank, path);
       return false;
@@ -91,10 +93,11 @@ bool list_names(const std::string& path, int fd, LogSink& log,
 
 // getxattr without following a link, with the messages of
 // valueForExtendedAttributesKey:forPath:.
-std::optional<Data> read_value(const std::string& name, const std::string& path, int fd,
+std::optional<Data> read_value(const std::string& name, const platform::ItemAt& item, int fd,
                                LogSink& log, std::vector<char>& buffer) {
+  const std::string& path = item.path;
   buffer.resize(kFirstTry);
-  ssize_t length = get_xattr(path, fd, name, buffer.data(), buffer.size());
+  ssize_t length = get_xattr(item, fd, name, buffer.data(), buffer.size());
   if (length >= 0) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(buffer.data());
     return Data(p, p + length);
@@ -103,13 +106,13 @@ std::optional<Data> read_value(const std::string& name, const std::string& path,
     log.log(kCannotGetXattr, path, -1);
     return std::nullopt;
   }
-  const ssize_t size = get_xattr(path, fd, name, nullptr, 0);
+  const ssize_t size = get_xattr(item, fd, name, nullptr, 0);
   if (size < 0) {
     log.log(kCannotGetXattr, path, static_cast<int>(size));
     return std::nullopt;
   }
   Data value(static_cast<std::size_t>(size), 0);
-  length = get_xattr(path, fd, name, value.data(), value.size());
+  length = get_xattr(item, fd, name, value.data(), value.size());
   if (length < 0) {
     // Kept as the platform has always done it: the zero-filled buffer of the
     // size first reported.
@@ -152,7 +155,7 @@ bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink&
     }
   }
   if (fd < 0) {
-    if (int error = read_item_attributes(path, &attributes); error != 0) {
+    if (int error = read_item_attributes(item, &attributes); error != 0) {
       log.log(kGetAttributesFailed, path, error_description(error));
       log.log(kCannotGetAttribute, path);
       return false;
@@ -162,7 +165,7 @@ bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink&
   // class is there at all (most items have none); neither logs on success, so
   // the messages keep their order.
   bool hidden_seen = false;
-  const bool names_ok = list_names(path, fd, log, context.roles.protection_classes, &hidden_seen,
+  const bool names_ok = list_names(item, fd, log, context.roles.protection_classes, &hidden_seen,
                                    context.list_buffer, context.xattr_names);
   if (hidden_seen || !names_ok) {
     if (const platform::ProtectionClasses* classes = context.roles.protection_classes) {
@@ -177,7 +180,7 @@ bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink&
     log.log(kNoAttributeKeys, path);
   } else {
     for (std::string& name : context.xattr_names) {
-      std::optional<Data> value = read_value(name, path, fd, log, context.value_buffer);
+      std::optional<Data> value = read_value(name, item, fd, log, context.value_buffer);
       if (value) context.xattrs.emplace_back(std::move(name), std::move(*value));
     }
   }
@@ -186,7 +189,7 @@ bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink&
   std::optional<std::string> target;
   std::optional<Data> hash;
   if (is_link) {
-    target = link_target(path, log);
+    target = link_target(item, log);
   } else if (fd >= 0) {
     hash = hash_open_file(fd, path, attributes.size, context.hasher, log);
   } else if (S_ISDIR(attributes.mode)) {
@@ -224,7 +227,7 @@ bool build_record(const platform::ItemAt& item, RecordContext& context, LogSink&
 std::optional<Dictionary> file_attributes(const std::string& path, LogSink& log,
                                           const FileRoles& roles) {
   ItemAttributes attributes;
-  if (int error = read_item_attributes(path, &attributes); error != 0) {
+  if (int error = read_item_attributes(platform::ItemAt::by_path(path), &attributes); error != 0) {
     log.log(kGetAttributesFailed, path, error_description(error));
     return std::nullopt;
   }
@@ -245,7 +248,7 @@ std::optional<std::vector<std::string>> extended_attribute_keys(
     bool* hidden_seen, RecordContext* context) {
   std::vector<char> own_buffer;
   std::vector<std::string> names;
-  if (!list_names(path, -1, log, classes, hidden_seen,
+  if (!list_names(platform::ItemAt::by_path(path), -1, log, classes, hidden_seen,
                   context != nullptr ? context->list_buffer : own_buffer, names)) {
     return std::nullopt;
   }
@@ -255,7 +258,7 @@ std::optional<std::vector<std::string>> extended_attribute_keys(
 std::optional<Data> extended_attribute_value(const std::string& name, const std::string& path,
                                              LogSink& log) {
   std::vector<char> buffer;
-  return read_value(name, path, -1, log, buffer);
+  return read_value(name, platform::ItemAt::by_path(path), -1, log, buffer);
 }
 
 std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& log,
@@ -268,16 +271,21 @@ std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& 
   Dictionary out;
   std::vector<char> buffer;
   for (const std::string& name : *names) {
-    std::optional<Data> value = read_value(name, path, -1, log, buffer);
+    std::optional<Data> value = read_value(name, platform::ItemAt::by_path(path), -1, log, buffer);
     if (value) out.insert_or_assign(name, Value(std::move(*value)));
   }
   return out;
 }
 
 std::optional<std::string> link_target(const std::string& path, LogSink& log) {
+  return link_target(platform::ItemAt::by_path(path), log);
+}
+
+std::optional<std::string> link_target(const platform::ItemAt& item, LogSink& log) {
+  const std::string& path = item.path;
   std::string target(PATH_MAX, '\0');
   for (;;) {
-    const ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
+    const ssize_t n = ::readlinkat(item.directory, item.name, target.data(), target.size());
     if (n < 0) {
       log.log(kNoLinkTarget, path, error_description(errno));
       return std::nullopt;

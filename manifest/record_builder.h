@@ -70,6 +70,8 @@ std::optional<Dictionary> extended_attributes(const std::string& path, LogSink& 
 // targetFileWithPath: the link's target exactly as stored (a target that is
 // not UTF-8 counts as unreadable).
 std::optional<std::string> link_target(const std::string& path, LogSink& log);
+// The same for an item in its directory.
+std::optional<std::string> link_target(const platform::ItemAt& item, LogSink& log);
 // fileHashWithPath: the digest, empty bytes for a directory or an unreadable
 // file, nothing when nothing is at the path.
 std::optional<Data> file_hash_with_path(const std::string& path, FileHasher& hasher, LogSink& log);

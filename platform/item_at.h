@@ -9,6 +9,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <string>
@@ -30,5 +31,15 @@ struct ItemAt {
 // the final component: setxattrat (Linux 6.13) where the kernel has it, else
 // lsetxattr on the whole path. 0 or an errno value.
 int set_xattr(const ItemAt& item, const char* name, const void* value, std::size_t size);
+
+// The names of the item's extended attributes as listxattr gives them, never
+// following a link in the final component: listxattrat (Linux 6.13) where the
+// kernel has it, else llistxattr on the whole path. Their length in bytes, or
+// -1 with errno set.
+ssize_t list_xattrs(const ItemAt& item, char* buffer, std::size_t size);
+
+// The value of the item's extended attribute `name`, the same way
+// (getxattrat, else lgetxattr): its length in bytes, or -1 with errno set.
+ssize_t get_xattr(const ItemAt& item, const char* name, void* buffer, std::size_t size);
 
 }  // namespace platform
