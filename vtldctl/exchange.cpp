@@ -21,10 +21,6 @@ namespace {
 
 using End = ExchangeResult::End;
 
-// The helper's message keys.
-constexpr const char* kResponseKey = "Response";
-constexpr const char* kProgressKey = "Progress";
-
 // The longest path a Unix socket's address holds (its terminating NUL aside).
 constexpr std::size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 

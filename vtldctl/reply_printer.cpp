@@ -17,10 +17,6 @@ constexpr std::int64_t kBarWidth = 20;
 constexpr std::int64_t kLineStep = 10;
 constexpr auto kLineInterval = std::chrono::seconds(1);
 
-// The helper's message keys.
-constexpr const char* kResponseKey = "Response";
-constexpr const char* kDataKey = "Data";
-
 // The helper reports its count as it runs, and a count that overshoots its
 // total goes past 100; what is shown stays within 0..100.
 std::int64_t shown_percent(std::int64_t percent) {
@@ -84,7 +80,7 @@ void ReplyPrinter::progress(std::int64_t percent) {
   } else if (!progress_line_due(shown)) {
     return;
   } else if (options_.json) {
-    print_json_line(out_, Json{{"Progress", shown}});
+    print_json_line(out_, Json{{kProgressKey, shown}});
   } else {
     fmt::print(err_, "Progress: {}%\n", shown);
     (void)std::fflush(err_);

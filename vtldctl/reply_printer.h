@@ -18,6 +18,11 @@
 
 namespace vtldctl {
 
+// The keys of the helper's messages: an answer, a progress count, data.
+inline constexpr const char* kResponseKey = "Response";
+inline constexpr const char* kProgressKey = "Progress";
+inline constexpr const char* kDataKey = "Data";
+
 // One bar, e.g. "[##########          ]  50%". Values outside 0..100 (the
 // helper does not cap a count that overshoots its total) are shown as the
 // nearest bound.
