@@ -27,27 +27,6 @@ constexpr const char* kCannotReadData = "Cannot read data from %@.";
 // the lease itself.
 constexpr auto kLeaseWait = std::chrono::seconds(60);
 
-// Opens without blocking: the open never hangs on a FIFO, and a lease makes it
-// fail with EWOULDBLOCK after starting the lease break, so it is simply tried
-// again until the holder lets go.
-// `name` is looked up in `directory` (AT_FDCWD: a path).
-int open_for_hashing(int directory, const char* name) {
-  int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOATIME;
-  const auto deadline = std::chrono::steady_clock::now() + kLeaseWait;
-  auto pause = std::chrono::milliseconds(1);
-  for (;;) {
-    const int fd = ::openat(directory, name, flags);
-    if (fd >= 0) return fd;
-    if (errno == EPERM && (flags & O_NOATIME) != 0) {
-      flags &= ~O_NOATIME;  // not ours to keep the access time of
-      continue;
-    }
-    if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(pause);
-    pause = std::min(pause * 2, std::chrono::milliseconds(50));
-  }
-}
-
 // cachestat (Linux 6.5): how many pages of a range are in the page cache.
 // The C library of this system does not wrap it yet; its number is the same
 // on every architecture.
@@ -108,8 +87,24 @@ FileHasher::~FileHasher() {
 
 int FileHasher::open(const std::string& path) { return open_at(AT_FDCWD, path.c_str()); }
 
+// Opens without blocking: the open never hangs on a FIFO, and a lease makes it
+// fail with EWOULDBLOCK after starting the lease break, so it is simply tried
+// again until the holder lets go.
 int FileHasher::open_at(int directory, const char* name) {
-  return open_for_hashing(directory, name);
+  int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOATIME;
+  const auto deadline = std::chrono::steady_clock::now() + kLeaseWait;
+  auto pause = std::chrono::milliseconds(1);
+  for (;;) {
+    const int fd = ::openat(directory, name, flags);
+    if (fd >= 0) return fd;
+    if (errno == EPERM && (flags & O_NOATIME) != 0) {
+      flags &= ~O_NOATIME;  // not ours to keep the access time of
+      continue;
+    }
+    if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) return -1;
+    std::this_thread::sleep_for(pause);
+    pause = std::min(pause * 2, std::chrono::milliseconds(50));
+  }
 }
 
 std::optional<Data> FileHasher::fileHash(const std::string& path, LogSink& log) {

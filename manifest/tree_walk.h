@@ -110,7 +110,7 @@ class TreeWalk {
 
   // Listings are read straight from the kernel into this, many entries a
   // call: a directory stream would cost three more calls per directory
-  // (fdopendir's checks), and list in smaller batches.
+  // (fdopendir's checks).
   static constexpr std::size_t kListingBuffer = std::size_t{32} << 10;
 
   std::string root_;

@@ -108,6 +108,12 @@ bool settled(const Version& version, vtl::Date read_at) {
   return std::max(version.modified, version.changed) + std::chrono::seconds(2) <= read_at;
 }
 
+// Whether what `now` describes is still `version`, read at `read_at`, and
+// settled: what was kept from that read stands for it.
+bool still(const Version& version, vtl::Date read_at, const struct stat& now) {
+  return version == version_of(now) && settled(version, read_at);
+}
+
 // The names of the entitlements files in `directory`, in name order.
 std::vector<std::string> list_names(int directory) {
   std::vector<std::string> names;
@@ -168,8 +174,7 @@ class EntitlementsDirectory {
       notes->push_back(dir_ + " is ignored: it is not owned by root, or others may write to it");
       return plists;
     }
-    if (!listed_ || listed_->version != version_of(st) ||
-        !settled(listed_->version, listed_->read_at)) {
+    if (!listed_ || !still(listed_->version, listed_->read_at, st)) {
       listed_ = Listing{version_of(st), clock_.now(), list_names(directory.get())};
       std::erase_if(files_, [this](const auto& entry) {
         return !std::binary_search(listed_->names.begin(), listed_->names.end(), entry.first);
@@ -200,10 +205,9 @@ class EntitlementsDirectory {
   // checks made when each was read still hold; anything else is left to the
   // look through the opened directory.
   bool unchanged() {
-    if (!listed_ || !settled(listed_->version, listed_->read_at)) return false;
     struct stat st {};
-    if (::fstatat(AT_FDCWD, dir_.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-        version_of(st) != listed_->version) {
+    if (!listed_ || ::fstatat(AT_FDCWD, dir_.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !still(listed_->version, listed_->read_at, st)) {
       return false;
     }
     std::string path = dir_ + "/";
@@ -211,9 +215,9 @@ class EntitlementsDirectory {
       const auto kept = files_.find(name);
       path.resize(dir_.size() + 1);
       path += name;
-      if (kept == files_.end() || !settled(kept->second.version, kept->second.read_at) ||
+      if (kept == files_.end() ||
           ::fstatat(AT_FDCWD, path.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-          version_of(st) != kept->second.version) {
+          !still(kept->second.version, kept->second.read_at, st)) {
         return false;
       }
     }
@@ -241,8 +245,7 @@ class EntitlementsDirectory {
     struct stat st {};
     if (::fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return nullptr;
     const auto kept = files_.find(name);
-    if (kept != files_.end() && kept->second.version == version_of(st) &&
-        settled(kept->second.version, kept->second.read_at)) {
+    if (kept != files_.end() && still(kept->second.version, kept->second.read_at, st)) {
       return &kept->second;
     }
     File file{version_of(st), clock_.now(), false, nullptr};
