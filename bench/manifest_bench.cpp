@@ -120,6 +120,20 @@ void note(const std::string& text) { fmt::print(stderr, "manifest_bench: {}\n", 
 
 // --- Processes -----------------------------------------------------------------
 
+// Waits for the child `pid`, started at `start`: wall time, CPU time, peak
+// resident memory and whether it exited with 0.
+Measure wait_for(pid_t pid, Clock::time_point start) {
+  int status = 0;
+  rusage usage{};
+  ::wait4(pid, &status, 0, &usage);
+  Measure m;
+  m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  m.cpu_seconds = bench::cpu_seconds(usage);
+  m.peak_kib = usage.ru_maxrss;
+  m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return m;
+}
+
 // Runs `argv` with standard output to `out` (or /dev/null); wall time and the
 // child's peak resident memory.
 Measure run_program(const std::vector<std::string>& argv, const std::string& out) {
@@ -138,15 +152,7 @@ Measure run_program(const std::vector<std::string>& argv, const std::string& out
     ::execvp(args[0], args.data());
     ::_exit(127);
   }
-  int status = 0;
-  rusage usage{};
-  ::wait4(pid, &status, 0, &usage);
-  Measure m;
-  m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  m.cpu_seconds = bench::cpu_seconds(usage);
-  m.peak_kib = usage.ru_maxrss;
-  m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  return m;
+  return wait_for(pid, start);
 }
 
 // Runs `body` in a child; its exit status is body's result.
@@ -154,15 +160,7 @@ Measure run_child(const std::function<bool()>& body) {
   const auto start = Clock::now();
   const pid_t pid = ::fork();
   if (pid == 0) ::_exit(body() ? 0 : 1);
-  int status = 0;
-  rusage usage{};
-  ::wait4(pid, &status, 0, &usage);
-  Measure m;
-  m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  m.cpu_seconds = bench::cpu_seconds(usage);
-  m.peak_kib = usage.ru_maxrss;
-  m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  return m;
+  return wait_for(pid, start);
 }
 
 // The regular files of `tree`, as a walk that does not follow links finds
