@@ -233,6 +233,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"BinaryNulInString", binary_of({ascii(std::string_view("a\0b", 3))})},
         Malformed{"BinaryNotUtf8", binary_of({{0x52, 0xC3, 0x28}})},
         Malformed{"BinaryRepeatedKey", binary_of({{0xD2, 1, 1, 2, 2}, ascii("k"), {0x10, 1}})},
+        Malformed{"BinaryRepeatedKeyOutOfOrder",
+                  binary_of({{0xD3, 1, 2, 1, 3, 3, 3}, ascii("b"), ascii("a"), {0x10, 1}})},
         Malformed{"BinaryNonStringKey", binary_of({{0xD1, 1, 1}, {0x10, 1}})},
         Malformed{"BinaryNaNDate", binary_of({{0x33, 0x7F, 0xF8, 0, 0, 0, 0, 0, 0}})},
         Malformed{"BinaryDateBefore1677", binary_of({date_object(-1.1e10)})},
