@@ -528,8 +528,11 @@ Value to_value(const Object& object) {
     }
     case Object::Type::kDictionary: {
       Dictionary dictionary;
-      for (std::size_t i = 0; i < object.size(); ++i) {
-        dictionary.emplace(*object.key(i).text(), to_value(object.value(i)));
+      // Keys usually come in order: each is then placed after the last
+      // with a single comparison.
+      const std::size_t size = object.size();
+      for (std::size_t i = 0; i < size; ++i) {
+        dictionary.emplace_hint(dictionary.end(), *object.key(i).text(), to_value(object.value(i)));
       }
       return Value(std::move(dictionary));
     }
