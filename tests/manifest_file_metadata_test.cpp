@@ -392,16 +392,22 @@ TEST_F(FileMetadataTest, SmallFilesAreKeptInTheCacheOnlyWhenFoundThereWhole) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string path = at(std::string("small-") + c.name);
-    write_file(path, content);
-    evict(path);
-    read_pages(path, c.pages_read_before);
-    const std::size_t before = resident_pages(path);
-    ASSERT_LE(before, c.pages_read_before);
-
-    EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(content));
-    // A page the kernel took back on its own just before would make a warm
-    // file partly cold: the rule is applied to what was there.
-    EXPECT_EQ(resident_pages(path), before == 5 ? 5U : 0U);
+    std::size_t before = 0;
+    std::size_t after = 0;
+    // A page the kernel takes back on its own between the look and the hash
+    // makes a warm file partly cold, and the rule drops it: what looks like
+    // a warm file dropped is tried again, a few times.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      write_file(path, content);
+      evict(path);
+      read_pages(path, c.pages_read_before);
+      before = resident_pages(path);
+      ASSERT_LE(before, c.pages_read_before);
+      EXPECT_EQ(VTLFileMetadata::fileHashWithPath(path), sha1(content));
+      after = resident_pages(path);
+      if (before != 5 || after != 0) break;
+    }
+    EXPECT_EQ(after, before == 5 ? 5U : 0U);
   }
 }
 
