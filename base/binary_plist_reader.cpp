@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "base/big_endian.h"
 #include "base/plist.h"
 #include "base/utf8.h"
 
@@ -39,28 +40,16 @@ enum : std::uint8_t {
 // A big-endian unsigned integer of `n` bytes. Every reference and offset is
 // read through here: the widths writers use are loaded whole, others byte by
 // byte.
-template <typename T>
-std::uint64_t load_big_endian(const std::uint8_t* p) {
-  T v = 0;
-  std::memcpy(&v, p, sizeof v);
-  if constexpr (std::endian::native == std::endian::little) {
-    if constexpr (sizeof v == 2) v = __builtin_bswap16(v);
-    if constexpr (sizeof v == 4) v = __builtin_bswap32(v);
-    if constexpr (sizeof v == 8) v = __builtin_bswap64(v);
-  }
-  return v;
-}
-
 std::uint64_t big_endian(const std::uint8_t* p, std::size_t n) {
   switch (n) {
     case 1:
       return p[0];
     case 2:
-      return load_big_endian<std::uint16_t>(p);
+      return load_big_endian<2>(p);
     case 4:
-      return load_big_endian<std::uint32_t>(p);
+      return load_big_endian<4>(p);
     case 8:
-      return load_big_endian<std::uint64_t>(p);
+      return load_big_endian<8>(p);
     default: {
       std::uint64_t v = 0;
       for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "base/big_endian.h"
+
 namespace vtl::bplist {
 namespace {
 
@@ -162,23 +164,6 @@ ObjectWriter::Ref ObjectWriter::begin_object() {
 }
 
 namespace {
-
-// Big-endian values of a width known at compile time: a byte swap and a copy.
-template <unsigned Width>
-void store_big_endian(std::uint8_t* p, std::uint64_t value) {
-  if constexpr (Width == 1) {
-    *p = static_cast<std::uint8_t>(value);
-  } else if constexpr (Width == 2) {
-    const auto v = __builtin_bswap16(static_cast<std::uint16_t>(value));
-    std::memcpy(p, &v, 2);
-  } else if constexpr (Width == 4) {
-    const auto v = __builtin_bswap32(static_cast<std::uint32_t>(value));
-    std::memcpy(p, &v, 4);
-  } else {
-    const auto v = __builtin_bswap64(value);
-    std::memcpy(p, &v, 8);
-  }
-}
 
 template <unsigned Width>
 std::uint8_t* store_refs(std::uint8_t* p, std::span<const std::uint64_t> refs) {
